@@ -1,0 +1,64 @@
+#include "core/app.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "core/error.h"
+#include "core/items.h"
+
+#ifndef KELVO_GIT_VERSION
+#define KELVO_GIT_VERSION "unknown"
+#endif
+
+namespace kv {
+
+uint8_t MessageBoxesEnabled = 1;
+
+namespace {
+BoxPresenter g_presenter = nullptr;
+bool g_quietSkipped = false;
+StatusSink g_statusSink = nullptr;
+std::string g_lastStatus;
+}  // namespace
+
+void SetBoxPresenter(BoxPresenter presenter) { g_presenter = presenter; }
+void SetSkippedBoxesQuiet(bool quiet) { g_quietSkipped = quiet; }
+
+int MessageBox(const std::string& text, const std::string& title, BoxButtons buttons) {
+  if (MessageBoxesEnabled && g_presenter) return g_presenter(text, title, buttons);
+  if (!g_quietSkipped && MessageBoxesEnabled) {
+    std::fprintf(stderr, "%s: %s\n", title.empty() ? kProgramName : title.c_str(), text.c_str());
+  }
+  return kBoxOk;
+}
+
+void ShowErrorBox() {
+  MessageBox(ErrorMessage, ErrorContext[0] ? ErrorContext : kProgramName, BoxButtons::Ok);
+}
+
+void StatusText(const char* format, ...) {
+  char buffer[1024];
+  va_list ap;
+  va_start(ap, format);
+  std::vsnprintf(buffer, sizeof buffer, format, ap);
+  va_end(ap);
+  g_lastStatus = buffer;
+  if (g_statusSink) g_statusSink(g_lastStatus);
+}
+
+void SetStatusSink(StatusSink sink) { g_statusSink = sink; }
+const std::string& LastStatusText() { return g_lastStatus; }
+
+AppState& App() {
+  static AppState state;
+  return state;
+}
+
+Collection& MainCollection() {
+  static Collection main;
+  return main;
+}
+
+const char* BuildVersion() { return KELVO_GIT_VERSION; }
+
+}  // namespace kv

@@ -1,0 +1,62 @@
+// Process-wide state of the application's command flow: message boxes, the
+// status text, and the flags that commands raise while they run.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "core/types.h"
+
+namespace kv {
+
+class Collection;
+
+// Cleared by -NOMSG, and for a run without a display. While it is 0 every box
+// returns 1 at once, which no caller reads as "Yes".
+extern uint8_t MessageBoxesEnabled;
+
+// Return values of a box, as the buttons number them.
+inline constexpr int kBoxOk = 1;
+inline constexpr int kBoxYes = 6;
+inline constexpr int kBoxNo = 7;
+
+enum class BoxButtons { Ok, YesNo, ThreeWay };
+
+// Shows a box through the installed presenter (the GUI's, or the command
+// line's, which prints "Title: text" to stderr when boxes are off). Returns
+// the button pressed, or 1 when boxes are off.
+int MessageBox(const std::string& text, const std::string& title, BoxButtons buttons = BoxButtons::Ok);
+
+// Presenter hook: the GUI installs a real dialog; null means no display.
+using BoxPresenter = int (*)(const std::string& text, const std::string& title, BoxButtons buttons);
+void SetBoxPresenter(BoxPresenter presenter);
+// Where skipped boxes are reported when there is no presenter (stderr by
+// default; -NOMSG turns it off).
+void SetSkippedBoxesQuiet(bool quiet);
+
+// The standard reaction to a false result: ErrorMessage under the title
+// ErrorContext ("Kelvo Studio" when empty).
+void ShowErrorBox();
+
+// Status text: progress and results, with the words "Done:" and "Failed:".
+void StatusText(const char* format, ...) __attribute__((format(printf, 1, 2)));
+using StatusSink = void (*)(const std::string& text);
+void SetStatusSink(StatusSink sink);
+const std::string& LastStatusText();
+
+struct AppState {
+  bool busy = false;               // a multi-file open or conversion runs
+  bool savingOrConverting = false; // close requests are ignored while set
+  bool refresh = false;            // trees and lists must be rebuilt
+  ItemId currentItem = kNoItem;    // item to select after the command, kNoItem keeps
+};
+AppState& App();
+
+// The main collection, one per process.
+Collection& MainCollection();
+
+inline constexpr const char* kProgramName = "Kelvo Studio";
+inline constexpr const char* kProgramTitle = "Kelvo Studio v12.5";
+const char* BuildVersion();
+
+}  // namespace kv
