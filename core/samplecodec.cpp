@@ -1,0 +1,455 @@
+#include "core/samplecodec.h"
+
+#include <array>
+#include <cstring>
+
+// The build's default -O2 on GCC uses the "very cheap" vectoriser, which skips
+// any loop that needs a remainder; these loops are the hot path of every load.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC optimize("tree-vectorize", "vect-cost-model=dynamic")
+#endif
+
+namespace kv {
+
+namespace {
+
+inline uint16_t Load16(const uint8_t* p, bool bigEndian) {
+  return bigEndian ? static_cast<uint16_t>(p[0] << 8 | p[1]) : static_cast<uint16_t>(p[1] << 8 | p[0]);
+}
+
+inline uint32_t Load32(const uint8_t* p, bool bigEndian) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return bigEndian ? __builtin_bswap32(v) : v;
+}
+
+inline void Store16(uint8_t* p, uint16_t v, bool bigEndian) {
+  if (bigEndian) v = __builtin_bswap16(v);
+  std::memcpy(p, &v, 2);
+}
+
+inline void Store32(uint8_t* p, uint32_t v, bool bigEndian) {
+  if (bigEndian) v = __builtin_bswap32(v);
+  std::memcpy(p, &v, 4);
+}
+
+constexpr int16_t MuLawExpand(uint8_t code) {
+  int u = ~code & 0xFF;
+  int t = ((u & 0x0F) << 3) + 0x84;
+  t <<= (u & 0x70) >> 4;
+  return static_cast<int16_t>((u & 0x80) ? 0x84 - t : t - 0x84);
+}
+
+constexpr int16_t ALawExpand(uint8_t code) {
+  int a = code ^ 0x55;
+  int t = (a & 0x0F) << 4;
+  int seg = (a & 0x70) >> 4;
+  if (seg == 0) {
+    t += 8;
+  } else {
+    t += 0x108;
+    t <<= seg - 1;
+  }
+  return static_cast<int16_t>((a & 0x80) ? t : -t);
+}
+
+template <int16_t (*Fn)(uint8_t)>
+constexpr std::array<int16_t, 256> MakeTable() {
+  std::array<int16_t, 256> t{};
+  for (int i = 0; i < 256; ++i) t[i] = Fn(static_cast<uint8_t>(i));
+  return t;
+}
+
+constexpr std::array<int16_t, 256> kMuLaw = MakeTable<MuLawExpand>();
+constexpr std::array<int16_t, 256> kALaw = MakeTable<ALawExpand>();
+
+constexpr int kSegmentEnd[8] = {0xFF, 0x1FF, 0x3FF, 0x7FF, 0xFFF, 0x1FFF, 0x3FFF, 0x7FFF};
+
+inline int Segment(int magnitude) {
+  int n = 0;
+  while (n < 8 && magnitude > kSegmentEnd[n]) ++n;
+  return n;
+}
+
+// trunc((f + 1) * scale + 0.5) limited to 0..top, in double: the float sum
+// would round before the truncation and move some samples by one step.
+inline int64_t Quantise(float f, double scale, double top) {
+  double v = (static_cast<double>(f) + 1.0) * scale + 0.5;
+  v = v > 0.0 ? v : 0.0;  // also takes NaN to 0
+  v = v < top ? v : top;
+  return static_cast<int64_t>(v);
+}
+
+}  // namespace
+
+// ---- to the 16-bit form ----
+
+void kvDecodePcm8(std::span<const uint8_t> in, std::span<int16_t> out, bool isUnsigned) {
+  const uint8_t* s = in.data();
+  int16_t* d = out.data();
+  const std::size_t n = out.size();
+  const uint8_t flip = isUnsigned ? 0x80 : 0;
+  for (std::size_t i = 0; i < n; ++i) d[i] = static_cast<int16_t>(static_cast<uint16_t>((s[i] ^ flip) << 8));
+}
+
+void kvDecodePcm12(std::span<const uint8_t> in, std::span<int16_t> out, bool bigEndian, bool isUnsigned) {
+  const uint8_t* s = in.data();
+  int16_t* d = out.data();
+  const std::size_t n = out.size();
+  const uint16_t flip = isUnsigned ? 0x8000 : 0;
+  std::size_t i = 0;
+  for (; i + 1 < n; i += 2, s += 3) {
+    uint16_t a, b;
+    if (bigEndian) {
+      a = static_cast<uint16_t>(s[0] << 8 | (s[1] & 0xF0));
+      b = static_cast<uint16_t>((s[1] << 8 | s[2]) << 4);
+    } else {
+      a = static_cast<uint16_t>((s[1] << 8 | s[0]) << 4);
+      b = static_cast<uint16_t>(s[2] << 8 | (s[1] & 0xF0));
+    }
+    d[i] = static_cast<int16_t>(a ^ flip);
+    d[i + 1] = static_cast<int16_t>(b ^ flip);
+  }
+  if (i < n) {  // the last pair holds only its first sample, in two bytes
+    uint16_t a = bigEndian ? static_cast<uint16_t>(s[0] << 8 | (s[1] & 0xF0))
+                           : static_cast<uint16_t>((s[1] << 8 | s[0]) << 4);
+    d[i] = static_cast<int16_t>(a ^ flip);
+  }
+}
+
+void kvDecodePcm16(std::span<const uint8_t> in, std::span<int16_t> out, bool bigEndian, bool isUnsigned) {
+  const uint8_t* s = in.data();
+  int16_t* d = out.data();
+  const std::size_t n = out.size();
+  const uint16_t flip = isUnsigned ? 0x8000 : 0;
+  for (std::size_t i = 0; i < n; ++i) d[i] = static_cast<int16_t>(Load16(s + 2 * i, bigEndian) ^ flip);
+}
+
+void kvDecodePcm16InPlace(std::span<int16_t> data, bool bigEndian, bool isUnsigned) {
+  if (!bigEndian && !isUnsigned) return;
+  uint16_t* d = reinterpret_cast<uint16_t*>(data.data());
+  const std::size_t n = data.size();
+  const uint16_t flip = isUnsigned ? 0x8000 : 0;  // adding 0x8000 with wrap is a flip of the top bit
+  if (bigEndian) {
+    for (std::size_t i = 0; i < n; ++i) d[i] = static_cast<uint16_t>(__builtin_bswap16(d[i]) ^ flip);
+  } else {
+    for (std::size_t i = 0; i < n; ++i) d[i] = static_cast<uint16_t>(d[i] ^ flip);
+  }
+}
+
+void kvDecodeDelta8(std::span<const uint8_t> in, std::span<int16_t> out, bool isUnsigned) {
+  const uint8_t* s = in.data();
+  int16_t* d = out.data();
+  const std::size_t n = out.size();
+  const uint8_t flip = isUnsigned ? 0x80 : 0;
+  uint8_t sum = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    sum = static_cast<uint8_t>(sum + s[i]);
+    d[i] = static_cast<int16_t>(static_cast<uint16_t>((sum ^ flip) << 8));
+  }
+}
+
+void kvDecodeDelta16InPlace(std::span<int16_t> data, bool bigEndian, bool isUnsigned) {
+  uint16_t* d = reinterpret_cast<uint16_t*>(data.data());
+  const std::size_t n = data.size();
+  const uint16_t flip = isUnsigned ? 0x8000 : 0;
+  uint16_t sum = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    uint16_t v = bigEndian ? __builtin_bswap16(d[i]) : d[i];
+    sum = static_cast<uint16_t>(sum + v);
+    d[i] = static_cast<uint16_t>(sum ^ flip);
+  }
+}
+
+void kvDecodeMuLaw(std::span<const uint8_t> in, std::span<int16_t> out) {
+  for (std::size_t i = 0; i < out.size(); ++i) out[i] = kMuLaw[in[i]];
+}
+
+void kvDecodeALaw(std::span<const uint8_t> in, std::span<int16_t> out) {
+  for (std::size_t i = 0; i < out.size(); ++i) out[i] = kALaw[in[i]];
+}
+
+int16_t kvMuLawToLinear(uint8_t code) { return kMuLaw[code]; }
+int16_t kvALawToLinear(uint8_t code) { return kALaw[code]; }
+
+// ---- to float ----
+
+void kvDecodePcm20(std::span<const uint8_t> in, std::span<float> out, bool bigEndian, bool isUnsigned) {
+  const uint8_t* s = in.data();
+  float* d = out.data();
+  const std::size_t n = out.size();
+  const uint32_t flip = isUnsigned ? 0x80000000u : 0;
+  // Negated scale: the inverted sign of this coding.
+  const float scale = -kScale32;
+  auto emit = [&](std::size_t i, uint32_t v20) {
+    d[i] = static_cast<float>(static_cast<int32_t>((v20 << 12) ^ flip)) * scale;
+  };
+  std::size_t i = 0;
+  // Whole groups: two samples in five bytes.
+  for (; i + 1 < n; i += 2, s += 5) {
+    if (bigEndian) {
+      emit(i, uint32_t{s[0]} << 12 | uint32_t{s[1]} << 4 | s[2] >> 4);
+      emit(i + 1, uint32_t(s[2] & 0x0F) << 16 | uint32_t{s[3]} << 8 | s[4]);
+    } else {
+      emit(i, uint32_t{s[0]} | uint32_t{s[1]} << 8 | uint32_t(s[2] & 0x0F) << 16);
+      emit(i + 1, uint32_t{s[2]} >> 4 | uint32_t{s[3]} << 4 | uint32_t{s[4]} << 12);
+    }
+  }
+  if (i < n) {  // odd count: the last value in three bytes, half of the last one unused
+    if (bigEndian) {
+      emit(i, uint32_t{s[0]} << 12 | uint32_t{s[1]} << 4 | s[2] >> 4);
+    } else {
+      emit(i, uint32_t{s[0]} | uint32_t{s[1]} << 8 | uint32_t(s[2] & 0x0F) << 16);
+    }
+  }
+}
+
+void kvDecodePcm24(std::span<const uint8_t> in, std::span<float> out, bool bigEndian, bool isUnsigned) {
+  const uint8_t* s = in.data();
+  float* d = out.data();
+  const std::size_t n = out.size();
+  const uint32_t flip = isUnsigned ? 0x80000000u : 0;
+  if (bigEndian) {
+    for (std::size_t i = 0; i < n; ++i) {
+      const uint8_t* p = s + 3 * i;
+      uint32_t v = (uint32_t{p[2]} << 8 | uint32_t{p[1]} << 16 | uint32_t{p[0]} << 24) ^ flip;
+      d[i] = static_cast<float>(static_cast<int32_t>(v)) * kScale32;
+    }
+  } else {
+    for (std::size_t i = 0; i < n; ++i) {
+      const uint8_t* p = s + 3 * i;
+      uint32_t v = (uint32_t{p[0]} << 8 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 24) ^ flip;
+      d[i] = static_cast<float>(static_cast<int32_t>(v)) * kScale32;
+    }
+  }
+}
+
+void kvDecodePcm32(std::span<const uint8_t> in, std::span<float> out, bool bigEndian, bool isUnsigned) {
+  const uint8_t* s = in.data();
+  float* d = out.data();
+  const std::size_t n = out.size();
+  const uint32_t flip = isUnsigned ? 0x80000000u : 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    d[i] = static_cast<float>(static_cast<int32_t>(Load32(s + 4 * i, bigEndian) ^ flip)) * kScale32;
+  }
+}
+
+void kvDecodePcm32InPlace(std::span<float> data, bool bigEndian, bool isUnsigned) {
+  float* d = data.data();
+  const std::size_t n = data.size();
+  const uint32_t flip = isUnsigned ? 0x80000000u : 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    uint32_t v;
+    std::memcpy(&v, d + i, 4);
+    if (bigEndian) v = __builtin_bswap32(v);
+    d[i] = static_cast<float>(static_cast<int32_t>(v ^ flip)) * kScale32;
+  }
+}
+
+void kvDecodeFloat32InPlace(std::span<float> data, bool bigEndian) {
+  if (!bigEndian) return;
+  float* d = data.data();
+  for (std::size_t i = 0; i < data.size(); ++i) {
+    uint32_t v;
+    std::memcpy(&v, d + i, 4);
+    v = __builtin_bswap32(v);
+    std::memcpy(d + i, &v, 4);
+  }
+}
+
+void kvDecodeFloat64(std::span<const uint8_t> in, std::span<float> out, bool bigEndian) {
+  const uint8_t* s = in.data();
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    uint64_t v;
+    std::memcpy(&v, s + 8 * i, 8);
+    if (bigEndian) v = __builtin_bswap64(v);
+    double x;
+    std::memcpy(&x, &v, 8);
+    out[i] = static_cast<float>(x);
+  }
+}
+
+// ---- between the memory forms ----
+
+void kv16ToFloat(std::span<const int16_t> in, std::span<float> out) {
+  const int16_t* s = in.data();
+  float* d = out.data();
+  for (std::size_t i = 0; i < out.size(); ++i) d[i] = static_cast<float>(s[i]) * kScale16;
+}
+
+void kvFloatTo16(std::span<const float> in, std::span<int16_t> out) {
+  const float* s = in.data();
+  int16_t* d = out.data();
+  const std::size_t n = in.size();
+  for (std::size_t i = 0; i < n; ++i) {
+    double v = (static_cast<double>(s[i]) + 1.0) * 32768.0 + 0.5;
+    v = v > 0.0 ? v : 0.0;
+    v = v < 65535.0 ? v : 65535.0;
+    d[i] = static_cast<int16_t>(static_cast<int32_t>(v) - 32768);
+  }
+}
+
+int16_t kvFloatSampleTo16(float f) { return static_cast<int16_t>(Quantise(f, 32768.0, 65535.0) - 32768); }
+
+// ---- out of the memory forms ----
+
+void kvEncodePcm8(std::span<const int16_t> in, std::span<uint8_t> out, bool isUnsigned) {
+  const int16_t* s = in.data();
+  uint8_t* d = out.data();
+  const uint8_t flip = isUnsigned ? 0x80 : 0;  // (s + 32768) >> 8 is the high byte with its top bit flipped
+  for (std::size_t i = 0; i < in.size(); ++i) d[i] = static_cast<uint8_t>((static_cast<uint16_t>(s[i]) >> 8) ^ flip);
+}
+
+void kvEncodePcm16(std::span<const int16_t> in, std::span<uint8_t> out, bool bigEndian, bool isUnsigned) {
+  const uint16_t flip = isUnsigned ? 0x8000 : 0;
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    Store16(out.data() + 2 * i, static_cast<uint16_t>(static_cast<uint16_t>(in[i]) ^ flip), bigEndian);
+  }
+}
+
+void kvEncodePcm24(std::span<const float> in, std::span<uint8_t> out, bool bigEndian, bool isUnsigned) {
+  uint8_t* d = out.data();
+  for (std::size_t i = 0; i < in.size(); ++i, d += 3) {
+    uint32_t t = static_cast<uint32_t>(Quantise(in[i], 8388608.0, 16777215.0));
+    if (!isUnsigned) t -= 0x800000;  // two's complement in the low 24 bits
+    if (bigEndian) {
+      d[0] = static_cast<uint8_t>(t >> 16);
+      d[1] = static_cast<uint8_t>(t >> 8);
+      d[2] = static_cast<uint8_t>(t);
+    } else {
+      d[0] = static_cast<uint8_t>(t);
+      d[1] = static_cast<uint8_t>(t >> 8);
+      d[2] = static_cast<uint8_t>(t >> 16);
+    }
+  }
+}
+
+void kvEncodePcm32(std::span<const float> in, std::span<uint8_t> out, bool bigEndian, bool isUnsigned) {
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    uint32_t t = static_cast<uint32_t>(Quantise(in[i], 2147483648.0, 4294967295.0));
+    if (!isUnsigned) t += 0x80000000u;
+    Store32(out.data() + 4 * i, t, bigEndian);
+  }
+}
+
+void kvEncodeFloat32(std::span<const float> in, std::span<uint8_t> out, bool bigEndian) {
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    uint32_t v;
+    std::memcpy(&v, &in[i], 4);
+    Store32(out.data() + 4 * i, v, bigEndian);
+  }
+}
+
+void kvEncodeFloat64(std::span<const float> in, std::span<uint8_t> out, bool bigEndian) {
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    double x = in[i];
+    uint64_t v;
+    std::memcpy(&v, &x, 8);
+    if (bigEndian) v = __builtin_bswap64(v);
+    std::memcpy(out.data() + 8 * i, &v, 8);
+  }
+}
+
+uint8_t kvLinearToMuLaw(int16_t s) {
+  int magnitude = s < 0 ? ~s : s;
+  int n = Segment(magnitude);
+  int code = n < 8 ? n * 16 + ((magnitude >> (n + 3)) & 15) : 0x7F;
+  return static_cast<uint8_t>(code ^ (s < 0 ? 0x7F : 0xFF));
+}
+
+uint8_t kvLinearToALaw(int16_t s) {
+  // For -7..-1 the magnitude is negative and lands in segment 0 with all
+  // mantissa bits set; earlier versions wrote exactly that.
+  int magnitude = s < 0 ? -8 - s : s;
+  int n = Segment(magnitude);
+  int code;
+  if (n >= 8) {
+    code = 0x7F;
+  } else {
+    code = n * 16 + ((n < 2 ? magnitude >> 4 : magnitude >> (n + 3)) & 15);
+  }
+  return static_cast<uint8_t>(code ^ (s < 0 ? 0x55 : 0xD5));
+}
+
+void kvEncodeMuLaw(std::span<const int16_t> in, std::span<uint8_t> out) {
+  for (std::size_t i = 0; i < in.size(); ++i) out[i] = kvLinearToMuLaw(in[i]);
+}
+
+void kvEncodeALaw(std::span<const int16_t> in, std::span<uint8_t> out) {
+  for (std::size_t i = 0; i < in.size(); ++i) out[i] = kvLinearToALaw(in[i]);
+}
+
+void kvEncodeDelta8(std::span<const int16_t> in, std::span<uint8_t> out, bool isUnsigned) {
+  const uint8_t flip = isUnsigned ? 0x80 : 0;
+  uint8_t last = 0;
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    uint8_t v = static_cast<uint8_t>((static_cast<uint16_t>(in[i]) >> 8) ^ flip);
+    out[i] = static_cast<uint8_t>(v - last);
+    last = v;
+  }
+}
+
+void kvEncodeDelta16(std::span<const int16_t> in, std::span<uint8_t> out, bool bigEndian, bool isUnsigned) {
+  const uint16_t flip = isUnsigned ? 0x8000 : 0;
+  uint16_t last = 0;
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    uint16_t v = static_cast<uint16_t>(static_cast<uint16_t>(in[i]) ^ flip);
+    Store16(out.data() + 2 * i, static_cast<uint16_t>(v - last), bigEndian);
+    last = v;
+  }
+}
+
+// ---- channel layout ----
+
+namespace {
+
+template <typename T>
+void Interleave(std::span<const T> seq, std::span<T> out) {
+  const std::size_t frames = out.size() / 2;
+  const T* l = seq.data();
+  const T* r = seq.data() + frames;
+  T* d = out.data();
+  for (std::size_t i = 0; i < frames; ++i) {
+    d[2 * i] = l[i];
+    d[2 * i + 1] = r[i];
+  }
+}
+
+template <typename T>
+void Deinterleave(std::span<const T> in, std::span<T> out) {
+  const std::size_t frames = out.size() / 2;
+  const T* s = in.data();
+  T* l = out.data();
+  T* r = out.data() + frames;
+  for (std::size_t i = 0; i < frames; ++i) {
+    l[i] = s[2 * i];
+    r[i] = s[2 * i + 1];
+  }
+}
+
+template <typename T>
+void MonoToStereo(std::span<const T> mono, std::span<T> stereo) {
+  const std::size_t frames = stereo.size() / 2;
+  for (std::size_t i = 0; i < frames; ++i) stereo[2 * i] = stereo[2 * i + 1] = mono[i];
+}
+
+}  // namespace
+
+void kvInterleave(std::span<const int16_t> s, std::span<int16_t> o) { Interleave(s, o); }
+void kvInterleave(std::span<const float> s, std::span<float> o) { Interleave(s, o); }
+void kvDeinterleave(std::span<const int16_t> s, std::span<int16_t> o) { Deinterleave(s, o); }
+void kvDeinterleave(std::span<const float> s, std::span<float> o) { Deinterleave(s, o); }
+void kvMonoToStereo(std::span<const int16_t> m, std::span<int16_t> s) { MonoToStereo(m, s); }
+void kvMonoToStereo(std::span<const float> m, std::span<float> s) { MonoToStereo(m, s); }
+
+void kvStereoToMono(std::span<const int16_t> stereo, std::span<int16_t> mono) {
+  for (std::size_t i = 0; i < mono.size(); ++i) {
+    mono[i] = static_cast<int16_t>((stereo[2 * i] + stereo[2 * i + 1]) / 2);
+  }
+}
+
+void kvStereoToMono(std::span<const float> stereo, std::span<float> mono) {
+  for (std::size_t i = 0; i < mono.size(); ++i) mono[i] = (stereo[2 * i] + stereo[2 * i + 1]) * 0.5f;
+}
+
+}  // namespace kv
