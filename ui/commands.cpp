@@ -1,0 +1,219 @@
+#include "ui/commands.h"
+
+#include <algorithm>
+#include <set>
+#include <system_error>
+
+#include "core/app.h"
+#include "core/error.h"
+#include "core/settings.h"
+#include "formats/import.h"
+
+namespace kv {
+
+namespace fs = std::filesystem;
+
+int UndoDepth() { return 0; }
+
+bool ConfirmDiscard(const char* title, bool replacing) {
+  if (!Settings().load.bConfirm) return true;
+  if (MainCollection().Count(ItemType::Waveform) == 0) return true;
+  if (UndoDepth() == 0) return true;
+  const char* text = replacing ? "This will replace all loaded data.\n\nContinue?"
+                               : "This will discard any changes that you have made.\n\nContinue?";
+  return MessageBox(text, title, BoxButtons::YesNo) == kBoxYes;
+}
+
+namespace {
+
+bool OpenFolder(const fs::path& path, OpenMode& mode) {
+  std::error_code ec;
+  fs::directory_iterator it(path, ec);
+  if (ec) return true;  // a folder that can't be listed opens as nothing
+  std::vector<fs::path> entries;
+  for (; it != fs::directory_iterator(); it.increment(ec)) {
+    if (ec) break;
+    entries.push_back(it->path());
+  }
+  // Directory order is arbitrary on Linux; sort for a stable result.
+  std::sort(entries.begin(), entries.end());
+  for (const fs::path& entry : entries) {
+    std::error_code typeEc;
+    bool isDir = fs::is_directory(entry, typeEc);
+    if (isDir && entry.filename().string().starts_with(".")) continue;
+    if (!OpenFile(entry, mode, true)) return false;
+    mode = OpenMode::Merge;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool OpenFile(const fs::path& path, OpenMode mode, bool report) {
+  if (path.empty()) return true;
+  std::error_code ec;
+  if (fs::is_directory(path, ec)) return OpenFolder(path, mode);
+
+  StatusText("Reading data...");
+  Collection& main = MainCollection();
+  bool ok;
+  switch (mode) {
+    case OpenMode::ReplaceWaves: ok = ReplaceWavesFile(main, path); break;
+    case OpenMode::Merge: ok = MergeFile(main, path); break;
+    default: ok = ImportFile(main, path, true); break;
+  }
+  App().refresh = true;
+  App().currentItem = main.id;
+  if (!ok) {
+    StatusText("%s", "");
+    return false;
+  }
+  if (report) StatusText("%s: %s", mode == OpenMode::Merge ? "Merged" : "Opened", path.c_str());
+  Settings().AddRecentFile(path);
+  return true;
+}
+
+int OpenFileList(std::span<const fs::path> paths) {
+  int failures = 0;
+  bool first = true;
+  for (const fs::path& path : paths) {
+    // Failed files don't use up the Replace.
+    if (OpenFile(path, first ? OpenMode::Replace : OpenMode::Merge, true)) {
+      first = false;
+    } else {
+      ++failures;
+      if (MessageBoxesEnabled) ShowErrorBox();
+    }
+  }
+  return failures;
+}
+
+uint32_t FirstFreeLocation(const Collection& c) {
+  std::set<uint32_t> used;
+  for (Instrument* inst : c.All<Instrument>()) used.insert(inst->location);
+  uint32_t n = 0;
+  while (used.count(n)) ++n;
+  return n;
+}
+
+Instrument* AddNewInstrument(Collection& c) {
+  auto* inst = Create<Instrument>(c, "New instrument");
+  inst->location = FirstFreeLocation(c);
+  c.FixUp();
+  AddNewLayer(*inst);
+  return inst;
+}
+
+Layer* AddNewLayer(Item& item) {
+  Instrument* inst = nullptr;
+  if (auto* i = dynamic_cast<Instrument*>(&item)) inst = i;
+  else if (auto* l = dynamic_cast<Layer*>(&item)) inst = InstrumentOf(*l);
+  else if (auto* r = dynamic_cast<Region*>(&item)) inst = LayerOf(*r) ? InstrumentOf(*LayerOf(*r)) : nullptr;
+  if (!inst) return nullptr;
+  Layer* layer = AddLayer(*inst);
+  inst->FixUp();
+  return layer;
+}
+
+Region* AddNewRegion(Item& item) {
+  Layer* layer = dynamic_cast<Layer*>(&item);
+  if (auto* r = dynamic_cast<Region*>(&item)) layer = LayerOf(*r);
+  if (!layer) return nullptr;
+  Collection& c = *layer->collection;
+  std::vector<Item*> waves = c.ItemsOf(ItemType::Waveform);
+  if (waves.empty() || layer->children.size() >= 128) return nullptr;
+
+  uint16_t range = FindFreeKeyRange(*layer, 255);
+  int lo = range & 0xFF;
+  ItemId wave = waves.front()->id;
+  if (lo > 0)
+    if (Region* below = RegionAt(*layer, lo - 1, 255))
+      if (Waveform* w = RegionWaveform(*below))
+        if (Item* next = c.Find(MakeId(ItemType::Waveform, SerialOf(w->id) + 1))) wave = next->id;
+
+  Region* region = AddRegion(*layer, wave, range, MakeRange(0, 127), 255);
+  // Copy zone and articulation from the nearest region below.
+  for (int key = lo - 1; key >= 0; --key) {
+    Region* source = RegionAt(*layer, key, 255);
+    if (!source || source == region) continue;
+    TriggerRecord trigger = source->trigger;
+    trigger.loKey = region->trigger.loKey;
+    trigger.hiKey = region->trigger.hiKey;
+    trigger.MarkSet(190);
+    trigger.MarkSet(191);
+    region->trigger = trigger;
+    region->art = source->art;
+    break;
+  }
+  region->FixUp();
+  ClipRegions(*layer, MakeRange(region->trigger.loKey, region->trigger.hiKey),
+              MakeRange(region->trigger.loVel, region->trigger.hiVel), region);
+  layer->FixUp();
+  App().currentItem = region->id;
+  return region;
+}
+
+Item* CloneSelected(Item& item) {
+  Collection& c = *item.collection;
+  if (auto* wave = dynamic_cast<Waveform*>(&item)) {
+    std::string copyName = std::string("Copy of ") + wave->name;
+    Item* copy = CloneItem(*wave, c, copyName.c_str(), true);
+    copy->FixUp();
+    App().refresh = true;
+    return copy;
+  }
+  ItemId parentId = kNoItem;
+  ItemType parentType = ItemType::Collection;
+  switch (item.Type()) {
+    case ItemType::Region: parentType = ItemType::Layer; break;
+    case ItemType::Layer: parentType = ItemType::Instrument; break;
+    case ItemType::Track: parentType = ItemType::Song; break;
+    case ItemType::Instrument:
+    case ItemType::Song: break;
+    default: return nullptr;
+  }
+  Item* copy = CloneItem(item, c);
+  if (parentType != ItemType::Collection) {
+    parentId = MakeId(parentType, SerialOf(item.parentId));
+    if (Item* parent = c.Find(parentId)) {
+      copy->parentId = parent->id;
+      AddChild(*parent, copy->id);
+      parent->FixUp();
+    }
+  } else {
+    c.FixUp();
+  }
+  App().refresh = true;
+  return copy;
+}
+
+int AutocreateInstruments(Collection& c) {
+  std::vector<Waveform*> waves = c.All<Waveform>();
+  for (Waveform* w : waves) w->scratch = 0;
+  for (Instrument* inst : c.All<Instrument>())
+    for (ItemId layerId : inst->children)
+      if (auto* layer = c.FindAs<Layer>(layerId))
+        for (ItemId regionId : layer->children)
+          if (auto* region = c.FindAs<Region>(regionId))
+            if (Waveform* w = RegionWaveform(*region)) ++w->scratch;
+  bool anyUnused = std::any_of(waves.begin(), waves.end(), [](Waveform* w) { return w->scratch == 0; });
+  if (!anyUnused) {
+    MessageBox("No unused waveforms found!\n\nNo new instrument created.", "Autocreate instruments");
+    return 0;
+  }
+  int made = 0;
+  for (Waveform* w : waves) {
+    if (w->scratch != 0) continue;
+    auto* inst = Create<Instrument>(c, w->name);
+    inst->location = FirstFreeLocation(c);
+    Layer* layer = AddLayer(*inst);
+    AddRegion(*layer, w->id, MakeRange(0, 127), MakeRange(0, 127), 255);
+    ++made;
+  }
+  FixUpItems(c, 0, false);
+  StatusText("Created %d new instrument%s.", made, made >= 2 ? "s" : "");
+  App().currentItem = c.id;
+  return made;
+}
+
+}  // namespace kv

@@ -1,0 +1,193 @@
+// The command-line driver: `kelvo [switches] FILE... [command options]`.
+//
+// Arguments follow the program's own rules first: "-NOMSG" and "-BATCH"
+// (also "/NOMSG", "/BATCH", any case) are switches, any other "/..." is a
+// path, "--" ends the options. Long options ("--list") are parsed by CLI11.
+#include "ui/driver.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "core/app.h"
+#include "core/error.h"
+#include "core/settings.h"
+#include "core/text.h"
+#include "formats/registry.h"
+#include "ui/commands.h"
+#include "ui/listing.h"
+
+namespace kv {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void OutOfMemory() {
+  if (MessageBoxesEnabled) std::fputs("Out of memory - Kelvo Studio will terminate\n", stderr);
+  std::_Exit(0);
+}
+
+void PrintStatus(const std::string& text) {
+  // Progress words are noise on a terminal; results are not.
+  if (text.starts_with("Done:") || text.starts_with("Failed:") || text.starts_with("Saved:") ||
+      text.starts_with("Created") || text.starts_with("Merged") || text.starts_with("Replaced"))
+    std::printf("%s\n", text.c_str());
+}
+
+bool IsProgramSwitch(std::string_view arg, std::string_view word) {
+  if (arg.size() != word.size() + 1 || (arg[0] != '-' && arg[0] != '/')) return false;
+  return EqualsNoCase(arg.substr(1), word);
+}
+
+// A small collection for a first run: one instrument on a generated sine.
+void BuildDemoCollection(Collection& c) {
+  c.Clear();
+  c.SetName("Demo collection");
+  auto* wave = Create<Waveform>(c, "Sine A4");
+  wave->sampleRate = 44100;
+  wave->length = 44100;
+  wave->channels = 1;
+  wave->rootKey = 69;
+  wave->loopType = 1;
+  wave->loopStart = 0.0f;
+  wave->loopEnd = 44100.0f;
+  wave->samples16 = std::make_unique<int16_t[]>(wave->length);
+  for (uint32_t i = 0; i < wave->length; ++i) {
+    double phase = 2.0 * 3.14159265358979323846 * 440.0 * i / 44100.0;
+    wave->samples16[i] = static_cast<int16_t>(16000.0 * std::sin(phase));
+  }
+  auto* inst = Create<Instrument>(c, "Sine lead");
+  inst->location = MakeLocation(0, 0, 80, false);
+  Layer* layer = AddLayer(*inst);
+  AddRegion(*layer, wave->id, MakeRange(0, 127), MakeRange(0, 127), 255);
+  FixUpItems(c, 0xFF, false);
+}
+
+}  // namespace
+
+int RunDriver(std::vector<std::string> args) {
+  std::set_new_handler(OutOfMemory);
+  SetStatusSink(PrintStatus);
+  LoadSettings();
+
+  // The program's own argument scan. argv[0] is skipped by position.
+  std::vector<std::string> cliArgs;
+  std::vector<fs::path> files;
+  bool batch = false;
+  bool endOfOptions = false;
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    if (endOfOptions) {
+      files.emplace_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      endOfOptions = true;
+      continue;
+    }
+    if (IsProgramSwitch(arg, "NOMSG")) {
+      // Only before -BATCH, as the first scan stops there.
+      if (!batch) MessageBoxesEnabled = 0;
+      continue;
+    }
+    if (IsProgramSwitch(arg, "BATCH")) {
+      batch = true;
+      continue;
+    }
+    if (arg.starts_with("--") || arg == "-h") {
+      cliArgs.push_back(arg);
+      continue;
+    }
+    if (arg.starts_with("-")) {
+      std::fprintf(stderr, "Ignored: %s\n", arg.c_str());
+      continue;
+    }
+    cliArgs.push_back(arg);
+  }
+  SetSkippedBoxesQuiet(MessageBoxesEnabled == 0);
+
+  CLI::App app{"Kelvo Studio: converts, edits and plays sampler instruments and sounds.", "kelvo"};
+  app.set_version_flag("--version", std::string(kProgramTitle) + " (build " + BuildVersion() + ")");
+  DriverOptions opt;
+  std::vector<std::string> positional;
+  app.add_option("files", positional, "Files or folders to open (the first replaces, later ones merge)");
+  app.add_flag("--list", opt.list, "Print the item tree of the loaded collection");
+  app.add_option("--formats", opt.formatsFilter, "List the known formats, optionally filtered")
+      ->expected(0, 1)
+      ->default_str("");
+  app.add_flag("--info", opt.info, "Detect each file's format instead of loading it");
+  app.add_flag("--demo", opt.demo, "Load the default General MIDI bank, or a built-in demo, and list it");
+  app.add_flag("--settings", opt.printSettings, "Print the effective settings");
+  app.add_option("--set", opt.settings, "Change a setting for this run (name=value)");
+  app.add_flag("--save-settings", opt.saveSettings, "Write the settings back to the settings file");
+  try {
+    app.parse(static_cast<int>(cliArgs.size() + 1), [&] {
+      static std::vector<const char*> argv;
+      argv.clear();
+      argv.push_back("kelvo");
+      for (const std::string& a : cliArgs) argv.push_back(a.c_str());
+      return argv.data();
+    }());
+  } catch (const CLI::ParseError& e) {
+    // CLI11 reports through exceptions; they end here and go no further.
+    int code = app.exit(e);
+    return code == 0 ? 0 : 2;
+  }
+  opt.formatsRequested = app.count("--formats") > 0;
+
+  if (batch) {
+    Fail("Batch conversion", "Batch conversion is not available in this build.");
+    ShowErrorBox();
+    return 0;
+  }
+
+  for (const std::string& p : positional) {
+    // A data file with ".exe" in its path is skipped, as the program always has.
+    if (p.find(".exe") != std::string::npos) {
+      std::fprintf(stderr, "Ignored: %s\n", p.c_str());
+      continue;
+    }
+    files.emplace_back(p);
+  }
+
+  for (const std::string& assignment : opt.settings) {
+    std::size_t eq = assignment.find('=');
+    if (eq == std::string::npos || !SetSettingText(assignment.substr(0, eq), assignment.substr(eq + 1))) {
+      if (eq == std::string::npos) Fail("Settings", "Expected name=value, got \"%s\"", assignment.c_str());
+      std::fprintf(stderr, "%s: %s\n", ErrorContext, ErrorMessage);
+      return 2;
+    }
+  }
+
+  int status = 0;
+  if (opt.formatsRequested) PrintFormatList(stdout, opt.formatsFilter);
+  if (opt.printSettings) PrintSettings(stdout);
+
+  if (opt.info) {
+    for (const fs::path& f : files)
+      if (!PrintFileInfo(stdout, f)) status = 1;
+  } else if (opt.demo) {
+    Collection& main = MainCollection();
+    fs::path bank = Settings().mid2wav.wszGMBank;
+    bool loaded = false;
+    if (!bank.empty() && fs::exists(bank) && FindReaderByPath(bank.string()) >= 0) {
+      loaded = OpenFile(bank, OpenMode::Replace, true);
+      if (!loaded) ShowErrorBox();
+    }
+    if (!loaded) BuildDemoCollection(main);
+    PrintItemTree(stdout, main, false);
+  } else {
+    if (OpenFileList(files) > 0) status = 1;
+    if (opt.list) PrintItemTree(stdout, MainCollection(), opt.listParams);
+  }
+
+  if (opt.saveSettings && !SaveSettings()) {
+    std::fprintf(stderr, "%s: %s\n", ErrorContext, ErrorMessage);
+    status = 1;
+  }
+  return status;
+}
+
+}  // namespace kv

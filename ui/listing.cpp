@@ -1,0 +1,62 @@
+#include "ui/listing.h"
+
+#include <cinttypes>
+
+namespace kv {
+
+namespace {
+
+const char* TypeWord(ItemType t) {
+  static const char* const kWords[] = {"waveform", "synth", "region", "layer", "instrument", "track", "song", "collection"};
+  return kWords[static_cast<int>(t)];
+}
+
+void Line(std::FILE* out, int depth, const Item& item) {
+  std::fprintf(out, "%*s%s %08" PRIx32 " \"%s\"", depth * 2, "", TypeWord(item.Type()), item.id, item.name);
+}
+
+}  // namespace
+
+void PrintItemTree(std::FILE* out, const Collection& c, bool /*withParams*/) {
+  Line(out, 0, c);
+  std::fprintf(out, "\n");
+  std::vector<Instrument*> instruments = c.All<Instrument>();
+  for (Instrument* inst : instruments) {
+    Line(out, 1, *inst);
+    std::fprintf(out, " bank=%u:%u program=%u drum=%d\n", LocationMajorBank(inst->location),
+                 LocationMinorBank(inst->location), LocationProgram(inst->location),
+                 LocationIsDrum(inst->location) ? 1 : 0);
+    for (ItemId layerId : inst->children) {
+      auto* layer = c.FindAs<Layer>(layerId);
+      if (!layer) continue;
+      Line(out, 2, *layer);
+      std::fprintf(out, "\n");
+      for (ItemId regionId : layer->children) {
+        auto* region = c.FindAs<Region>(regionId);
+        if (!region) continue;
+        Line(out, 3, *region);
+        Waveform* wave = RegionWaveform(*region);
+        std::fprintf(out, " key=%d-%d vel=%d-%d wave=\"%s\"\n", region->trigger.loKey, region->trigger.hiKey,
+                     region->trigger.loVel, region->trigger.hiVel, wave ? wave->name : "");
+      }
+    }
+  }
+  for (Waveform* wave : c.All<Waveform>()) {
+    Line(out, 1, *wave);
+    std::fprintf(out, " frames=%u rate=%u channels=%u bits=%u root=%u", wave->length, wave->sampleRate,
+                 wave->channels, wave->bits, wave->rootKey);
+    if (wave->loopType) std::fprintf(out, " loop=%d:%.6g-%.6g", wave->loopType, wave->loopStart, wave->loopEnd);
+    std::fprintf(out, "\n");
+  }
+  for (Song* song : c.All<Song>()) {
+    Line(out, 1, *song);
+    std::fprintf(out, " format=%u division=%u\n", song->format, song->division);
+    for (ItemId trackId : song->children)
+      if (auto* track = c.FindAs<Track>(trackId)) {
+        Line(out, 2, *track);
+        std::fprintf(out, " events=%u port=%u\n", track->EventCount(), track->port);
+      }
+  }
+}
+
+}  // namespace kv
