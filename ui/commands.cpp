@@ -47,6 +47,21 @@ bool OpenFolder(const fs::path& path, OpenMode& mode) {
   return true;
 }
 
+// Newest first, each once; the menu has room for 32 recent files.
+void PushRecent(std::vector<std::string>& list, const std::string& entry) {
+  std::erase(list, entry);
+  list.insert(list.begin(), entry);
+  if (list.size() > 32) list.resize(32);
+}
+
+void RememberRecent(const fs::path& path) {
+  std::error_code ec;
+  fs::path absolute = fs::absolute(path, ec);
+  if (ec) absolute = path;
+  PushRecent(Settings().app.LastFilesA, absolute.string());
+  PushRecent(Settings().app.LastPathsA, absolute.parent_path().string());
+}
+
 }  // namespace
 
 bool OpenFile(const fs::path& path, OpenMode mode, bool report) {
@@ -69,7 +84,7 @@ bool OpenFile(const fs::path& path, OpenMode mode, bool report) {
     return false;
   }
   if (report) StatusText("%s: %s", mode == OpenMode::Merge ? "Merged" : "Opened", path.c_str());
-  Settings().AddRecentFile(path);
+  RememberRecent(path);
   return true;
 }
 

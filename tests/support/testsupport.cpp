@@ -1,0 +1,100 @@
+#include "testsupport.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <unistd.h>
+
+namespace kv::test {
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() {
+  std::random_device rd;
+  fs::path base = fs::temp_directory_path();
+  for (;;) {
+    path_ = base / ("kelvo-test-" + std::to_string(::getpid()) + "-" + std::to_string(rd()));
+    std::error_code ec;
+    if (fs::create_directory(path_, ec)) break;
+  }
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  fs::remove_all(path_, ec);
+}
+
+fs::path CorpusDir() {
+  if (const char* env = std::getenv("KELVO_CORPUS")) return env;
+  return KELVO_CORPUS_DIR;
+}
+
+bool HaveCorpus() { return fs::exists(CorpusDir() / "MANIFEST.tsv"); }
+
+const std::vector<ManifestEntry>& Manifest() {
+  static const std::vector<ManifestEntry> rows = [] {
+    std::vector<ManifestEntry> out;
+    std::ifstream in(CorpusDir() / "MANIFEST.tsv");
+    std::string line;
+    std::getline(in, line);  // header
+    while (std::getline(in, line)) {
+      std::vector<std::string> cols;
+      std::stringstream ss(line);
+      std::string col;
+      while (std::getline(ss, col, '\t')) cols.push_back(col);
+      if (cols.size() < 5) continue;
+      out.push_back({cols[0], cols[1], cols[4]});
+    }
+    return out;
+  }();
+  return rows;
+}
+
+std::string Fact(const std::string& facts, const std::string& tool, const std::string& key) {
+  std::size_t start = 0;
+  while (start < facts.size()) {
+    std::size_t end = facts.find(" | ", start);
+    if (end == std::string::npos) end = facts.size();
+    std::string group = facts.substr(start, end - start);
+    if (group.rfind(tool + ":", 0) == 0) {
+      std::string needle = " " + key + "=";
+      std::size_t at = group.find(needle);
+      if (at != std::string::npos) {
+        std::size_t v = at + needle.size();
+        std::size_t e = group.find_first_of(" ;,", v);
+        return group.substr(v, e == std::string::npos ? std::string::npos : e - v);
+      }
+    }
+    start = end + 3;
+  }
+  return {};
+}
+
+int RunCommand(const std::string& command, std::string* output) {
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (!pipe) return -1;
+  std::array<char, 4096> buffer;
+  std::string text;
+  std::size_t n;
+  while ((n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0) text.append(buffer.data(), n);
+  int status = ::pclose(pipe);
+  if (output) *output = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool HaveTool(const std::string& name) { return RunCommand("command -v " + name + " >/dev/null 2>&1") == 0; }
+
+void WriteFile(const fs::path& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+}  // namespace kv::test

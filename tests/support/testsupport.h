@@ -1,0 +1,48 @@
+// Helpers shared by the test suites: scratch folders, the corpus of real
+// files and its manifest, and running peer tools.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kv::test {
+
+// A fresh folder removed at the end of the scope.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+std::filesystem::path CorpusDir();
+bool HaveCorpus();
+
+struct ManifestEntry {
+  std::string path;    // relative to the corpus folder
+  std::string format;
+  std::string facts;   // " | "-separated facts as the peer tools printed them
+};
+// All rows of MANIFEST.tsv; empty when the corpus is missing.
+const std::vector<ManifestEntry>& Manifest();
+
+// The value of `key=` inside the facts group that starts with `tool:`, e.g.
+// Fact(facts, "soxi", "rate") -> "48000". Empty when absent.
+std::string Fact(const std::string& facts, const std::string& tool, const std::string& key);
+
+// Runs a shell command, returning its exit status and capturing stdout.
+int RunCommand(const std::string& command, std::string* output = nullptr);
+bool HaveTool(const std::string& name);
+
+void WriteFile(const std::filesystem::path& path, const std::string& bytes);
+std::string ReadFile(const std::filesystem::path& path);
+
+}  // namespace kv::test
