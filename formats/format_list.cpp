@@ -1,0 +1,64 @@
+// Command-line listings of the registry (--formats) and of files (--info).
+#include <cstring>
+#include <string>
+
+#include "core/error.h"
+#include "core/fileref.h"
+#include "formats/registry.h"
+
+namespace kv {
+
+namespace {
+
+bool ContainsNoCase(std::string_view text, std::string_view part) {
+  if (part.empty()) return true;
+  auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+  for (std::size_t i = 0; i + part.size() <= text.size(); ++i) {
+    std::size_t k = 0;
+    while (k < part.size() && lower(text[i + k]) == lower(part[k])) ++k;
+    if (k == part.size()) return true;
+  }
+  return false;
+}
+
+// Upper case: built; lower case: the format has it, its module isn't built
+// yet; "-": the format doesn't have it.
+char Letter(bool built, bool designed, char upper) {
+  if (built) return upper;
+  return designed ? static_cast<char>(upper - 'A' + 'a') : '-';
+}
+
+}  // namespace
+
+void PrintFormatList(std::FILE* out, std::string_view filter) {
+  static constexpr char kTypeLetters[] = "WSRLITGC";
+  std::fprintf(out,
+               "Formats:\n"
+               " R = read, W = write, D = detect; lower case: planned, not built yet\n"
+               " Items: W waveform, S synth model, R region, L layer, I instrument,\n"
+               "        T track, G song, C collection\n"
+               " Row  Extension   RWD  Items     Name\n");
+  const FormatEntry* table = FormatTable();
+  for (int i = 0; i < kFormatCount; ++i) {
+    const FormatEntry& row = table[i];
+    if (!ContainsNoCase(row.extension, filter) && !ContainsNoCase(row.name, filter)) continue;
+    char types[9] = {};
+    for (int b = 0; b < 8; ++b) types[b] = (row.typeFlags >> b) & 1u ? kTypeLetters[b] : '.';
+    std::fprintf(out, " %3d  %-10s  %c%c%c  %s  %s\n", i, row.extension,
+                 Letter(row.read != nullptr, row.design & kDesignRead, 'R'),
+                 Letter(row.write != nullptr, row.design & kDesignWrite, 'W'),
+                 Letter(row.detect != nullptr, row.design & kDesignDetect, 'D'), types, row.name);
+  }
+}
+
+bool PrintFileInfo(std::FILE* out, const std::filesystem::path& path) {
+  FileRef file;
+  if (!file.OpenRead(path)) return false;
+  int confidence = 0;
+  const int row = DetectFormat(path, file, confidence);
+  if (row < 0) return Fail("File Import", "Not a supported import file type");
+  std::fprintf(out, "%s\t%d\t%s\t%s\t%d%%\n", path.c_str(), row, FormatExtension(row), FormatName(row), confidence);
+  return true;
+}
+
+}  // namespace kv
