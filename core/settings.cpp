@@ -611,7 +611,10 @@ bool SaveSettings() {
   std::string temp = (folder / (path.filename().string() + ".XXXXXX")).string();
   const int fd = ::mkstemp(temp.data());
   if (fd < 0) return Fail("Save settings", "Could not create '%s': %s", temp.c_str(), std::strerror(errno));
-  const std::string text = "# Kelvo Studio settings\n" + FormatSettings(Settings());
+  // This version has run now, whether or not a load came first.
+  SettingsStore& s = Settings();
+  if (VersionLess(s.VersionNumber, kCurrentVersion)) s.VersionNumber = kCurrentVersion;
+  const std::string text = "# Kelvo Studio settings\n" + FormatSettings(s);
   const bool written = WriteAll(fd, text) && ::fsync(fd) == 0;
   const bool closed = ::close(fd) == 0;
   if (!written || !closed || ::rename(temp.c_str(), path.c_str()) != 0) {
