@@ -26,14 +26,18 @@ bool AkaiName(const uint8_t* data, uint32_t size, uint64_t offset) {
   return true;
 }
 
-// Which header an S1000/S3000 sample file has: 3, 1 or 0 for none. The S3000
-// header is the S1000 one with 42 zero bytes more; a file too short for the
-// S3000 data falls back to the S1000 size when its data fit that.
+// Which header an S1000/S3000 sample file has: 3, 1 or 0 for none. A file
+// whose size is exactly one header plus its frames settles it (S3000 files
+// from the machines carry non-zero fields in the 42 extra bytes). Otherwise
+// the 42 bytes from 150 decide: all zero is the S3000 header, unless its
+// data wouldn't fit while the S1000 size would.
 uint32_t SampleForm(const uint8_t* data, uint32_t size, uint64_t fileSize) {
   if (fileSize < kS3000SampleHeader || !Has(size, 0, kS3000SampleHeader) || data[0] != 3) return 0;
+  const uint64_t bytes = uint64_t{U32le(data + 26)} * 2;
+  if (kS3000SampleHeader + bytes == fileSize) return kS3000;
+  if (kS1000SampleHeader + bytes == fileSize) return kS1000;
   bool zeros = true;
   for (uint64_t i = kS1000SampleHeader; i < kS3000SampleHeader; ++i) zeros = zeros && data[i] == 0;
-  const uint64_t bytes = uint64_t{U32le(data + 26)} * 2;
   if (!zeros) return kS1000;
   if (kS3000SampleHeader + bytes > fileSize && kS1000SampleHeader + bytes <= fileSize) return kS1000;
   return kS3000;
