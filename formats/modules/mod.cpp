@@ -100,7 +100,7 @@ int mod_MdlDetect(const uint8_t* data, uint32_t, uint32_t size, uint64_t fileSiz
 
 int mod_MedDetect(const uint8_t* data, uint32_t, uint32_t size, uint64_t fileSize) {
   // The reader takes the MMD0-MMD3 forms only, not the older MED forms.
-  if (fileSize < 52 || !Tag(data, size, 0, "MMD", 3)) return 0;
+  if (fileSize < 52 || !Tag(data, size, 0, "MMD", 3) || !Has(size, 3, 1)) return 0;
   return data[3] >= '0' && data[3] <= '3' ? 6 : 0;
 }
 

@@ -295,6 +295,8 @@ TEST(ModDetect, OtherTrackers) {
   EXPECT_EQ(Score(mod_MedDetect, med), 6);
   Put(med, 0, "MED\x03");
   EXPECT_EQ(Score(mod_MedDetect, med), 0);
+  // Found by fuzzing: the signature cut by the buffer's end, file longer.
+  EXPECT_EQ(Score(mod_MedDetect, Bytes{'M', 'M', 'D'}, 0, 1 << 20), 0);
 
   Bytes ams(16);
   Put(ams, 0, "AMShdr\x1A");
