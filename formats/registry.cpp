@@ -27,6 +27,8 @@
 #include <unordered_map>
 
 #include "core/fileref.h"
+#include "core/items.h"
+#include "core/wavestore.h"
 #include "formats/modules/aiff.h"
 #include "formats/modules/akai.h"
 #include "formats/modules/dls.h"
@@ -938,6 +940,88 @@ int ChooseDataFormat(const DataFormatChoice& choice, float& rate) {
   }
   if (result == kDataFormatCompressed) rate = SnapRate(choice, target);
   return result;
+}
+
+// ---- automatic choices of the export dialog ----
+
+namespace {
+
+int WaveChannels(uint32_t capabilities, const Waveform& wave) {
+  if (wave.channels == 2) return capabilities & kCapStereo ? 2 : 1;
+  return capabilities & kCapMono ? 1 : 2;
+}
+
+DataFormatChoice ChoiceFor(const FormatEntry& row, const Waveform& wave) {
+  DataFormatChoice choice;
+  choice.own = PreferredFormatDataFormat(wave.preferredFormat);
+  choice.ownRate = static_cast<float>(PreferredFormatRate(wave.preferredFormat));
+  choice.request = row.capabilities;
+  choice.parameter = row.parameter;
+  choice.rateFn = row.rate;
+  return choice;
+}
+
+}  // namespace
+
+int DefaultChannels(int index, Item& item) {
+  const FormatEntry* row = FormatAt(index);
+  if (!row || !row->write) return 0;
+  if (const auto* wave = dynamic_cast<const Waveform*>(&item)) return WaveChannels(row->capabilities, *wave);
+  const ItemSet set(item, true);
+  int agreed = 0;
+  for (const Waveform* wave : set.waveforms) {
+    const int channels = WaveChannels(row->capabilities, *wave);
+    if (agreed != 0 && channels != agreed) return 0;
+    agreed = channels;
+  }
+  return agreed;
+}
+
+int DefaultDataFormat(int index, Item& item, std::string& text) {
+  text.clear();
+  const FormatEntry* row = FormatAt(index);
+  if (!row) return kDataFormatNone;
+  float rate = 0.0f;
+  int format = kDataFormatNone;
+  const auto* lone = dynamic_cast<const Waveform*>(&item);
+  if (lone) format = ChooseDataFormat(ChoiceFor(*row, *lone), rate);
+  const uint32_t bits = row->capabilities & kCapFormatMask;
+  if (format == kDataFormatNone && bits != 0 && (bits & (bits - 1)) == 0) {
+    format = LowestBit(bits);
+  } else if (format == kDataFormatNone && !lone) {
+    const ItemSet set(item, true);
+    for (std::size_t i = 0; i < set.waveforms.size(); ++i) {
+      float waveRate = 0.0f;
+      const int waveFormat = ChooseDataFormat(ChoiceFor(*row, *set.waveforms[i]), waveRate);
+      if (i == 0) {
+        format = waveFormat;
+        rate = waveRate;
+      } else if (waveFormat != format || (format == kDataFormatCompressed && waveRate != rate)) {
+        format = kDataFormatNone;
+        break;
+      }
+    }
+  }
+  if (format == kDataFormatNone) {
+    text = "Mixed";
+  } else if (format == kDataFormatCompressed) {
+    if (row->rate && rate > 0.0f) {
+      char entry[64];
+      for (int i = 0; i < 1024; ++i) {
+        entry[0] = '\0';
+        const float listed = row->rate(i, row->parameter, entry);
+        if (listed <= 0.0f) break;
+        if (listed == rate) {
+          text = entry;
+          break;
+        }
+      }
+    }
+    if (text.empty()) text = "Compressed";
+  } else {
+    text = DataFormatName(format);
+  }
+  return format;
 }
 
 }  // namespace kv

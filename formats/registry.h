@@ -135,6 +135,13 @@ struct DataFormatChoice {
 // results and 0 otherwise. 20 when nothing fits.
 int ChooseDataFormat(const DataFormatChoice& choice, float& rate);
 
+// What an export on automatic would use for `item` on row `index`.
+// Channels: 1 or 2, 0 when the waves disagree, there are none, or the row
+// has no writer.
+int DefaultChannels(int index, Item& item);
+// The DataFormat (20: "Mixed") and its display text.
+int DefaultDataFormat(int index, Item& item, std::string& text);
+
 // ---- command-line listings ----
 
 // One line per row whose extension or name contains `filter` (case-blind).

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/fileref.h"
+#include "core/items.h"
 #include "formats/registry.h"
 #include "support/testsupport.h"
 
@@ -370,6 +371,42 @@ TEST(RateText, RowsWithoutRateFunction) {
   EXPECT_FALSE(RateText(-1, 0, text));
   EXPECT_FALSE(RateText(0, 0, text));
   EXPECT_STREQ(text, "");
+}
+
+}  // namespace
+}  // namespace kv
+
+namespace kv {
+namespace {
+
+TEST(DefaultChoices, DataFormatFromThePreferredFormat) {
+  Collection c;
+  Waveform* wave = Create<Waveform>(c, "a");
+  std::string text;
+  wave->preferredFormat = 2;  // PCM 24-bit
+  EXPECT_EQ(DefaultDataFormat(476, *wave, text), 4);
+  EXPECT_EQ(text, "PCM 24-bit");
+  wave->preferredFormat = 21;  // default: PCM 16-bit where allowed
+  EXPECT_EQ(DefaultDataFormat(476, *wave, text), 2);
+  EXPECT_EQ(text, "PCM 16-bit");
+  wave->preferredFormat = 4;  // float, on a row that only writes PCM 16-bit
+  EXPECT_EQ(DefaultDataFormat(348, *wave, text), 2);
+  EXPECT_EQ(DefaultDataFormat(-1, *wave, text), 20);
+  EXPECT_EQ(text, "");
+
+  Instrument* inst = Create<Instrument>(c, "i");
+  Layer* layer = AddLayer(*inst);
+  Waveform* other = Create<Waveform>(c, "b");
+  other->preferredFormat = 0;  // PCM 8-bit
+  AddRegion(*layer, wave->id, MakeRange(0, 60), kNoRange, 255);
+  AddRegion(*layer, other->id, MakeRange(61, 127), kNoRange, 255);
+  EXPECT_EQ(DefaultDataFormat(476, *inst, text), 20);
+  EXPECT_EQ(text, "Mixed");
+  EXPECT_EQ(DefaultDataFormat(231, *inst, text), 19);  // one bit: whatever the item
+  EXPECT_EQ(text, "MIDI");
+  // No writer is built on these rows yet: channels stay on automatic.
+  EXPECT_EQ(DefaultChannels(476, *inst), FormatTable()[476].write ? 1 : 0);
+  EXPECT_EQ(DefaultChannels(600, *wave), 0);
 }
 
 }  // namespace
