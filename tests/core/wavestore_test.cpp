@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstring>
+#include <algorithm>
 #include <limits>
 #include <random>
 #include <string>
@@ -50,7 +51,7 @@ TEST(FloatTo16, EndsAndRoundingHalfUpward) {
   EXPECT_EQ(kvFloatSampleTo16((0.5f - 0x1p-25f) / 32768), 0);
 }
 
-TEST(FloatTo16, BlockKernelMatchesSampleRule) {
+TEST(FloatTo16, BlockKernelMatchesDoubleFormula) {
   std::mt19937 rng(7);
   std::uniform_real_distribution<float> dist(-1.2f, 1.2f);
   std::vector<float> in(1003);
@@ -58,9 +59,20 @@ TEST(FloatTo16, BlockKernelMatchesSampleRule) {
   in[0] = std::nanf("");
   in[1] = 1.0f;
   in[2] = -1.0f;
+  // Around every half step, one float step either side.
+  for (int k = -32770; k <= 32768; k += 97) {
+    const float half = (static_cast<float>(k) + 0.5f) / 32768;
+    in.insert(in.end(), {std::nextafter(half, -2.0f), half, std::nextafter(half, 2.0f)});
+  }
+  in.insert(in.end(), {0x1p-40f, -0x1p-40f, 1e30f, -1e30f, -std::numeric_limits<float>::infinity()});
   std::vector<int16_t> out(in.size());
   kvFloatTo16(in, out);
-  for (std::size_t i = 0; i < in.size(); ++i) ASSERT_EQ(out[i], kvFloatSampleTo16(in[i])) << i << " " << in[i];
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    double v = std::trunc((static_cast<double>(in[i]) + 1.0) * 32768.0 + 0.5);
+    v = std::isnan(v) || v < 0 ? 0 : std::min(v, 65535.0);
+    ASSERT_EQ(out[i], static_cast<int>(v) - 32768) << i << " " << in[i];
+    ASSERT_EQ(out[i], kvFloatSampleTo16(in[i])) << i;
+  }
   std::vector<float> back(out.size());
   kv16ToFloat(out, back);
   EXPECT_EQ(back[1], 32767.0f / 32768);
