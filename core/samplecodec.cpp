@@ -15,16 +15,6 @@ namespace kv {
 
 namespace {
 
-inline uint16_t Load16(const uint8_t* p, bool bigEndian) {
-  return bigEndian ? static_cast<uint16_t>(p[0] << 8 | p[1]) : static_cast<uint16_t>(p[1] << 8 | p[0]);
-}
-
-inline uint32_t Load32(const uint8_t* p, bool bigEndian) {
-  uint32_t v;
-  std::memcpy(&v, p, 4);
-  return bigEndian ? __builtin_bswap32(v) : v;
-}
-
 inline void Store16(uint8_t* p, uint16_t v, bool bigEndian) {
   if (bigEndian) v = __builtin_bswap16(v);
   std::memcpy(p, &v, 2);
