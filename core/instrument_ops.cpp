@@ -1,0 +1,539 @@
+#include "core/instrument_ops.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "core/error.h"
+#include "core/wavestore.h"
+
+namespace kv {
+
+namespace {
+
+std::vector<Region*> RegionsIn(const Layer& layer) {
+  std::vector<Region*> out;
+  for (ItemId id : layer.children)
+    if (auto* r = layer.collection->FindAs<Region>(id)) out.push_back(r);
+  return out;
+}
+
+std::vector<Layer*> LayersIn(const Instrument& inst) {
+  std::vector<Layer*> out;
+  for (ItemId id : inst.children)
+    if (auto* l = inst.collection->FindAs<Layer>(id)) out.push_back(l);
+  return out;
+}
+
+Instrument* InstrumentOfRegion(const Region& r) {
+  Layer* layer = LayerOf(r);
+  return layer ? InstrumentOf(*layer) : nullptr;
+}
+
+std::string TrimRight(std::string s) {
+  while (!s.empty() && static_cast<unsigned char>(s.back()) <= ' ') s.pop_back();
+  return s;
+}
+
+// "Piano L", "Piano-L", "Piano -R": the stem and the side ('L' or 'R').
+bool SideOfName(std::string_view name, std::string& stem, char& side) {
+  if (name.size() < 3) return false;
+  const char last = name.back();
+  const char sep = name[name.size() - 2];
+  if (last != 'L' && last != 'R') return false;
+  if (sep != ' ' && sep != '-') return false;
+  stem = TrimRight(std::string(name.substr(0, name.size() - 2)));
+  if (stem.empty()) return false;
+  side = last;
+  return true;
+}
+
+bool LoadForProcessing(Waveform& w) {
+  if (w.HasData()) return true;
+  if (w.EnsureData()) return true;
+  ClearError();  // a wave that can't be read is left as it is
+  return false;
+}
+
+// Every child entry and model wave reference equal to `from` becomes `to`.
+void Retarget(Collection& c, ItemId from, ItemId to) {
+  for (Region* r : c.All<Region>())
+    for (ItemId& child : r->children)
+      if (child == from) child = to;
+  for (SynthModel* m : c.All<SynthModel>()) {
+    for (ItemId& child : m->children)
+      if (child == from) child = to;
+    m->ForEachWaveRef([&](uint32_t serial) { return serial == SerialOf(from) ? SerialOf(to) : serial; });
+  }
+}
+
+std::set<ItemId> UsedWaves(Collection& c) {
+  std::set<ItemId> used;
+  auto note = [&](ItemId id) {
+    if (TypeOf(id) != ItemType::Waveform) return;
+    if (Item* w = c.Find(id)) used.insert(w->id);
+  };
+  for (Region* r : c.All<Region>())
+    for (ItemId child : r->children) note(child);
+  for (SynthModel* m : c.All<SynthModel>()) {
+    for (ItemId child : m->children) note(child);
+    m->ForEachWaveRef([&](uint32_t serial) {
+      note(MakeId(ItemType::Waveform, serial));
+      return serial;
+    });
+  }
+  return used;
+}
+
+// Interleaves two mono waves into `left`, float when either is float; the
+// shorter side is padded with silence.
+bool InterleaveInto(Waveform& left, Waveform& right) {
+  const uint32_t frames = std::max(left.length, right.length);
+  const bool useFloat = left.samplesF || right.samplesF;
+  if (useFloat) {
+    float* l = SamplesFloat(left);
+    float* r = SamplesFloat(right);
+    auto out = TryAllocArray<float>(uint64_t{frames} * 2 + 1);
+    if ((!l && left.length) || (!r && right.length) || !out) return false;
+    for (uint32_t i = 0; i < frames; ++i) {
+      out[2 * i] = i < left.length ? l[i] : 0.0f;
+      out[2 * i + 1] = i < right.length ? r[i] : 0.0f;
+    }
+    left.samples16.reset();
+    left.samplesF = std::move(out);
+  } else {
+    int16_t* l = Samples16(left);
+    int16_t* r = Samples16(right);
+    auto out = TryAllocArray<int16_t>(uint64_t{frames} * 2 + 1);
+    if ((!l && left.length) || (!r && right.length) || !out) return false;
+    for (uint32_t i = 0; i < frames; ++i) {
+      out[2 * i] = i < left.length ? l[i] : int16_t{0};
+      out[2 * i + 1] = i < right.length ? r[i] : int16_t{0};
+    }
+    left.samplesF.reset();
+    left.samples16 = std::move(out);
+  }
+  left.length = frames;
+  left.channels = 2;
+  left.readCallback = nullptr;
+  left.bits = std::max(left.bits, right.bits);
+  left.rootKey = static_cast<uint8_t>((left.rootKey + right.rootKey) / 2);
+  return true;
+}
+
+// Keeps channel `channel` of a stereo buffer in `into`, which becomes mono.
+template <typename T>
+std::unique_ptr<T[]> TakeChannel(const T* stereo, uint32_t frames, int channel) {
+  auto out = TryAllocArray<T>(uint64_t{frames} + 1);
+  if (!out) return out;
+  for (uint32_t i = 0; i < frames; ++i) out[i] = stereo[2 * i + channel];
+  return out;
+}
+
+bool FullPan(float a, float b) { return (a <= -0.9f && b >= 0.9f) || (a >= 0.9f && b <= -0.9f); }
+
+// Regions follow a wave whose loop moved: offsets stay inside the new loop's
+// reach, and region loop overrides that lay in or behind the old loop adapt.
+void FollowLoopChange(Collection& c, const Waveform& wave, int64_t oldStart, int64_t oldEnd, int64_t newStart,
+                      int64_t newEnd) {
+  const int64_t length = wave.length;
+  const int64_t d = newEnd - oldEnd;
+  for (Region* r : c.All<Region>()) {
+    if (RegionWaveform(*r) != &wave) continue;
+    if (r->startOffset > newStart) r->startOffset = static_cast<int32_t>(newStart);
+    if (r->endOffset + length < newEnd) r->endOffset = static_cast<int32_t>(newEnd - length);
+    if (d == 0 || !(r->overrideMask & (kOverrideLoopStart | kOverrideLoopEnd))) continue;
+    if (r->loopStart < static_cast<float>(oldStart)) continue;
+    if (r->loopStart < static_cast<float>(oldEnd)) {
+      r->overrideMask &= static_cast<uint8_t>(~(kOverrideLoopStart | kOverrideLoopEnd));
+      r->loopStart = wave.loopStart;
+      r->loopEnd = wave.loopEnd;
+      continue;
+    }
+    r->loopStart += static_cast<float>(d);
+    r->loopEnd += static_cast<float>(d);
+    if (!(r->loopEnd < static_cast<float>(length)))
+      r->overrideMask &= static_cast<uint8_t>(~(kOverrideLoopStart | kOverrideLoopEnd));
+  }
+}
+
+// Resizes a wave's own buffer to `frames`, keeping what fits, zero-filling
+// the rest. The wave must own its data (MakeSamples* done).
+bool ResizeFrames(Waveform& w, uint32_t frames) {
+  const uint64_t keep = uint64_t{std::min(frames, w.length)} * w.channels;
+  const uint64_t count = uint64_t{frames} * w.channels;
+  if (w.samples16) {
+    auto out = TryAllocArray<int16_t>(count + 1);
+    if (!out) return Fail("Loop tools", "Out of memory");
+    std::copy_n(w.samples16.get(), keep, out.get());
+    std::fill(out.get() + keep, out.get() + count, int16_t{0});
+    w.samples16 = std::move(out);
+  } else {
+    auto out = TryAllocArray<float>(count + 1);
+    if (!out) return Fail("Loop tools", "Out of memory");
+    if (w.samplesF) std::copy_n(w.samplesF.get(), keep, out.get());
+    std::fill(out.get() + keep, out.get() + count, 0.0f);
+    w.samplesF = std::move(out);
+  }
+  w.length = frames;
+  return true;
+}
+
+// Makes the wave own its data in the form it has.
+bool OwnData(Waveform& w) {
+  if (!w.HasData() && !w.EnsureData()) return false;
+  if (w.samples16) return MakeSamples16(w) != nullptr || w.SampleCount() == 0;
+  return MakeSamplesFloat(w) != nullptr || w.SampleCount() == 0;
+}
+
+void CopyFrame(Waveform& w, uint32_t to, uint32_t from) {
+  const uint32_t ch = w.channels;
+  for (uint32_t k = 0; k < ch; ++k) {
+    if (w.samples16) w.samples16[uint64_t{to} * ch + k] = w.samples16[uint64_t{from} * ch + k];
+    else w.samplesF[uint64_t{to} * ch + k] = w.samplesF[uint64_t{from} * ch + k];
+  }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- stereo pairs
+
+int MergeStereoPairs(Collection& c) {
+  struct Side {
+    std::string stem;
+    Waveform* wave;
+  };
+  std::vector<Side> lefts, rights;
+  for (Waveform* w : c.All<Waveform>()) {
+    std::string stem;
+    char side = 0;
+    if (w->channels != 1 || !SideOfName(w->Name(), stem, side)) continue;
+    (side == 'L' ? lefts : rights).push_back({stem, w});
+  }
+  int merged = 0;
+  std::set<Waveform*> taken;
+  for (Side& l : lefts) {
+    Waveform* left = l.wave;
+    Waveform* right = nullptr;
+    for (Side& r : rights)
+      if (!taken.count(r.wave) && r.stem == l.stem && r.wave->length == left->length &&
+          r.wave->sampleRate == left->sampleRate && r.wave->rootKey == left->rootKey) {
+        right = r.wave;
+        break;
+      }
+    if (!right || !LoadForProcessing(*left) || !LoadForProcessing(*right)) continue;
+    if (!InterleaveInto(*left, *right)) {
+      ClearError();
+      continue;
+    }
+    taken.insert(right);
+    left->SetName(l.stem);
+
+    // Regions of the right half: a partner on the left half with the same
+    // ranges in the same instrument absorbs it; any other plays the pair.
+    std::vector<Region*> regions = c.All<Region>();
+    for (Region* r : regions) {
+      if (RegionWaveform(*r) != right) continue;
+      Region* partner = nullptr;
+      Instrument* inst = InstrumentOfRegion(*r);
+      for (Region* p : regions)
+        if (p != r && RegionWaveform(*p) == left && InstrumentOfRegion(*p) == inst &&
+            p->trigger.SameRanges(r->trigger)) {
+          partner = p;
+          break;
+        }
+      if (!partner) {
+        SetRegionWaveform(*r, left->id);
+        continue;
+      }
+      // A dual-mono pair panned hard apart plays centred as one stereo wave.
+      if (FullPan(partner->art.value[kRowPan], r->art.value[kRowPan])) partner->art.Set(kRowPan, 0.0f);
+      partner->phaseMaster |= r->phaseMaster;
+      Layer* layer = LayerOf(*r);
+      DeleteItem(r);
+      std::erase(regions, r);
+      if (layer && layer->children.empty()) DeleteItem(layer);
+    }
+    Retarget(c, right->id, left->id);
+    DeleteItem(right);
+    ++merged;
+  }
+  return merged;
+}
+
+int SplitStereoWaves(Collection& c) {
+  std::map<ItemId, ItemId> rightOf;
+  for (Waveform* w : c.All<Waveform>()) {
+    if (w->channels != 2 || !LoadForProcessing(*w)) continue;
+    std::string base(w->Name());
+    if (base.size() > 2 && (base.ends_with(" S") || base.ends_with("-S"))) base.resize(base.size() - 2);
+    base = TrimRight(base);
+    if (base.size() > 126) base.resize(126);
+
+    auto* right = static_cast<Waveform*>(CloneItem(*w, c, (base + " -R").c_str(), false));
+    bool ok;
+    if (w->samples16) {
+      auto l = TakeChannel(w->samples16.get(), w->length, 0);
+      auto r = TakeChannel(w->samples16.get(), w->length, 1);
+      ok = l && r;
+      if (ok) {
+        w->samples16 = std::move(l);
+        right->samples16 = std::move(r);
+      }
+    } else {
+      auto l = TakeChannel(w->samplesF.get(), w->length, 0);
+      auto r = TakeChannel(w->samplesF.get(), w->length, 1);
+      ok = l && r;
+      if (ok) {
+        w->samplesF = std::move(l);
+        right->samplesF = std::move(r);
+      }
+    }
+    if (!ok) {
+      DeleteItem(right);
+      continue;
+    }
+    for (Waveform* half : {w, right}) {
+      half->channels = 1;
+      half->readCallback = nullptr;
+      half->samples16 ? half->samplesF.reset() : half->samples16.reset();
+    }
+    w->SetName(base + " -L");
+    rightOf[w->id] = right->id;
+  }
+  if (rightOf.empty()) return 0;
+
+  // Each layer that plays split waves gets a partner layer for the right side.
+  for (Layer* layer : c.All<Layer>()) {
+    Instrument* inst = InstrumentOf(*layer);
+    if (!inst) continue;
+    Layer* partner = nullptr;
+    for (Region* r : RegionsIn(*layer)) {
+      Waveform* wave = RegionWaveform(*r);
+      auto it = wave ? rightOf.find(wave->id) : rightOf.end();
+      if (it == rightOf.end()) continue;
+      if (!partner) {
+        partner = Create<Layer>(c, layer->name);
+        partner->trigger = layer->trigger;
+        partner->art = layer->art;
+        partner->drum = layer->drum;
+        partner->parentId = inst->id;
+        AddChild(*inst, partner->id);
+      }
+      auto* copy = static_cast<Region*>(CloneItem(*r, c));
+      copy->parentId = partner->id;
+      AddChild(*partner, copy->id);
+      SetRegionWaveform(*copy, it->second);
+      r->art.Set(kRowPan, -1.0f);
+      copy->art.Set(kRowPan, 1.0f);
+      copy->RebuildName();
+      r->RebuildName();
+    }
+    if (partner) inst->FixUp();
+  }
+  return static_cast<int>(rightOf.size());
+}
+
+// ---------------------------------------------------------------- layers
+
+namespace {
+
+bool SameTriggerRecord(const TriggerRecord& a, const TriggerRecord& b) {
+  if (a.setMask != b.setMask) return false;
+  for (int p = TriggerRecord::kFirst; p <= TriggerRecord::kLast; ++p)
+    if (a.Get(p) != b.Get(p)) return false;
+  return true;
+}
+
+bool Overlap(const TriggerRecord& a, const TriggerRecord& b) {
+  return a.loKey <= b.hiKey && b.loKey <= a.hiKey && a.loVel <= b.hiVel && b.loVel <= a.hiVel;
+}
+
+}  // namespace
+
+int CompactLayers(Collection& c) {
+  int merged = 0;
+  for (Instrument* inst : c.All<Instrument>()) {
+    std::vector<Layer*> layers = LayersIn(*inst);
+    if (layers.size() < 2) continue;
+    bool changed = false;
+    for (std::size_t i = 0; i < layers.size(); ++i) {
+      Layer* base = layers[i];
+      if (!base) continue;
+      for (std::size_t j = i + 1; j < layers.size(); ++j) {
+        Layer* other = layers[j];
+        if (!other || !SameTriggerRecord(base->trigger, other->trigger) || !(base->art == other->art)) continue;
+        std::vector<Region*> mine = RegionsIn(*base), theirs = RegionsIn(*other);
+        bool clash = false;
+        for (Region* a : mine)
+          for (Region* b : theirs) clash |= Overlap(a->trigger, b->trigger);
+        if (clash) continue;
+        for (Region* r : theirs) {
+          r->parentId = base->id;
+          AddChild(*base, r->id);
+        }
+        other->children.clear();
+        DeleteItem(other);
+        layers[j] = nullptr;
+        ++merged;
+        changed = true;
+      }
+      if (changed) base->FixUp();
+    }
+    if (changed) inst->FixUp();
+  }
+  return merged;
+}
+
+int MoveTriggerParamsUp(Collection& c) {
+  int changed = 0;
+  for (Layer* layer : c.All<Layer>()) {
+    std::vector<Region*> regions = RegionsIn(*layer);
+    if (regions.empty()) continue;
+    bool moved = false;
+    for (int p = TriggerRecord::kFirst; p <= TriggerRecord::kLast; ++p) {
+      // Ranges are each region's own; exclusions are pushed down by the layer's fix-up.
+      if ((p >= 190 && p <= 193) || p == 202 || p == 203) continue;
+      const float value = regions.front()->trigger.Get(p);
+      bool anySet = false, allEqual = true;
+      for (Region* r : regions) {
+        anySet |= r->trigger.IsSet(p);
+        allEqual &= r->trigger.Get(p) == value;
+      }
+      if (!anySet || !allEqual) continue;
+      layer->trigger.Put(p, value);
+      layer->trigger.MarkSet(p);
+      for (Region* r : regions) r->trigger.MarkUnset(p);
+      moved = true;
+    }
+    changed += moved;
+  }
+  return changed;
+}
+
+int MoveArticulationUp(Collection& c) {
+  int changed = 0;
+  for (Instrument* inst : c.All<Instrument>()) {
+    std::vector<Layer*> layers = LayersIn(*inst);
+    std::vector<Articulation*> layerArts;
+    for (Layer* layer : layers) {
+      std::vector<Articulation*> arts;
+      for (Region* r : RegionsIn(*layer)) arts.push_back(&r->art);
+      changed += MoveUpIfAllEqual(layer->art, arts, true);
+      layerArts.push_back(&layer->art);
+    }
+    changed += MoveUpIfAllEqual(inst->art, layerArts, true);
+    inst->FixUp();
+  }
+  return changed;
+}
+
+// ---------------------------------------------------------------- waveforms
+
+int RemoveDuplicateWaves(Collection& c, uint64_t* bytesFreed) {
+  std::vector<Waveform*> waves = c.All<Waveform>();
+  // Cheap fields first; samples are read only for waves that share them.
+  auto key = [](const Waveform* w) {
+    return std::make_tuple(w->length, w->channels, w->sampleRate, w->loopType, w->loopRelease, w->loopStart,
+                           w->loopEnd, w->loopPitch, w->preferredFormat);
+  };
+  std::vector<bool> gone(waves.size(), false);
+  std::vector<std::pair<Waveform*, Waveform*>> duplicates;  // (duplicate, kept)
+  for (std::size_t i = 0; i < waves.size(); ++i) {
+    if (gone[i]) continue;
+    for (std::size_t j = i + 1; j < waves.size(); ++j) {
+      if (gone[j] || key(waves[i]) != key(waves[j])) continue;
+      Waveform& a = *waves[i];
+      Waveform& b = *waves[j];
+      if (!LoadForProcessing(a)) break;
+      if (!LoadForProcessing(b)) continue;
+      const uint64_t n = a.SampleCount();
+      bool same = false;
+      if (a.samples16 && b.samples16) same = std::memcmp(a.samples16.get(), b.samples16.get(), n * 2) == 0;
+      else if (a.samplesF && b.samplesF) same = std::memcmp(a.samplesF.get(), b.samplesF.get(), n * 4) == 0;
+      if (!same) continue;
+      gone[j] = true;
+      duplicates.push_back({&b, &a});
+    }
+  }
+  uint64_t bytes = 0;
+  for (auto [dup, kept] : duplicates) {
+    bytes += EstimatedSize(*dup, false);
+    Retarget(c, dup->id, kept->id);
+    DeleteItem(dup);
+  }
+  for (Region* r : c.All<Region>()) r->RebuildName();
+  if (bytesFreed) *bytesFreed = bytes;
+  return static_cast<int>(duplicates.size());
+}
+
+int DeleteUnusedWaves(Collection& c, uint64_t* bytesFreed) {
+  std::set<ItemId> used = UsedWaves(c);
+  uint64_t bytes = 0;
+  int count = 0;
+  for (Waveform* w : c.All<Waveform>()) {
+    if (used.count(w->id)) continue;
+    bytes += EstimatedSize(*w, false);
+    DeleteItem(w);
+    ++count;
+  }
+  if (bytesFreed) *bytesFreed = bytes;
+  return count;
+}
+
+// ---------------------------------------------------------------- loops
+
+bool LoopAlternatingToForward(Waveform& w) {
+  if (w.loopType != 3) return false;
+  if (!OwnData(w)) return false;
+  const int64_t n = w.length;
+  float start = std::max(w.loopStart, 0.0f);
+  float end = std::min(w.loopEnd, static_cast<float>(n));
+  const int64_t oldStart = static_cast<int64_t>(start + 0.5f), oldEnd = static_cast<int64_t>(end + 0.5f);
+  const int64_t loopLength = static_cast<int64_t>(end - start + 0.5f);
+  if (loopLength <= 0) {
+    w.loopType = 0;
+    return true;
+  }
+  const int64_t s = static_cast<int64_t>(start + 0.5f);
+  // The mirrored loop is written behind the loop; the wave grows if it must.
+  const int64_t needed = s + 2 * loopLength;
+  if (needed > UINT32_MAX) return Fail("Loop tools", "Out of memory");
+  if (needed > n && !ResizeFrames(w, static_cast<uint32_t>(needed))) return false;
+  for (int64_t i = 0; i < loopLength; ++i)
+    CopyFrame(w, static_cast<uint32_t>(s + loopLength + i), static_cast<uint32_t>(s + loopLength - 1 - i));
+  w.loopType = 1;
+  w.loopStart = static_cast<float>(s);
+  w.loopEnd = static_cast<float>(s + 2 * loopLength);
+  FollowLoopChange(*w.collection, w, oldStart, oldEnd, s, s + 2 * loopLength);
+  return true;
+}
+
+bool LoopAppend32(Waveform& w) {
+  if (w.loopType == 0) return false;
+  if (!OwnData(w)) return false;
+  const uint32_t n = w.length;
+  const float start = std::max(w.loopStart, 0.0f);
+  const float end = std::min(w.loopEnd, static_cast<float>(n));
+  const uint32_t e = static_cast<uint32_t>(end + 0.5f);
+  const uint32_t s = static_cast<uint32_t>(start + 0.5f);
+  // Unsigned on purpose: an end past the length never asks for more.
+  if (static_cast<uint32_t>(n - e) >= 32u || e <= s) return false;
+  if (w.loopRelease == 0) {
+    if (!ResizeFrames(w, e + 32)) return false;
+    const uint32_t loopLength = e - s;
+    for (uint32_t i = 0; i < 32; ++i) CopyFrame(w, e + i, s + i % loopLength);
+  } else {
+    // The release must stay: silence goes after it.
+    if (!ResizeFrames(w, e + 32)) return false;
+  }
+  FollowLoopChange(*w.collection, w, s, e, s, e);
+  return true;
+}
+
+}  // namespace kv

@@ -1,0 +1,66 @@
+// Model-level instrument operations: stereo pair merge and split, layer
+// compaction, moving trigger parameters and articulation up, duplicate and
+// unused waveform removal, and the two loop conversions the load options run.
+//
+// They live in core, not processing, because they touch only the model and
+// the import and export pipelines (kv_formats, below kv_processing) run them
+// as load options and before a save. The processing wizard calls the same
+// functions; its rows add pages, undo steps and status texts around them.
+#pragma once
+
+#include <cstdint>
+
+#include "core/items.h"
+
+namespace kv {
+
+// Row of the articulation's pan position (-1 left .. 1 right).
+inline constexpr int kRowPan = 51;
+
+// Merges mono pairs whose names differ only by a final " L"/" R" or
+// "-L"/"-R" (same length, rate and root key) into interleaved stereo waves.
+// Regions of the two halves with the same ranges in one instrument become one
+// region on the stereo wave; other right-side regions play the stereo wave.
+// The right halves go. Returns the number of stereo waves made.
+int MergeStereoPairs(Collection& collection);
+
+// Splits every stereo wave into a left wave (this one, " -L") and a right
+// clone (" -R"). Each layer playing split waves gets a partner layer in its
+// instrument with copies of those regions on the right waves; the originals
+// pan left, the copies right. Returns the number of waves split.
+int SplitStereoWaves(Collection& collection);
+
+// Merges the layers of each instrument that can be one: same trigger type,
+// same layer trigger and articulation, and regions that don't overlap.
+// Returns the number of layers merged away.
+int CompactLayers(Collection& collection);
+
+// For each layer: trigger parameters that all its regions set alike (key and
+// velocity ranges and the exclusion fields excepted) move into the layer.
+// Returns the number of layers changed.
+int MoveTriggerParamsUp(Collection& collection);
+
+// Articulation parameters that all regions of a layer agree on move to the
+// layer, then those all layers agree on to the instrument. Returns the
+// number of levels changed.
+int MoveArticulationUp(Collection& collection);
+
+// Deletes waves whose samples are bit-identical to an earlier wave with the
+// same length, channels, rate, sample form and loop; regions and models are
+// pointed at the kept wave. `bytesFreed` (optional) takes the memory size of
+// what went. Waves that can't be read are left alone.
+int RemoveDuplicateWaves(Collection& collection, uint64_t* bytesFreed = nullptr);
+
+// Deletes waves that no region or synthesis model uses.
+int DeleteUnusedWaves(Collection& collection, uint64_t* bytesFreed = nullptr);
+
+// Loop conversions for looped waves: an alternating loop written out as a
+// forward one (the mirrored loop follows the original, the loop covers it),
+// and 32 frames from the loop start after the loop end so an interpolator
+// reading past the end sees the loop's beginning. Regions playing the wave
+// follow the new points. True if the wave changed; false also when its data
+// can't be read (ErrorContext/ErrorMessage set then).
+bool LoopAlternatingToForward(Waveform& wave);
+bool LoopAppend32(Waveform& wave);
+
+}  // namespace kv

@@ -1,0 +1,476 @@
+// The import pipeline and the fix-up pass that makes any reader's output
+// consistent. Modules may leave items in any order, unnamed, overlapping or
+// dangling: everything here repairs that, so modules stay small.
+#include "formats/import.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "core/app.h"
+#include "core/articulation.h"
+#include "core/error.h"
+#include "core/fileref.h"
+#include "core/instrument_ops.h"
+#include "core/settings.h"
+#include "core/wavestore.h"
+
+namespace kv {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kImportContext = "File Import";
+
+// ---- row functions with the test overlay ----
+
+struct RowOverride {
+  FormatReadFn read = nullptr;
+  FormatWriteFn write = nullptr;
+};
+std::array<RowOverride, kFormatCount>& Overrides() {
+  static std::array<RowOverride, kFormatCount> overrides{};
+  return overrides;
+}
+
+// ---- the folder of the file being read ----
+
+fs::path& ImportFolderSlot() {
+  static fs::path folder;
+  return folder;
+}
+
+// Sets the import folder for the length of a read; reads nest when a module
+// imports a referenced file through ImportFile.
+class ImportFolderScope {
+ public:
+  explicit ImportFolderScope(fs::path folder) : saved_(std::move(ImportFolderSlot())) {
+    ImportFolderSlot() = std::move(folder);
+  }
+  ~ImportFolderScope() { ImportFolderSlot() = std::move(saved_); }
+  ImportFolderScope(const ImportFolderScope&) = delete;
+  ImportFolderScope& operator=(const ImportFolderScope&) = delete;
+
+ private:
+  fs::path saved_;
+};
+
+fs::path AbsolutePath(const fs::path& path) {
+  std::error_code ec;
+  fs::path absolute = fs::absolute(path, ec);
+  return ec ? path : absolute.lexically_normal();
+}
+
+void ForgetRecentFile(const fs::path& path) {
+  auto& list = Settings().app.LastFilesA;
+  const std::string absolute = AbsolutePath(path).string();
+  std::erase_if(list, [&](const std::string& entry) { return entry == absolute || entry == path.string(); });
+}
+
+// ---- the raw row's answers, for the process ----
+
+bool g_rawAsk = true;
+bool g_rawCancelAlways = false;
+
+// Buttons of the raw-data question. A box that isn't shown returns 1, which
+// must read as "Allways OK" so silent runs load raw data.
+enum RawAnswer : int {
+  kRawAlwaysOk = kBoxOk,
+  kRawCancel = 2,
+  kRawOk = kBoxYes,
+  kRawAlwaysCancel = kBoxNo,
+};
+
+int g_replacedCount = 0;
+
+// Bit 0 root key .. bit 5 loop pitch: a region override equal to the wave's
+// own value says nothing and only hides later edits of the wave.
+void DropRedundantOverrides(Region& region, const Waveform& wave) {
+  auto drop = [&](uint8_t bit, bool equal) {
+    if ((region.overrideMask & bit) && equal) region.overrideMask &= static_cast<uint8_t>(~bit);
+  };
+  drop(kOverrideRootKey, region.rootKey == wave.rootKey);
+  drop(kOverrideLoopType, region.loopType == wave.loopType);
+  drop(kOverrideLoopRelease, region.loopRelease == wave.loopRelease);
+  drop(kOverrideLoopStart, region.loopStart == wave.loopStart);
+  drop(kOverrideLoopEnd, region.loopEnd == wave.loopEnd);
+  drop(kOverrideLoopPitch, region.loopPitch == wave.loopPitch);
+}
+
+// Removes ids that no longer resolve, last to first.
+void DropDeadChildren(Item& item) {
+  for (std::size_t i = item.children.size(); i-- > 0;)
+    if (!item.collection->Find(item.children[i])) item.children.erase(i);
+}
+
+std::vector<ItemId> IdsOf(const Collection& c, ItemType t) {
+  std::vector<ItemId> ids;
+  for (Item* item : c.ItemsOf(t)) ids.push_back(item->id);
+  return ids;
+}
+
+// Deletes what `doomed` picks among the items of one type; gathered first,
+// since each deletion changes the map.
+template <typename T, typename Pred>
+bool RemoveWhere(Collection& c, ItemType t, Pred doomed) {
+  std::vector<ItemId> victims;
+  for (Item* item : c.ItemsOf(t))
+    if (auto* typed = dynamic_cast<T*>(item); typed && doomed(*typed)) victims.push_back(item->id);
+  for (ItemId id : victims)
+    if (Item* item = c.Find(id)) DeleteItem(item);
+  return !victims.empty();
+}
+
+// "C4..G5" and " : 1..100" in the manner of a region name.
+std::string RangeText(const TriggerRecord& t) {
+  std::string text = NoteName(t.loKey);
+  if (t.hiKey != t.loKey) text += std::string("..") + NoteName(t.hiKey);
+  if (t.loVel > 1 || t.hiVel != 127) {
+    text += " : " + std::to_string(t.loVel);
+    if (t.hiVel != t.loVel) text += ".." + std::to_string(t.hiVel);
+  }
+  return text;
+}
+
+void PruneTrigger(TriggerRecord& record, const TriggerRecord& reference) {
+  for (int p = TriggerRecord::kFirst; p <= TriggerRecord::kLast; ++p)
+    if (record.IsSet(p) && record.Get(p) == reference.Get(p)) record.MarkUnset(p);
+}
+
+// Phase 3: marks that repeat what the level above says are dropped, top down.
+void DropRedundantMarks(Collection& c) {
+  Articulation defaults;
+  const TriggerRecord defaultTrigger;
+  for (Instrument* inst : c.All<Instrument>()) {
+    for (int i = 0; i < kArticulationCount; ++i)
+      if (inst->art.IsSet(i) && inst->art.value[i] == defaults.value[i]) inst->art.MarkUnset(i);
+    for (ItemId layerId : inst->children) {
+      auto* layer = c.FindAs<Layer>(layerId);
+      if (!layer) continue;
+      PruneTrigger(layer->trigger, defaultTrigger);
+      layer->art.Prune(inst->art);
+      for (ItemId regionId : layer->children) {
+        auto* region = c.FindAs<Region>(regionId);
+        if (!region) continue;
+        PruneTrigger(region->trigger, layer->trigger);
+        region->art.Prune(layer->art);
+        region->RebuildName();
+      }
+      std::string name(layer->Name());
+      if (std::size_t colon = name.find(':'); colon != std::string::npos) name.resize(colon);
+      const TriggerRecord& t = layer->trigger;
+      if (t.loKey != 0 || t.hiKey != 127 || t.loVel != 0 || t.hiVel != 127) name += ": " + RangeText(t);
+      layer->SetName(name);
+    }
+  }
+}
+
+void ApplyLoopConversions(Collection& c, bool bid2fwd, bool append32) {
+  for (Waveform* wave : c.All<Waveform>()) {
+    if (wave->loopType == 0) continue;
+    // A wave that can't be read keeps its loop; the read reports on first use.
+    if (bid2fwd && wave->loopType == 3 && !LoopAlternatingToForward(*wave)) ClearError();
+    if (append32 && wave->loopType != 0 && !LoopAppend32(*wave)) ClearError();
+  }
+}
+
+int g_collectionSortMode = 0;
+int g_waveformSortMode = 0;
+
+}  // namespace
+
+// ---------------------------------------------------------------- row functions
+
+FormatReadFn RowReadFunction(int row) {
+  const FormatEntry* entry = FormatAt(row);
+  if (!entry) return nullptr;
+  if (FormatReadFn read = Overrides()[row].read) return read;
+  if (entry->read) return entry->read;
+  return row == 0 ? raw_Imp : nullptr;
+}
+
+FormatWriteFn RowWriteFunction(int row) {
+  const FormatEntry* entry = FormatAt(row);
+  if (!entry) return nullptr;
+  if (FormatWriteFn write = Overrides()[row].write) return write;
+  return entry->write;
+}
+
+void OverrideRowFunctions(int row, FormatReadFn read, FormatWriteFn write) {
+  if (row < 0 || row >= kFormatCount) return;
+  Overrides()[row] = {read, write};
+}
+
+void ClearRowOverrides() { Overrides().fill({}); }
+
+// ---------------------------------------------------------------- import folder
+
+const fs::path& CurrentImportFolder() { return ImportFolderSlot(); }
+
+fs::path ResolveImportPath(const fs::path& name) {
+  if (name.is_absolute() || CurrentImportFolder().empty()) return name;
+  return CurrentImportFolder() / name;
+}
+
+int& CollectionSortMode() { return g_collectionSortMode; }
+int& WaveformSortMode() { return g_waveformSortMode; }
+
+// ---------------------------------------------------------------- ImportFile
+
+bool ImportFile(Collection& collection, const fs::path& path, bool strict) {
+  // Referenced files resolve against the file's folder. The process's
+  // working directory stays as it is: relative command-line paths given
+  // after this one must keep their meaning.
+  const fs::path absolute = AbsolutePath(path);
+
+  FileRef file;
+  struct stat info {};
+  if (!file.OpenRead(absolute) || ::fstat(file.Fd(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    ForgetRecentFile(path);
+    return Fail(kImportContext, "Could not open file");
+  }
+  if (file.Size() == 0) return Fail(kImportContext, "File is of zero size");
+
+  int confidence = 0;
+  const int row = DetectFormat(absolute, file, confidence);
+  if (row < 0) return Fail(kImportContext, "Not a supported import file type");
+  if (!strict && confidence == 0) return Fail(kImportContext, "Not detected as any supported file type");
+  const FormatReadFn read = RowReadFunction(row);
+  // Rows are detected before their readers are built; say which one is missing.
+  if (!read) return Fail(kImportContext, "Reading \"%s\" files is not available yet", FormatName(row));
+
+  collection.Clear();
+  collection.sourcePath = absolute;
+  collection.formatIndex = row;
+  collection.SetName(absolute.stem().string());
+
+  bool ok;
+  {
+    ImportFolderScope folder(absolute.parent_path());
+    const bool wasBusy = App().busy;
+    App().busy = true;  // instrument constructors report their names
+    ok = read(collection, file, FormatAt(row)->parameter);
+    App().busy = wasBusy;
+  }
+  file.Close();
+
+  if (!ok) {
+    collection.Clear();
+    collection.SetName("Empty collection");
+    return false;
+  }
+  FixUpItems(collection, 0xFF, true);
+  return true;
+}
+
+bool CanImport(const fs::path& path) {
+  FileRef file;
+  if (!file.OpenRead(AbsolutePath(path))) return false;
+  int confidence = 0;
+  return DetectFormat(AbsolutePath(path), file, confidence) >= 0;
+}
+
+// ---------------------------------------------------------------- merge and replace
+
+bool MergeFile(Collection& collection, const fs::path& path) {
+  Collection scratch;
+  if (!ImportFile(scratch, path, true)) return false;
+  const bool singleWave = scratch.Count(ItemType::Instrument) == 0 && scratch.Count(ItemType::Waveform) == 1;
+  MergeCollections(collection, scratch);
+  App().refresh = true;
+  App().currentItem = collection.id;
+  // A lone wave file added to a bank is the user's choice, never a duplicate to drop.
+  if (Settings().load.bAutoRemoveDupWaves && !singleWave) RemoveDuplicateWaves(collection);
+  return true;
+}
+
+void ReplaceWaveData(Waveform& target, Waveform& source) {
+  if (!source.EnsureData()) return;
+  const uint64_t count = source.SampleCount();
+  target.samples16.reset();
+  target.samplesF.reset();
+  target.length = source.length;
+  target.channels = source.channels;
+  target.sampleRate = source.sampleRate;
+  target.bits = source.bits;
+  target.readCallback = nullptr;
+
+  const bool sourceLooped = !(source.loopType == 0 && source.loopStart == 0.0f &&
+                              (source.loopEnd == 0.0f || source.loopEnd == static_cast<float>(source.length)));
+  if (sourceLooped && (source.loopStart != target.loopStart || source.loopEnd != target.loopEnd)) {
+    target.loopType = source.loopType;
+    target.loopRelease = source.loopRelease;
+    target.loopStart = source.loopStart;
+    target.loopEnd = source.loopEnd;
+  }
+  if (source.samples16) {
+    target.samples16 = std::make_unique<int16_t[]>(count ? count : 1);
+    std::copy_n(source.samples16.get(), count, target.samples16.get());
+  } else if (source.samplesF) {
+    target.samplesF = std::make_unique<float[]>(count ? count : 1);
+    std::copy_n(source.samplesF.get(), count, target.samplesF.get());
+  }
+  target.FixUp();
+  ++g_replacedCount;
+}
+
+bool ReplaceWavesFile(Collection& collection, const fs::path& path) {
+  g_replacedCount = 0;
+  Collection scratch;
+  if (!ImportFile(scratch, path, true)) return false;
+  std::vector<Waveform*> sources = scratch.All<Waveform>();
+  for (Waveform* target : collection.All<Waveform>()) {
+    auto match = std::find_if(sources.begin(), sources.end(),
+                              [&](const Waveform* s) { return std::strcmp(s->name, target->name) == 0; });
+    if (match != sources.end()) ReplaceWaveData(*target, **match);
+  }
+  if (g_replacedCount > 0) App().refresh = true;
+  return true;
+}
+
+int TakeReplacedCount() {
+  int count = g_replacedCount;
+  g_replacedCount = 0;
+  return count;
+}
+
+// ---------------------------------------------------------------- the raw row
+
+bool raw_Imp(Collection& collection, FileRef& file, uint32_t) {
+  if (g_rawCancelAlways) return true;
+  if (g_rawAsk) {
+    const int answer = MessageBox(
+        "The selected file can not be detected as any of the supported import types. Select OK to read it as raw "
+        "data...\n\nYou'll need to adjust the data format on the 'Source' tab of the waveform properties.",
+        file.Path().filename().string(), BoxButtons::ThreeWay);
+    switch (answer) {
+      case kRawAlwaysOk: g_rawAsk = false; break;
+      case kRawOk: break;
+      case kRawAlwaysCancel: g_rawCancelAlways = true; return true;
+      default: return true;  // Cancel
+    }
+  }
+  auto* wave = Create<Waveform>(collection);
+  SetGenericFormat(*wave, kPcm8, 0);
+  wave->sampleRate = 44100;
+  wave->channels = 1;
+  wave->fileOffset = 0;
+  wave->sourcePath = file.Path();
+  const uint64_t frames = file.Size() * 8 / (DataFormatBits(kPcm8) * wave->channels);
+  wave->length = static_cast<uint32_t>(std::min<uint64_t>(frames, UINT32_MAX));
+  return true;
+}
+
+void ResetRawImportQuestion() {
+  g_rawAsk = true;
+  g_rawCancelAlways = false;
+}
+
+// ---------------------------------------------------------------- FixUpItems
+
+void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
+  StatusText("Fixing up items...");
+  const uint64_t features = Settings().features;
+
+  // Phase 1: normalise, type by type, each from a snapshot of ids taken at
+  // its turn (a layer's fix-up may delete regions).
+  for (ItemType t : {ItemType::Instrument, ItemType::Layer, ItemType::Region, ItemType::SynthModel,
+                     ItemType::Waveform, ItemType::Song, ItemType::Track}) {
+    for (ItemId id : IdsOf(c, t)) {
+      Item* item = c.Find(id);
+      if (!item) continue;
+      if (auto* wave = dynamic_cast<Waveform*>(item); wave && loadOptions) {
+        // Before FixUp, which turns "Default" into 16-bit or float.
+        if (wave->preferredFormat == kPreferredDefault && IsGeneric(*wave)) {
+          int preferred = PreferredFormatFor(SourceDataFormat(wave->sourceFormat));
+          if (preferred >= 0) wave->preferredFormat = static_cast<uint8_t>(preferred);
+        }
+      }
+      item->FixUp();
+      if (auto* inst = dynamic_cast<Instrument*>(item)) ReduceArticulation(inst->art, features);
+      else if (auto* layer = dynamic_cast<Layer*>(item)) ReduceArticulation(layer->art, features);
+      else if (auto* region = dynamic_cast<Region*>(item)) {
+        ReduceArticulation(region->art, features);
+        if (loadOptions)
+          if (Waveform* wave = RegionWaveform(*region)) DropRedundantOverrides(*region, *wave);
+      }
+    }
+  }
+
+  // Phase 2: removal, lowest type first, so an instrument whose last wave
+  // went goes in the same call.
+  bool deleted = false;
+  if (removal & TypeBit(ItemType::Waveform))
+    deleted |= RemoveWhere<Waveform>(c, ItemType::Waveform, [](const Waveform& w) {
+      return w.length == 0 || (w.channels != 1 && w.channels != 2);
+    });
+  if (removal & TypeBit(ItemType::SynthModel))
+    deleted |= RemoveWhere<SynthModel>(c, ItemType::SynthModel, [](SynthModel& m) {
+      DropDeadChildren(m);
+      return m.children.empty();
+    });
+  if (removal & TypeBit(ItemType::Region))
+    deleted |= RemoveWhere<Region>(c, ItemType::Region, [](Region& r) {
+      DropDeadChildren(r);
+      return r.children.empty();
+    });
+  if (removal & TypeBit(ItemType::Layer))
+    deleted |= RemoveWhere<Layer>(c, ItemType::Layer, [](Layer& l) {
+      DropDeadChildren(l);
+      return l.children.empty();
+    });
+  if (removal & TypeBit(ItemType::Instrument))
+    deleted |= RemoveWhere<Instrument>(c, ItemType::Instrument, [](Instrument& i) {
+      DropDeadChildren(i);
+      return i.children.empty();
+    });
+  if (removal & TypeBit(ItemType::Track))
+    deleted |= RemoveWhere<Track>(c, ItemType::Track, [](const Track& t) { return t.EventCount() == 0; });
+  if (removal & TypeBit(ItemType::Song))
+    deleted |= RemoveWhere<Song>(c, ItemType::Song, [](Song& s) {
+      DropDeadChildren(s);
+      return s.children.empty();
+    });
+
+  // Phase 3: marks that repeat the level above go.
+  if (loadOptions) DropRedundantMarks(c);
+
+  // Phase 4, flattening levels whose feature bits are clear, is left out:
+  // every level is on by default, and a cleared level's values are already
+  // folded by ReduceArticulation in phase 1.
+
+  // Phase 5: the load options, in this order.
+  if (loadOptions) {
+    const auto& load = Settings().load;
+    if (load.bEnsureUniqueNames) {
+      for (Instrument* inst : c.All<Instrument>()) MakeUniqueName(*inst);
+      for (Waveform* wave : c.All<Waveform>()) MakeUniqueName(*wave);
+    }
+    if (load.bAutoMoveArticulation) MoveArticulationUp(c);
+    if (load.bAutoMoveTriggerParams) MoveTriggerParamsUp(c);
+    if (load.bAutoSplitStereo) SplitStereoWaves(c);
+    if (load.bAutoMergeStereo) {
+      uint32_t parameter = 0;
+      // A row that holds stereo keeps its mono halves apart.
+      if (!(FormatCapabilities(c.formatIndex, parameter) & kCapStereo)) MergeStereoPairs(c);
+    }
+    if (load.bAutoCompactLayers) CompactLayers(c);
+    if (load.bAutoBid2Fwd || load.bAutoAppend32) ApplyLoopConversions(c, load.bAutoBid2Fwd, load.bAutoAppend32);
+    if (load.bAutoSortColl) g_collectionSortMode = 1;
+    if (load.bAutoSortWaves) g_waveformSortMode = 2;
+  }
+
+  // Phase 6.
+  c.FixUp();
+  StatusText("%s", "");
+  if (deleted) App().refresh = true;
+  if (loadOptions) App().currentItem = c.id;
+}
+
+}  // namespace kv
