@@ -133,7 +133,7 @@ bool Articulation::Prune(const Articulation& parent) {
 
 LfoGroup Articulation::ReadLfo(int n) const {
   LfoGroup g;
-  const int shape = static_cast<int>(value[LfoRow(n, kLfoShape)]);
+  const int shape = ValueAsInt(value[LfoRow(n, kLfoShape)]);
   g.shape = shape & kLfoShapeMask;
   g.unipolar = (shape & kLfoUnipolar) != 0;
   g.inverted = LfoInverted(shape);
@@ -173,7 +173,7 @@ void Articulation::WriteEnvelope(int k, const EnvGroup& g) {
 
 EqBand Articulation::ReadEq(int b) const {
   const int r = kRowEqBase + 4 * b;
-  return EqBand{static_cast<int>(value[r]), value[r + 1], value[r + 2], value[r + 3]};
+  return EqBand{ValueAsInt(value[r]), value[r + 1], value[r + 2], value[r + 3]};
 }
 
 void Articulation::WriteEq(int b, const EqBand& e) {
@@ -301,6 +301,7 @@ bool ParseNoteName(std::string_view text, const ParamDisplay& display, int* key)
     text.remove_prefix(1);
   }
   if (!LeadingNumber(text, &number, &rest) || !rest.empty() || number != std::floor(number)) return false;
+  if (std::fabs(number) > 100) return false;
   const int middle = display.showNoteNames ? display.octaveOfMiddleC : 5;
   const int k = (static_cast<int>(number) - (middle - 5)) * 12 + semitone;
   if (k < 0 || k > 127) return false;
@@ -313,7 +314,7 @@ std::string ValueText(const ParameterRow& row, float value, const ParamDisplay& 
   if (row.kind == kKindKey) return NoteName(static_cast<int>(std::lround(value)), display);
   if (row.kind == kKindFlag) return value != 0.0f ? "On" : "Off";
   if (IsEnumKind(row.kind)) {
-    if (const char* n = EnumValueName(row.kind, static_cast<int>(value))) return n;
+    if (const char* n = EnumValueName(row.kind, ValueAsInt(value))) return n;
     return Number(value, 0);
   }
   const int decimals = DecimalsOf(row.kind, value);

@@ -137,6 +137,10 @@ struct Articulation {
   bool operator==(const Articulation& o) const;
 };
 
+// A stored value of a discrete row as an integer (truncated); NaN and values
+// beyond int give 0 rather than an undefined conversion.
+inline int ValueAsInt(float v) { return v > -2.0e9f && v < 2.0e9f ? static_cast<int>(v) : 0; }
+
 // Rounds v by a row kind's rule, half away from zero. Kinds without a rule
 // return v unchanged.
 float RoundForKind(int kind, float v);

@@ -90,7 +90,7 @@ void SwapEqBands(Articulation& a, int b1, int b2) {
 
 bool EqActive(const Articulation& a, int b, int mode) {
   const int r = kRowEqBase + 4 * b;
-  return static_cast<int>(a.value[r]) == mode && a.value[r + 2] != 0.0f;
+  return ValueAsInt(a.value[r]) == mode && a.value[r + 2] != 0.0f;
 }
 
 // Largest swing of an LFO's depth with each of its modifiers applied.
@@ -108,7 +108,7 @@ void ReduceLfos(Articulation& a, uint64_t f) {
   // 1. Inverted shapes become negated depths; shapes and ramps as allowed.
   for (int n = 0; n < kLfoCount; ++n) {
     const int shapeRow = LfoRow(n, kLfoShape);
-    const int shape = static_cast<int>(a.value[shapeRow]);
+    const int shape = ValueAsInt(a.value[shapeRow]);
     if (LfoInverted(shape)) {
       for (int r : kInvertRows[n])
         if (r >= 0) Put(a, r, -a.value[r]);
@@ -311,7 +311,7 @@ void AverageArticulations(std::span<const Articulation* const> records, Articula
     const int row = LfoRow(lfo, kLfoShape);
     std::size_t counts[8] = {}, unipolar = 0, inverted = 0;
     for (const Articulation* r : records) {
-      const int s = static_cast<int>(r->value[row]);
+      const int s = ValueAsInt(r->value[row]);
       if ((s & kLfoShapeMask) < 8) ++counts[s & kLfoShapeMask];
       unipolar += (s & kLfoUnipolar) != 0;
       inverted += LfoInverted(s);
@@ -334,7 +334,7 @@ void AverageArticulations(std::span<const Articulation* const> records, Articula
   avg.Set(kRowFilterType, 0);
   for (int type = 1; type <= 12; ++type) {
     std::size_t count = 0;
-    for (const Articulation* r : records) count += static_cast<int>(r->value[kRowFilterType]) == type;
+    for (const Articulation* r : records) count += ValueAsInt(r->value[kRowFilterType]) == type;
     if (count < m) continue;
     avg.Set(kRowFilterType, static_cast<float>(type));
     auto filtered = [](const Articulation& r) { return r.value[kRowFilterType] != 0.0f; };
@@ -454,7 +454,7 @@ void ReduceArticulation(Articulation& a, uint64_t f) {
 
   // 8. Filter.
   if (HasFeature(f, kFeatLowPassFilter)) {
-    const int type = static_cast<int>(a.value[kRowFilterType]);
+    const int type = ValueAsInt(a.value[kRowFilterType]);
     if (!HasFeature(f, kFeatMoreFilterTypes) && type != 0 && type != 2) Put(a, kRowFilterType, 2);
     if (!HasFeature(f, kFeatModToCutoff)) ClearTo(a, {27, 28}, 0);
     if (!HasFeature(f, kFeatKeyVelToCutoff)) ClearTo(a, {25, 26}, 0);
