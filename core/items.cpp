@@ -266,15 +266,6 @@ float Item::GetParam(int) const { return 0.0f; }
 void Item::SetParam(int, float) {}
 void Item::ResetParam(int) {}
 
-void Item::SetParamText(int parameter, std::string_view text) {
-  if (parameter == 209) SetName(text.data(), text.size(), TextEncoding::Utf8);
-}
-
-std::string Item::GetParamText(int parameter) const {
-  if (parameter == 209) return name;
-  return {};
-}
-
 std::filesystem::path Item::GetSourcePath() const {
   if (!collection) return {};
   if (parentId != kNoItem) {

@@ -667,22 +667,6 @@ void ClipRegions(Layer& layer, uint16_t keyRange, uint16_t velocityRange, Region
 
 // ---------------------------------------------------------------- names
 
-const char* NoteName(int key) {
-  static thread_local char buffers[4][16];
-  static thread_local int next = 0;
-  char* out = buffers[next];
-  next = (next + 1) & 3;
-  const auto& app = Settings().app;
-  if (!app.bShowNoteNames) {
-    std::snprintf(out, 16, "%d", key);
-    return out;
-  }
-  static const char* const kNotes[12] = {"C", "C#", "D", "D#", "E", "F", "F#", "G", "G#", "A", "A#", "B"};
-  int k = std::max(0, key);
-  std::snprintf(out, 16, "%s%d", kNotes[k % 12], int{app.cOctMidC} - 5 + k / 12);
-  return out;
-}
-
 void Region::RebuildName() {
   std::string text = NoteName(trigger.loKey);
   if (trigger.hiKey != trigger.loKey) {

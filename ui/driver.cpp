@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cmath>
 #include <cstdlib>
 #include <new>
 
@@ -14,6 +15,7 @@
 #include "core/error.h"
 #include "core/settings.h"
 #include "core/text.h"
+#include "formats/import.h"
 #include "formats/registry.h"
 #include "ui/commands.h"
 #include "ui/listing.h"
