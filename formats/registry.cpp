@@ -37,6 +37,7 @@
 #include "formats/modules/raw.h"
 #include "formats/modules/sf2.h"
 #include "formats/modules/sfz.h"
+#include "formats/modules/txt.h"
 #include "formats/modules/wav.h"
 
 namespace kv {
@@ -63,10 +64,10 @@ constexpr FormatEntry kFormats[] = {
     /* 11*/ {"aac", nullptr, nullptr, nullptr, "MPEG 4 AAC - Low Complexity", 0x01, 0x00320000, 0, nullptr, W_},
     /* 12*/ {"aac", nullptr, nullptr, nullptr, "MPEG 4 AAC - Main Profile", 0x01, 0x00320000, 0, nullptr, W_},
     /* 13*/ {"ads", nullptr, nullptr, nullptr, "PlayStation 2 sound", 0x01, 0x00000000, 0, nullptr, RD},
-    /* 14*/ {"afc", nullptr, nullptr, aiff_Detect, "Compressed AIFF", 0x01, 0x00000000, 1, nullptr, RD},
-    /* 15*/ {"aif", nullptr, nullptr, aiff_Detect, "Audio interchange", 0x01, 0x00300035, 0, nullptr, RWD},
-    /* 16*/ {"aiff", nullptr, nullptr, aiff_Detect, "Audio interchange", 0x01, 0x00300035, 0, nullptr, RWD},
-    /* 17*/ {"aifc", nullptr, nullptr, aiff_Detect, "Compressed AIFF", 0x01, 0x00000000, 1, nullptr, RD},
+    /* 14*/ {"afc", aiff_Imp, nullptr, aiff_Detect, "Compressed AIFF", 0x01, 0x00000000, 1, nullptr, RD},
+    /* 15*/ {"aif", aiff_Imp, aiff_Exp, aiff_Detect, "Audio interchange", 0x01, 0x00300035, 0, nullptr, RWD},
+    /* 16*/ {"aiff", aiff_Imp, aiff_Exp, aiff_Detect, "Audio interchange", 0x01, 0x00300035, 0, nullptr, RWD},
+    /* 17*/ {"aifc", aiff_Imp, nullptr, aiff_Detect, "Compressed AIFF", 0x01, 0x00000000, 1, nullptr, RD},
     /* 18*/ {"ais", nullptr, nullptr, nullptr, "Velvet Studio instrument", 0x10, 0x00000000, 0, nullptr, RD},
     /* 19*/ {"akai", nullptr, nullptr, akai_DiskDetect, "AKAI S-series disk image", 0x11, 0x00000000, 0, nullptr, RD},
     /* 20*/ {"akp", nullptr, nullptr, akai_AkpDetect, "AKAI S5000 program", 0x10, 0x00000000, 0, nullptr, RWD},  // encodings unknown
@@ -89,7 +90,7 @@ constexpr FormatEntry kFormats[] = {
     /* 37*/ {"bnk", nullptr, nullptr, nullptr, "AdLib bank", 0x80, 0x00000000, 0, nullptr, RD},
     /* 38*/ {"bnk", nullptr, nullptr, nullptr, "Yamaha DX100/DX21/DX27 voice SysEx", 0x80, 0x00000000, 0, nullptr, RD},
     /* 39*/ {"bnk", nullptr, nullptr, nullptr, "Yamaha DX11/TX81z voice SysEx", 0x80, 0x00000000, 0, nullptr, RD},
-    /* 40*/ {"bwf", nullptr, nullptr, wav_BwfDetect, "Broadcast wave", 0x01, 0x00000000, 0, nullptr, RD},
+    /* 40*/ {"bwf", wav_Imp, nullptr, wav_BwfDetect, "Broadcast wave", 0x01, 0x00000000, 0, nullptr, RD},
     /* 41*/ {"c01", nullptr, nullptr, nullptr, "Typhoon wave", 0x01, 0x00000000, 0, nullptr, RD},
     /* 42*/ {"caf", nullptr, nullptr, nullptr, "Apple CoreAudio", 0x01, 0x003003F5, 0, nullptr, RWD},
     /* 43*/ {"caff", nullptr, nullptr, nullptr, "Apple CoreAudio", 0x01, 0x00000000, 0, nullptr, RD},
@@ -277,7 +278,7 @@ constexpr FormatEntry kFormats[] = {
     /*225*/ {"map", nullptr, nullptr, nullptr, "NI Reaktor - Embedded", 0x10, 0x00000000, 0, nullptr, W_},  // encodings unknown
     /*226*/ {"map", nullptr, nullptr, nullptr, "NI Reaktor - Linked", 0x10, 0x00000000, 0, nullptr, W_},  // encodings unknown
     /*227*/ {"mat", nullptr, nullptr, nullptr, "Matlab binary vars", 0x81, 0x00000000, 0, nullptr, RWD},  // encodings unknown
-    /*228*/ {"maud", nullptr, nullptr, aiff_Detect, "MAUD sample", 0x01, 0x00000000, 2, nullptr, RD},
+    /*228*/ {"maud", aiff_Imp, nullptr, aiff_Detect, "MAUD sample", 0x01, 0x00000000, 2, nullptr, RD},
     /*229*/ {"mdl", nullptr, nullptr, mod_MdlDetect, "Digitrakker module", 0x80, 0x00000000, 0, nullptr, RD},
     /*230*/ {"med", nullptr, nullptr, mod_MedDetect, "OctaMED module", 0x80, 0x00000000, 0, nullptr, RD},
     /*231*/ {"mid", nullptr, nullptr, mid_Detect, "Standard MIDI", 0x60, 0x00080000, 0, nullptr, RWD},
@@ -383,7 +384,7 @@ constexpr FormatEntry kFormats[] = {
     /*331*/ {"ptm", nullptr, nullptr, mod_PtmDetect, "Poly Tracker module", 0x80, 0x00000000, 0, nullptr, RD},
     /*332*/ {"raw", nullptr, nullptr, nullptr, "Signed 8-bit PCM", 0x01, 0x00000000, 0, nullptr, RD},
     /*333*/ {"raw", nullptr, nullptr, nullptr, "Rdos Raw OPL capture", 0x80, 0x00000000, 0, nullptr, RD},
-    /*334*/ {"rif", nullptr, nullptr, wav_RockwellDetect, "Rockwell ADPCM (HotFax/Quicklink)", 0x01, 0x00000000, 0, nullptr, RD},
+    /*334*/ {"rif", wav_Imp, nullptr, wav_RockwellDetect, "Rockwell ADPCM (HotFax/Quicklink)", 0x01, 0x00000000, 0, nullptr, RD},
     /*335*/ {"rol", nullptr, nullptr, nullptr, "AdLib Visual Composer song", 0x40, 0x00000000, 0, nullptr, RD},
     /*336*/ {"rom", nullptr, nullptr, nullptr, "Roland D-50 PCM ROM", 0x01, 0x00000000, 0, nullptr, RD},
     /*337*/ {"rom", nullptr, nullptr, nullptr, "Roland MT-32 PCM ROM", 0x01, 0x00000000, 0, nullptr, RD},
@@ -421,7 +422,7 @@ constexpr FormatEntry kFormats[] = {
     /*369*/ {"sdk", nullptr, nullptr, nullptr, "Roland S-5xx disk image", 0x80, 0x00000000, 0, nullptr, RD},
     /*370*/ {"sdk", nullptr, nullptr, nullptr, "Roland S-7xx disk image", 0x80, 0x00000000, 0, nullptr, RD},
     /*371*/ {"sds", nullptr, nullptr, nullptr, "MIDI SDS", 0x01, 0x00000000, 0, nullptr, RWD},  // encodings unknown
-    /*372*/ {"sds", nullptr, nullptr, wav_SdsDetect, "SmartSound SDS", 0x01, 0x00000000, 0, nullptr, RD},
+    /*372*/ {"sds", wav_Imp, nullptr, wav_SdsDetect, "SmartSound SDS", 0x01, 0x00000000, 0, nullptr, RD},
     /*373*/ {"sdw", nullptr, nullptr, nullptr, "Signed dwords (32-bit)", 0x01, 0x00000000, 0, nullptr, RD},
     /*374*/ {"seq", nullptr, nullptr, nullptr, "PlayStation music", 0x60, 0x00080000, 0, nullptr, RWD},
     /*375*/ {"sdx", nullptr, nullptr, nullptr, "SDX compact MIDI SDS", 0x01, 0x00000000, 0, nullptr, RD},
@@ -482,7 +483,7 @@ constexpr FormatEntry kFormats[] = {
     /*430*/ {"tvn", nullptr, nullptr, nullptr, "Yamaha Tyros 2 voices", 0x11, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*431*/ {"txbank", nullptr, nullptr, nullptr, "Cwitec TX16Wx bank", 0x80, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*432*/ {"txprog", nullptr, nullptr, nullptr, "Cwitec TX16Wx program", 0x11, 0x00000000, 0, nullptr, RWD},  // encodings unknown
-    /*433*/ {"txt", nullptr, nullptr, nullptr, "Ascii text parameter descriptions", 0xF3, 0x00040000, 0, nullptr, W_},
+    /*433*/ {"txt", nullptr, txt_Exp, nullptr, "Ascii text parameter descriptions", 0xF3, 0x00040000, 0, nullptr, W_},
     /*434*/ {"txt", nullptr, nullptr, nullptr, "Ascii text audio", 0x01, 0x00340000, 0, nullptr, RWD},
     /*435*/ {"txt", nullptr, nullptr, nullptr, "Nokring ring-tone", 0x60, 0x00080000, 0, nullptr, RWD},
     /*436*/ {"txt", nullptr, nullptr, nullptr, "Steinberg LM-4 bank", 0x10, 0x00000000, 0, nullptr, RWD},  // encodings unknown
@@ -524,9 +525,9 @@ constexpr FormatEntry kFormats[] = {
     /*472*/ {"w7v", nullptr, nullptr, nullptr, "Yamaha Motif ES voices", 0x91, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*473*/ {"w7w", nullptr, nullptr, nullptr, "Yamaha Motif ES waves", 0x91, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*474*/ {"w8v", nullptr, nullptr, nullptr, "Yamaha Motif ES data", 0x01, 0x00000000, 0, nullptr, RD},
-    /*475*/ {"w64", nullptr, nullptr, wav_W64Detect, "Wave-64", 0x01, 0x00300375, 0, nullptr, RWD},
-    /*476*/ {"wav", nullptr, nullptr, wav_Detect, "Microsoft wave", 0x01, 0x00327F75, 0, nullptr, RWD},
-    /*477*/ {"wav", nullptr, nullptr, wav_BwfDetect, "Broadcast wave", 0x01, 0x00000000, 0, nullptr, RD},
+    /*475*/ {"w64", w64_Imp, w64_Exp, wav_W64Detect, "Wave-64", 0x01, 0x00300375, 0, nullptr, RWD},
+    /*476*/ {"wav", wav_Imp, wav_Exp, wav_Detect, "Microsoft wave", 0x01, 0x00327F75, 0, nullptr, RWD},
+    /*477*/ {"wav", wav_Imp, nullptr, wav_BwfDetect, "Broadcast wave", 0x01, 0x00000000, 0, nullptr, RD},
     /*478*/ {"wa!", nullptr, nullptr, dls_GigWaveDetect, "GigaStudio compr wave", 0x01, 0x00300014, 0, nullptr, RWD},
     /*479*/ {"wfb", nullptr, nullptr, nullptr, "TB WaveFront bank", 0x80, 0x00000000, 0, nullptr, RD},
     /*480*/ {"wfd", nullptr, nullptr, nullptr, "TB WaveFront drums", 0x80, 0x00000000, 0, nullptr, RD},

@@ -16,6 +16,7 @@
 #include "core/settings.h"
 #include "core/text.h"
 #include "formats/import.h"
+#include "formats/modules/txt.h"
 #include "formats/registry.h"
 #include "ui/commands.h"
 #include "ui/listing.h"
@@ -116,6 +117,7 @@ int RunDriver(std::vector<std::string> args) {
   std::vector<std::string> positional;
   app.add_option("files", positional, "Files or folders to open (the first replaces, later ones merge)");
   app.add_flag("--list", opt.list, "Print the item tree of the loaded collection");
+  app.add_flag("--params", opt.listParams, "With --list: every parameter set at each level, as the txt writer puts it");
   app.add_option("--formats", opt.formatsFilter, "List the known formats, optionally filtered")
       ->expected(0, 1)
       ->default_str("");
@@ -179,10 +181,15 @@ int RunDriver(std::vector<std::string> args) {
       if (!loaded) ShowErrorBox();
     }
     if (!loaded) BuildDemoCollection(main);
-    PrintItemTree(stdout, main, false);
+    PrintItemTree(stdout, main);
   } else {
     if (OpenFileList(files) > 0) status = 1;
-    if (opt.list) PrintItemTree(stdout, MainCollection(), opt.listParams);
+    if (opt.list && opt.listParams) {
+      std::string text = ParameterDescription(MainCollection());
+      std::fwrite(text.data(), 1, text.size(), stdout);
+    } else if (opt.list) {
+      PrintItemTree(stdout, MainCollection());
+    }
   }
 
   if (opt.saveSettings && !SaveSettings()) {

@@ -17,7 +17,7 @@ void Line(std::FILE* out, int depth, const Item& item) {
 
 }  // namespace
 
-void PrintItemTree(std::FILE* out, const Collection& c, bool /*withParams*/) {
+void PrintItemTree(std::FILE* out, const Collection& c) {
   Line(out, 0, c);
   std::fprintf(out, "\n");
   std::vector<Instrument*> instruments = c.All<Instrument>();

@@ -9,6 +9,6 @@ namespace kv {
 
 // One line per item, indented by depth: type, id in hex, quoted name, then
 // key=value facts (location for instruments, ranges and wave for regions).
-void PrintItemTree(std::FILE* out, const Collection& c, bool withParams);
+void PrintItemTree(std::FILE* out, const Collection& c);
 
 }  // namespace kv

@@ -9,6 +9,7 @@
 #include "core/items.h"
 #include "core/params.h"
 #include "core/settings.h"
+#include "formats/modules/txt.h"
 #include "formats/registry.h"
 
 namespace kv {
@@ -130,7 +131,7 @@ struct Dump {
 
 }  // namespace
 
-bool txt_Exp(Item& item, FileRef& file, ExportRequest&) {
+std::string ParameterDescription(Item& item) {
   Dump dump;
   const SettingsStore& settings = Settings();
   dump.display = ParamDisplay{settings.app.bShowNoteNames != 0, static_cast<int>(settings.app.cOctMidC)};
@@ -145,7 +146,12 @@ bool txt_Exp(Item& item, FileRef& file, ExportRequest&) {
     case ItemType::Song: dump.SongTree(0, static_cast<const Song&>(item)); break;
     default: dump.Header(0, item.Type() == ItemType::Track ? "Track" : "Synth model", item); break;
   }
-  if (!file.Write(dump.out.data(), dump.out.size())) return Fail("txt_Exp", "Could not write file");
+  return std::move(dump.out);
+}
+
+bool txt_Exp(Item& item, FileRef& file, ExportRequest&) {
+  std::string text = ParameterDescription(item);
+  if (!file.Write(text.data(), text.size())) return Fail("txt_Exp", "Could not write file");
   return true;
 }
 

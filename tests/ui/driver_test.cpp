@@ -3,14 +3,14 @@
 
 #include <string>
 
-#include "testsupport.h"
+#include "support/testsupport.h"
 
 namespace kv {
 namespace {
 
 using test::TempDir;
 
-struct Run {
+struct Result {
   int code;
   std::string out;
   std::string err;
@@ -19,7 +19,7 @@ struct Run {
 class Driver : public ::testing::Test {
  protected:
   TempDir dir;
-  Run Kelvo(const std::string& args) {
+  Result Kelvo(const std::string& args) {
     std::string outPath = (dir / "stdout.txt").string();
     std::string errPath = (dir / "stderr.txt").string();
     std::string cmd = "cd '" + dir.path().string() + "' && KELVO_SETTINGS='" + (dir / "settings.ini").string() +
@@ -33,18 +33,18 @@ class Driver : public ::testing::Test {
 };
 
 TEST_F(Driver, VersionHelpAndBadUsage) {
-  Run v = Kelvo("--version");
+  Result v = Kelvo("--version");
   EXPECT_EQ(v.code, 0);
   EXPECT_NE(v.out.find("Kelvo Studio v12.5"), std::string::npos);
   EXPECT_EQ(Kelvo("--help").code, 0);
-  Run bad = Kelvo("--no-such-option");
+  Result bad = Kelvo("--no-such-option");
   EXPECT_EQ(bad.code, 2);
   EXPECT_FALSE(bad.err.empty());
 }
 
 TEST_F(Driver, FirstSuccessReplacesAndAFailureIsReported) {
   Make("b.raw", 100);
-  Run r = Kelvo("missing.raw b.raw --list");
+  Result r = Kelvo("missing.raw b.raw --list");
   EXPECT_EQ(r.code, 1);
   EXPECT_NE(r.err.find("File Import: Could not open file"), std::string::npos) << r.err;
   // b replaced: the collection is named after it and holds its one wave.
@@ -56,7 +56,7 @@ TEST_F(Driver, FirstSuccessReplacesAndAFailureIsReported) {
 TEST_F(Driver, LaterFilesMerge) {
   Make("a.raw", 10);
   Make("b.raw", 20);
-  Run r = Kelvo("a.raw b.raw --list");
+  Result r = Kelvo("a.raw b.raw --list");
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("frames=10 "), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("frames=20 "), std::string::npos) << r.out;
@@ -69,7 +69,7 @@ TEST_F(Driver, FoldersOpenTheirFilesAndSkipDotFolders) {
   test::WriteFile(dir / "lib" / "sub" / "two.raw", std::string(12, 'x'));
   test::WriteFile(dir / "lib" / ".hidden" / "three.raw", std::string(13, 'x'));
   test::WriteFile(dir / "lib" / ".dotfile.raw", std::string(14, 'x'));
-  Run r = Kelvo("lib --list");
+  Result r = Kelvo("lib --list");
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("frames=11 "), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("frames=12 "), std::string::npos) << r.out;
@@ -78,14 +78,14 @@ TEST_F(Driver, FoldersOpenTheirFilesAndSkipDotFolders) {
   EXPECT_NE(r.out.find("frames=14 "), std::string::npos) << r.out;
 
   std::filesystem::create_directories(dir / "empty");
-  Run e = Kelvo("empty --list");
+  Result e = Kelvo("empty --list");
   EXPECT_EQ(e.code, 0) << e.err;
   EXPECT_EQ(e.out.find("waveform"), std::string::npos);
 }
 
 TEST_F(Driver, SwitchesAndSkippedArguments) {
   Make("x.exe.raw", 10);
-  Run r = Kelvo("x.exe.raw -whatever --list");
+  Result r = Kelvo("x.exe.raw -whatever --list");
   EXPECT_EQ(r.code, 0);
   EXPECT_NE(r.err.find("Ignored: x.exe.raw"), std::string::npos) << r.err;
   EXPECT_NE(r.err.find("Ignored: -whatever"), std::string::npos) << r.err;
@@ -93,36 +93,36 @@ TEST_F(Driver, SwitchesAndSkippedArguments) {
 
   // An absolute path is a file, not a switch.
   Make("abs.raw", 10);
-  Run a = Kelvo("'" + (dir / "abs.raw").string() + "' --list");
+  Result a = Kelvo("'" + (dir / "abs.raw").string() + "' --list");
   EXPECT_EQ(a.code, 0) << a.err;
   EXPECT_NE(a.out.find("frames=10 "), std::string::npos);
 
   // -NOMSG silences error boxes; the exit code still tells.
-  Run quiet = Kelvo("-nomsg missing.raw");
+  Result quiet = Kelvo("-nomsg missing.raw");
   EXPECT_EQ(quiet.code, 1);
   EXPECT_EQ(quiet.err.find("Could not open file"), std::string::npos) << quiet.err;
 
   // A switch behind -BATCH isn't seen: batch runs with boxes on.
-  Run batch = Kelvo("/BATCH -NOMSG");
+  Result batch = Kelvo("/BATCH -NOMSG");
   EXPECT_EQ(batch.code, 0);
   EXPECT_NE(batch.err.find("Batch conversion"), std::string::npos) << batch.err;
-  Run silentBatch = Kelvo("-NOMSG -BATCH");
+  Result silentBatch = Kelvo("-NOMSG -BATCH");
   EXPECT_EQ(silentBatch.code, 0);
   EXPECT_TRUE(silentBatch.err.empty()) << silentBatch.err;
 }
 
 TEST_F(Driver, DemoListsACollection) {
-  Run r = Kelvo("--demo");
+  Result r = Kelvo("--demo");
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("instrument "), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("region "), std::string::npos) << r.out;
 }
 
 TEST_F(Driver, SettingsCanBeSetPrintedAndSaved) {
-  Run r = Kelvo("--set load.bConfirm=1 --settings --save-settings");
+  Result r = Kelvo("--set load.bConfirm=1 --settings --save-settings");
   EXPECT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.out.find("load.bConfirm=1"), std::string::npos);
-  Run again = Kelvo("--settings");
+  Result again = Kelvo("--settings");
   EXPECT_NE(again.out.find("load.bConfirm=1"), std::string::npos);
   EXPECT_EQ(Kelvo("--set no.such=1").code, 2);
 }
