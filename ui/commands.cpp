@@ -6,6 +6,7 @@
 
 #include "core/app.h"
 #include "core/error.h"
+#include "core/instrument_ops.h"
 #include "core/settings.h"
 #include "formats/import.h"
 
@@ -112,8 +113,9 @@ uint32_t FirstFreeLocation(const Collection& c) {
 }
 
 Instrument* AddNewInstrument(Collection& c) {
+  uint32_t location = FirstFreeLocation(c);
   auto* inst = Create<Instrument>(c, "New instrument");
-  inst->location = FirstFreeLocation(c);
+  inst->location = location;
   c.FixUp();
   AddNewLayer(*inst);
   return inst;
@@ -219,8 +221,9 @@ int AutocreateInstruments(Collection& c) {
   int made = 0;
   for (Waveform* w : waves) {
     if (w->scratch != 0) continue;
+    uint32_t location = FirstFreeLocation(c);
     auto* inst = Create<Instrument>(c, w->name);
-    inst->location = FirstFreeLocation(c);
+    inst->location = location;
     Layer* layer = AddLayer(*inst);
     AddRegion(*layer, w->id, MakeRange(0, 127), MakeRange(0, 127), 255);
     ++made;
@@ -229,6 +232,84 @@ int AutocreateInstruments(Collection& c) {
   StatusText("Created %d new instrument%s.", made, made >= 2 ? "s" : "");
   App().currentItem = c.id;
   return made;
+}
+
+namespace {
+
+const char* Plural(int n) { return n == 1 ? "" : "s"; }
+
+// The first item of a type, standing in for the selection of the window.
+template <typename T>
+T* FirstOf(Collection& c) {
+  std::vector<T*> all = c.All<T>();
+  return all.empty() ? nullptr : all.front();
+}
+
+}  // namespace
+
+bool RunCollectionCommand(int number) {
+  Collection& c = MainCollection();
+  switch (number) {
+    case 109:
+      AddNewInstrument(c);
+      return true;
+    case 110:
+    case 111: {
+      Item* target = number == 110 ? static_cast<Item*>(FirstOf<Instrument>(c)) : FirstOf<Layer>(c);
+      if (!target) return true;  // nothing to add to: the command does nothing
+      if (number == 110) AddNewLayer(*target);
+      else AddNewRegion(*target);
+      return true;
+    }
+    case 115:
+      AutocreateInstruments(c);
+      return true;
+    case 128:
+      if (!ConfirmDiscard("Confirm clearing collection!", false)) return true;
+      c.Clear();
+      StatusText("Done: Collection cleared.");
+      return true;
+    case 138:
+    case 149: {
+      if (Settings().load.bConfirm) {
+        const char* question = number == 138
+                                   ? "Do you really want to delete all unused waveforms?"
+                                   : "Do you really want to delete any 'duplicate' (bit by bit identical) waveforms?";
+        if (MessageBox(question, "Please confirm!", BoxButtons::YesNo) != kBoxYes) return true;
+      }
+      uint64_t bytes = 0;
+      int n = number == 138 ? DeleteUnusedWaves(c, &bytes) : RemoveDuplicateWaves(c, &bytes);
+      int kb = static_cast<int>((bytes + 512) / 1024);
+      if (number == 138) {
+        if (n) StatusText("Done: Deleted %d unused waveform%s (%d KB freed)", n, Plural(n), kb);
+        else StatusText("No unused waveforms found");
+      } else {
+        if (n) StatusText("Done: Deleted %d duplicate waveform%s (%d KB freed)", n, Plural(n), kb);
+        else StatusText("Done: No duplicate waveforms found");
+      }
+      App().refresh = App().refresh || n > 0;
+      return true;
+    }
+    case 154: {
+      int stereo = MergeStereoPairs(c);
+      if (stereo) StatusText("Done: Merged %d mono waveforms into %d stereo waveform%s", 2 * stereo, stereo, Plural(stereo));
+      else StatusText("No waveforms merged");
+      return true;
+    }
+    case 155: {
+      int split = SplitStereoWaves(c);
+      if (split) StatusText("Done: Split %d stereo waveform%s into %d mono waveforms", split, Plural(split), 2 * split);
+      else StatusText("No waveforms split");
+      return true;
+    }
+    case 185: {
+      int merged = CompactLayers(c);
+      if (merged) StatusText("Merged %d layer%s.", merged, Plural(merged));
+      return true;
+    }
+    default:
+      return Fail("Command", "Command %d is not a collection command", number);
+  }
 }
 
 }  // namespace kv

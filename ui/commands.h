@@ -47,6 +47,13 @@ Region* AddNewRegion(Item& item);
 Item* CloneSelected(Item& item);
 // 115: an instrument for every waveform no region uses. Returns the number made.
 int AutocreateInstruments(Collection& c);
+// Runs a collection command by its menu number on the main collection:
+// 109-111 add, 115 autocreate, 128 clear, 138 delete unused waveforms,
+// 149 delete duplicate waveforms, 154 dual mono to stereo, 155 stereo to dual
+// mono, 185 merge layers. Results go to the status text. False with the error
+// texts filled for a number that isn't a collection command.
+bool RunCollectionCommand(int number);
+
 // The lowest location word no instrument has.
 uint32_t FirstFreeLocation(const Collection& c);
 

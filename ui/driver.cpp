@@ -33,10 +33,12 @@ void OutOfMemory() {
 }
 
 void PrintStatus(const std::string& text) {
-  // Progress words are noise on a terminal; results are not.
-  if (text.starts_with("Done:") || text.starts_with("Failed:") || text.starts_with("Saved:") ||
-      text.starts_with("Created") || text.starts_with("Merged") || text.starts_with("Replaced"))
-    std::printf("%s\n", text.c_str());
+  // Progress texts are noise on a terminal; results are not.
+  static const char* const kProgress[] = {"Reading", "Fixing up", "Opened:", "Merged:", "Writing", "Saving"};
+  if (text.empty()) return;
+  for (const char* word : kProgress)
+    if (text.starts_with(word)) return;
+  std::printf("%s\n", text.c_str());
 }
 
 bool IsProgramSwitch(std::string_view arg, std::string_view word) {
@@ -123,6 +125,8 @@ int RunDriver(std::vector<std::string> args) {
       ->default_str("");
   app.add_flag("--info", opt.info, "Detect each file's format instead of loading it");
   app.add_flag("--demo", opt.demo, "Load the default General MIDI bank, or a built-in demo, and list it");
+  app.add_option("--command", opt.commands,
+                 "Run a collection command by its menu number after loading (109-111, 115, 128, 138, 149, 154, 155, 185)");
   app.add_flag("--settings", opt.printSettings, "Print the effective settings");
   app.add_option("--set", opt.settings, "Change a setting for this run (name=value)");
   app.add_flag("--save-settings", opt.saveSettings, "Write the settings back to the settings file");
@@ -184,6 +188,12 @@ int RunDriver(std::vector<std::string> args) {
     PrintItemTree(stdout, main);
   } else {
     if (OpenFileList(files) > 0) status = 1;
+    for (int number : opt.commands) {
+      if (!RunCollectionCommand(number)) {
+        ShowErrorBox();
+        status = 1;
+      }
+    }
     if (opt.list && opt.listParams) {
       std::string text = ParameterDescription(MainCollection());
       std::fwrite(text.data(), 1, text.size(), stdout);

@@ -16,6 +16,7 @@ struct DriverOptions {
   bool formatsRequested = false;
   std::string formatsFilter;
   std::vector<std::string> settings;
+  std::vector<int> commands;
 };
 
 // Runs the driver on argv-style arguments (args[0] is the program).
