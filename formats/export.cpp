@@ -1,0 +1,650 @@
+#include "formats/export.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <set>
+#include <system_error>
+#include <vector>
+
+#include "core/app.h"
+#include "core/error.h"
+#include "core/fileref.h"
+#include "core/instrument_ops.h"
+#include "core/settings.h"
+#include "core/text.h"
+#include "core/wavestore.h"
+#include "formats/import.h"
+
+namespace kv {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kExportContext = "File Export";
+constexpr const char* kSaveAllContext = "Save all in multiple files";
+
+// A restore point: the flat records of the items a save may change, and the
+// ids that existed. Restoring deletes what was added and reads the records
+// back into the items (re-creating any that went). Waves are recorded only
+// where `recordWave` says so, since a record holds the samples.
+class RestorePoint {
+ public:
+  template <typename Pred>
+  RestorePoint(Collection& c, Pred recordWave) : c_(c) {
+    c.Map().ForEach([&](Item* item) {
+      existing_.insert(item->id);
+      if (item->Type() == ItemType::Waveform && !recordWave(static_cast<Waveform&>(*item))) return;
+      Record r{item->id, {}};
+      item->Serialize(r.bytes);
+      records_.push_back(std::move(r));
+    });
+  }
+
+  void Restore() {
+    std::vector<ItemId> added;
+    c_.Map().ForEach([&](Item* item) {
+      if (!existing_.count(item->id)) added.push_back(item->id);
+    });
+    for (ItemId id : added)
+      if (Item* item = c_.Find(id)) DeleteItem(item);
+    for (const Record& r : records_) {
+      Item* item = c_.Find(r.id);
+      if (!item) item = Recreate(r.id);
+      if (item) item->Deserialize(r.bytes);
+    }
+  }
+
+ private:
+  struct Record {
+    ItemId id;
+    std::vector<uint8_t> bytes;
+  };
+
+  Item* Recreate(ItemId id) {
+    const uint32_t serial = SerialOf(id);
+    switch (TypeOf(id)) {
+      case ItemType::Waveform: return Create<Waveform>(c_, nullptr, serial);
+      case ItemType::SynthModel: return Create<SynthModel>(c_, nullptr, serial);
+      case ItemType::Region: return Create<Region>(c_, nullptr, serial);
+      case ItemType::Layer: return Create<Layer>(c_, nullptr, serial);
+      case ItemType::Instrument: return Create<Instrument>(c_, nullptr, serial);
+      case ItemType::Track: return Create<Track>(c_, nullptr, serial);
+      case ItemType::Song: return Create<Song>(c_, nullptr, serial);
+      case ItemType::Collection: return nullptr;
+    }
+    return nullptr;
+  }
+
+  Collection& c_;
+  std::set<ItemId> existing_;
+  std::vector<Record> records_;
+};
+
+// What the request allows, with "Auto" read as everything the row can do.
+uint32_t EffectiveRequest(const ExportRequest& request, int row) {
+  if (request.request) return request.request;
+  uint32_t parameter = 0;
+  return FormatCapabilities(row, parameter);
+}
+
+bool SongsHaveEvents(Item& item) {
+  Collection& c = *item.collection;
+  auto songHas = [&](const Song& s) {
+    for (ItemId id : s.children)
+      if (auto* t = c.FindAs<Track>(id); t && t->EventCount() > 0) return true;
+    return false;
+  };
+  if (auto* song = dynamic_cast<Song*>(&item)) return songHas(*song);
+  if (item.Type() == ItemType::Collection)
+    for (Song* s : c.All<Song>())
+      if (songHas(*s)) return true;
+  return false;
+}
+
+std::vector<Waveform*> WavesOf(Item& item) {
+  if (auto* coll = dynamic_cast<Collection*>(&item)) return coll->All<Waveform>();
+  ItemSet set(item, true);
+  return set.waveforms;
+}
+
+void PushRecent(std::vector<std::string>& list, const std::string& entry) {
+  std::erase(list, entry);
+  list.insert(list.begin(), entry);
+  if (list.size() > 32) list.resize(32);
+}
+
+void RememberRecent(const fs::path& path) {
+  PushRecent(Settings().app.LastFilesA, path.string());
+  PushRecent(Settings().app.LastPathsA, path.parent_path().string());
+}
+
+bool SamePath(const fs::path& a, const fs::path& b) {
+  std::error_code ec;
+  if (fs::equivalent(a, b, ec)) return true;
+  return fs::absolute(a, ec).lexically_normal() == fs::absolute(b, ec).lexically_normal();
+}
+
+// Where the old file waits during a save: "<path>.bak", or a hidden unique
+// name beside it when that is taken (a rename must never replace a file).
+fs::path BackupPath(const fs::path& target) {
+  fs::path bak = target;
+  bak += ".bak";
+  std::error_code ec;
+  for (int n = 1; fs::exists(fs::symlink_status(bak, ec)); ++n) {
+    bak = target.parent_path() / ("." + target.filename().string() + ".bak" + std::to_string(n));
+  }
+  return bak;
+}
+
+std::string SizeText(uint64_t bytes) {
+  char text[64];
+  if (bytes < 1024) std::snprintf(text, sizeof text, "(%d Bytes)", static_cast<int>(bytes));
+  else if (bytes < 1048576) std::snprintf(text, sizeof text, "(%.1f KB)", bytes / 1024.0);
+  else std::snprintf(text, sizeof text, "(%.1f MB)", bytes / 1048576.0);
+  return text;
+}
+
+std::string LowerAscii(std::string_view s) {
+  std::string out(s);
+  for (char& ch : out) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+  return out;
+}
+
+bool RowFits(int row, uint32_t mask) {
+  const FormatEntry* e = FormatAt(row);
+  return e && RowWriteFunction(row) && (mask == 0xFF || (e->typeFlags & mask));
+}
+
+// FindWriterByExtension over the writers this process has, test overlays
+// included: the first row of that extension whose type flags meet the mask.
+int WriterByExtension(std::string_view ext, uint32_t mask) {
+  if (!ext.empty() && ext.front() == '.') ext.remove_prefix(1);
+  for (int row = 0; row < kFormatCount; ++row)
+    if (RowFits(row, mask) && EqualsNoCase(FormatExtension(row), ext)) return row;
+  return -1;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- AdaptWave
+
+Waveform* AdaptWave(Waveform* wave, const ExportRequest& request, uint32_t rate) {
+  if (!wave) return nullptr;
+  if (!wave->EnsureData()) return nullptr;
+  int channels = wave->channels;
+  const uint32_t word = request.request;
+  if (word & (kCapMono | kCapStereo)) {
+    if (wave->channels == 2 && !(word & kCapStereo)) channels = 1;
+    if (wave->channels == 1 && !(word & kCapMono)) channels = 2;
+  }
+  if (rate != 0 && rate != wave->sampleRate) {
+    // Sample-rate conversion arrives with the resampler; until then a rate
+    // change is refused rather than written at the wrong pitch.
+    Fail(kExportContext, "Resampling is not available yet: can't save \"%s\" at %u Hz", wave->name, rate);
+    return nullptr;
+  }
+  Waveform* adapted = AdaptWaveChannels(*wave, channels);
+  if (!adapted && !ErrorMessage[0]) Fail(kExportContext, "Out of memory");
+  return adapted;
+}
+
+void ReleaseAdaptedWave(const Waveform& original, Waveform* adapted) { ReleaseAdapted(original, adapted); }
+
+// ---------------------------------------------------------------- ExportItem
+
+bool ExportItem(Item* item, int row, const fs::path& path, ExportRequest request, bool keepEmpty) {
+  if (!item) return Fail(kExportContext, "No item selected");
+  const FormatEntry* entry = FormatAt(row);
+  const FormatWriteFn write = RowWriteFunction(row);
+  if (!entry || !write) return Fail(kExportContext, "Invalid export format selected");
+  request.parameter = entry->parameter;
+
+  Collection& c = *item->collection;
+  const uint32_t effective = EffectiveRequest(request, row);
+  const bool midiRequest = effective & kCapMidi;
+
+  // Which item goes to the writer; temporaries go at the end.
+  Item* target = item;
+  std::optional<ItemSet> itemSet;
+  ItemId temporarySong = kNoItem;
+  bool render = false;
+  switch (item->Type()) {
+    case ItemType::Track: {
+      auto* song = Create<Song>(c, item->name);
+      if (auto* parent = c.FindAs<Song>(MakeId(ItemType::Song, SerialOf(item->parentId)))) {
+        song->format = parent->format;
+        song->division = parent->division;
+      }
+      Item* copy = CloneItem(*item, c);
+      copy->parentId = song->id;
+      AddChild(*song, copy->id);
+      temporarySong = song->id;
+      target = song;
+      render = !midiRequest;
+      break;
+    }
+    case ItemType::Song: render = !midiRequest; break;
+    case ItemType::Region:
+    case ItemType::Layer:
+    case ItemType::SynthModel:
+      itemSet.emplace(*item, false);
+      if (itemSet->instruments.empty()) return Fail(kExportContext, "Empty item - nothing to save");
+      target = itemSet->instruments.front();
+      break;
+    default: break;
+  }
+
+  std::optional<RestorePoint> restore;
+  const bool wasSaving = App().savingOrConverting;
+  auto finish = [&](bool ok) {
+    if (restore) restore->Restore();
+    if (Item* song = c.Find(temporarySong)) DeleteItem(song);
+    itemSet.reset();
+    App().savingOrConverting = wasSaving;
+    return ok;
+  };
+
+  const bool needsSynthesis = target->NeedsSynthesis();
+  const uint8_t removal = static_cast<uint8_t>((1u << static_cast<unsigned>(target->Type())) - 1);
+  FixUpItems(c, removal, false);
+
+  App().savingOrConverting = true;
+  if (!target->EnsureData()) return finish(false);
+  if (render) {
+    Fail(kExportContext, "Rendering songs to waves is not available yet: choose a MIDI format");
+    return finish(false);
+  }
+  if (needsSynthesis) {
+    // Synthesis models render with the synthesizer, which isn't built yet.
+    Fail(kExportContext, "Failed to render synth to wave");
+    return finish(false);
+  }
+  if (!keepEmpty) {
+    bool content = false;
+    if (!midiRequest) content = target->HasContent();
+    if (midiRequest || (target->Type() == ItemType::Collection && (entry->typeFlags & TypeBit(ItemType::Song))))
+      content = content || SongsHaveEvents(*target);
+    if (!content) {
+      Fail(kExportContext, "Empty item - nothing to save");
+      return finish(false);
+    }
+  }
+  if ((target->Type() == ItemType::Collection || target->Type() == ItemType::Instrument) &&
+      !(effective & kCapStereo)) {
+    std::vector<Waveform*> waves = WavesOf(*target);
+    if (std::any_of(waves.begin(), waves.end(), [](const Waveform* w) { return w->channels == 2; })) {
+      restore.emplace(c, [](const Waveform& w) { return w.channels == 2; });
+      SplitStereoWaves(c);
+    }
+  }
+
+  StatusText("Writing - %s", path.c_str());
+  FileRef file;
+  if (!file.OpenWrite(path)) {
+    Fail(kExportContext, "Could not create file");
+    return finish(false);
+  }
+  const bool ok = write(*target, file, request);
+  file.Close();
+  if (!ok) {
+    std::error_code ec;
+    fs::remove(path, ec);
+  }
+  return finish(ok);
+}
+
+// ---------------------------------------------------------------- SaveFile
+
+bool SaveFile(Item* item, const fs::path& path, int row, ExportRequest request, bool report) {
+  if (report) StatusText("Saving...");
+  std::error_code ec;
+  // A symbolic link stays a link: its target is what gets saved.
+  fs::path target = path;
+  if (fs::is_symlink(fs::symlink_status(path, ec))) {
+    fs::path resolved = fs::canonical(path, ec);
+    if (!ec) target = resolved;
+  }
+  const bool existed = fs::exists(fs::symlink_status(target, ec));
+  fs::path backup;
+  struct stat oldInfo {};
+  if (existed) {
+    // Waves that read lazily from the old file must have their samples
+    // before it moves away.
+    if (item && item->collection)
+      for (Waveform* w : item->collection->All<Waveform>())
+        if (!w->HasData() && w->readCallback && SamePath(w->sourcePath, target) && !w->EnsureData()) {
+          StatusText("Failed to Save.");
+          return false;
+        }
+    ::stat(target.c_str(), &oldInfo);
+    backup = BackupPath(target);
+    fs::rename(target, backup, ec);
+    if (ec) {
+      StatusText("Failed to Save.");
+      return Fail(kExportContext, "Could not create file");
+    }
+  }
+
+  const bool ok = ExportItem(item, row, target, request, false);
+  if (!ok) {
+    StatusText("Failed to Save.");
+    if (existed) {
+      std::error_code ignore;
+      fs::remove(target, ignore);
+      fs::rename(backup, target, ignore);
+    }
+    if (report) RememberRecent(fs::absolute(path, ec));
+    return false;
+  }
+  if (existed) {
+    std::error_code ignore;
+    ::chmod(target.c_str(), oldInfo.st_mode & 07777);
+    fs::remove(backup, ignore);
+  }
+  if (report) {
+    if (auto* coll = dynamic_cast<Collection*>(item)) {
+      coll->sourcePath = fs::absolute(path, ec);
+      coll->formatIndex = row;
+    }
+    const uint64_t size = fs::file_size(target, ec);
+    StatusText("Saved: %s %s", path.c_str(), SizeText(ec ? 0 : size).c_str());
+    RememberRecent(fs::absolute(path, ec));
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------- save target
+
+uint8_t SaveTypeMask(const Item* item) {
+  if (!item) return 0xFF;
+  uint8_t mask = 0;
+  switch (item->Type()) {
+    case ItemType::Waveform: mask = 0x01; break;
+    case ItemType::Song:
+    case ItemType::Track: mask = 0x40; break;
+    case ItemType::Collection:
+      mask = 0x80;
+      if (static_cast<const Collection*>(item)->Count(ItemType::Instrument) == 1) mask |= 0x10;
+      break;
+    default: mask = 0x10; break;
+  }
+  // A synthetic item is rendered, so it goes where instruments go.
+  if (item->NeedsSynthesis()) mask |= 0x10;
+  return mask;
+}
+
+int SaveClass(const Item* item) {
+  if (!item) return 4;
+  switch (item->Type()) {
+    case ItemType::Waveform: return 0;
+    case ItemType::Song:
+    case ItemType::Track: return 2;
+    case ItemType::Collection: return 3;
+    default: return 1;
+  }
+}
+
+std::string SafeFileName(std::string_view name) {
+  std::string out;
+  for (char ch : name) {
+    if (out.size() >= 255) break;
+    if (ch == '"') {
+      out += '\'';
+      continue;
+    }
+    if (std::string_view("*./:<>?\\").find(ch) != std::string_view::npos || ch == 127) {
+      if (!out.empty()) out += '_';
+      continue;
+    }
+    out += ch;
+  }
+  // Never split a UTF-8 character at the limit.
+  while (!out.empty() && (static_cast<unsigned char>(out.back()) & 0xC0) == 0x80 && out.size() >= 255) out.pop_back();
+  return out;
+}
+
+bool ChooseSaveTarget(const Item* item, const fs::path& typed, int chosenRow, const ExportRequest& chosenRequest,
+                      SaveTarget& out) {
+  const uint8_t mask = SaveTypeMask(item);
+  int row = chosenRow;
+  if (!RowFits(row, mask)) {
+    // The row last used for this class of item, or the first fitting after it.
+    int start = std::clamp(Settings().app.aiLastExp[SaveClass(item)], 0, kFormatCount - 1);
+    row = -1;
+    for (int i = 0; i < kFormatCount && row < 0; ++i)
+      if (RowFits((start + i) % kFormatCount, mask)) row = (start + i) % kFormatCount;
+  }
+  if (row < 0) return Fail(kExportContext, "Invalid export format selected");
+
+  ExportRequest request = chosenRequest;
+  fs::path path = typed;
+  if (path.filename().empty() && item) path /= SafeFileName(item->Name());
+  const std::string ext = path.extension().string();
+  const int typedRow = ext.size() > 1 ? WriterByExtension(std::string_view(ext).substr(1), mask) : -1;
+  if (typedRow >= 0 && !EqualsNoCase(ext.substr(1), FormatExtension(row))) {
+    row = typedRow;
+    request = ExportRequest{};
+  } else if (typedRow < 0) {
+    path += std::string(".") + FormatExtension(row);
+  }
+  out.path = path;
+  out.row = row;
+  out.request = request;
+
+  auto& last = Settings().app.aiLastExp;
+  if (item) {
+    last[SaveClass(item)] = row;
+  } else {
+    const uint8_t flags = FormatAt(row)->typeFlags;
+    last[4] = row;
+    if (flags & 0x80) last[3] = row;
+    if (flags & 0x60) last[2] = row;
+    if (flags & 0x1C) last[1] = row;
+    if (flags & 0x01) last[0] = row;
+  }
+  return true;
+}
+
+bool ParseOnExists(std::string_view text, OnExists& out) {
+  if (EqualsNoCase(text, "overwrite")) out = OnExists::Overwrite;
+  else if (EqualsNoCase(text, "skip")) out = OnExists::Skip;
+  else if (EqualsNoCase(text, "cancel")) out = OnExists::Cancel;
+  else return false;
+  return true;
+}
+
+// ---------------------------------------------------------------- Save all
+
+std::string SaveAllName(const Item& item, int number, int mode, const std::string& baseStem) {
+  char num[16];
+  std::snprintf(num, sizeof num, "%02d", number);
+  const std::string name = SafeFileName(item.Name());
+  switch (mode) {
+    case 210: return baseStem + " - " + num;
+    case 211: return std::string(num) + " - " + baseStem;
+    case 212: return baseStem + " - " + name;
+    case 214: return std::string(num) + " - " + name;
+    case 215: {
+      std::string source = item.GetSourcePath().stem().string();
+      return source.empty() ? name : SafeFileName(source);
+    }
+    case 218: {
+      const Instrument* inst = nullptr;
+      std::string tail;
+      if (auto* i = dynamic_cast<const Instrument*>(&item)) inst = i;
+      else if (auto* l = dynamic_cast<const Layer*>(&item)) {
+        inst = InstrumentOf(*l);
+        tail = std::string(".") + l->name;
+      } else if (auto* r = dynamic_cast<const Region*>(&item)) {
+        if (Layer* l = LayerOf(*r)) inst = InstrumentOf(*l);
+        tail = std::string(".") + r->name;
+      }
+      if (!inst) return name;
+      char prefix[48];
+      std::snprintf(prefix, sizeof prefix, "%s%d-%d-%d - ", LocationIsDrum(inst->location) ? "d" : "",
+                    static_cast<int>(LocationMajorBank(inst->location)),
+                    static_cast<int>(LocationMinorBank(inst->location)),
+                    static_cast<int>(LocationProgram(inst->location)));
+      return prefix + SafeFileName(std::string(inst->Name()) + tail);
+    }
+    default: return name;  // 213, and 216 whose dialog proposes the item's name
+  }
+}
+
+bool SaveAll(Collection& c, const fs::path& baseWithExt, int row, ExportRequest request, int mode, bool subdirs,
+             OnExists onExists, int& savedCount) {
+  savedCount = 0;
+  const FormatEntry* entry = FormatAt(row);
+  if (!entry || !RowWriteFunction(row)) return Fail(kExportContext, "Invalid export format selected");
+  std::error_code ec;
+  PushRecent(Settings().app.LastPathsA, fs::absolute(baseWithExt, ec).parent_path().string());
+
+  if (entry->typeFlags & 0x80) {
+    if (!SaveFile(&c, baseWithExt, row, request, false)) return false;
+    savedCount = 1;
+    StatusText("Saved 1 collection!");
+    return true;
+  }
+  std::vector<Item*> items;
+  if (entry->typeFlags & 0x10) {
+    items = c.ItemsOf(ItemType::Instrument);
+    if (items.empty()) {
+      StatusText("No instruments to save!");
+      return true;
+    }
+  } else if (entry->typeFlags & 0x01) {
+    items = c.ItemsOf(ItemType::Waveform);
+    if (items.empty()) {
+      StatusText("No waveforms to save!");
+      return true;
+    }
+  } else if (entry->typeFlags & 0x40) {
+    items = c.ItemsOf(ItemType::Song);
+    if (items.empty()) {
+      StatusText("No songs to save!");
+      return true;
+    }
+  } else {
+    return Fail(kSaveAllContext, "Can't 'Save all...' with this file format!");
+  }
+
+  const fs::path folder = baseWithExt.parent_path();
+  const std::string stem = baseWithExt.stem().string();
+  const std::string ext = baseWithExt.has_extension() ? baseWithExt.extension().string()
+                                                      : std::string(".") + FormatExtension(row);
+  const std::vector<ItemId> ids = [&] {
+    std::vector<ItemId> v;
+    for (Item* i : items) v.push_back(i->id);
+    return v;
+  }();
+  int number = 0;
+  for (ItemId id : ids) {
+    Item* item = c.Find(id);
+    if (!item) continue;
+    ++number;
+    ++savedCount;  // items reached, not files written
+    const std::string name = SaveAllName(*item, number, mode, stem);
+    fs::path dir = folder;
+    if (subdirs) {
+      dir /= name;
+      fs::create_directories(dir, ec);
+    }
+    const fs::path path = dir / (name + ext);
+    if (fs::exists(path, ec)) {
+      if (onExists == OnExists::Skip) continue;
+      if (onExists == OnExists::Cancel) {
+        StatusText("Failed: Save all cancelled after %d files.", savedCount - 1);
+        savedCount -= 1;
+        return true;
+      }
+    }
+    if (!SaveFile(item, path, row, request, false)) ShowErrorBox();
+  }
+  StatusText("Done: Saved %d files.", savedCount);
+  return true;
+}
+
+// ---------------------------------------------------------------- command line
+
+int FindWriterRow(std::string_view text, uint32_t typeMask) {
+  if (text.empty()) return -1;
+  if (std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
+    int row = std::atoi(std::string(text).c_str());
+    return FormatAt(row) && RowWriteFunction(row) ? row : -1;
+  }
+  if (int row = WriterByExtension(text, typeMask); row >= 0) return row;
+  const std::string wanted = LowerAscii(text);
+  for (int row = 0; row < kFormatCount; ++row)
+    if (RowFits(row, typeMask) && LowerAscii(FormatName(row)) == wanted) return row;
+  return -1;
+}
+
+bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const SaveOptions& options) {
+  Item* subject = item ? item : &c;
+  const uint8_t mask = SaveTypeMask(subject);
+  int chosen = -1;
+  if (!options.format.empty()) {
+    chosen = FindWriterRow(options.format, mask);
+    if (chosen < 0) return Fail(kExportContext, "No writer \"%s\" for this item", options.format.c_str());
+  }
+  SaveTarget target;
+  // Without --format the typed extension decides; with an unknown one the
+  // remembered row's extension is appended, as in the dialog.
+  if (!ChooseSaveTarget(subject, out, chosen, ExportRequest{}, target)) return false;
+
+  uint32_t parameter = 0;
+  const uint32_t caps = FormatCapabilities(target.row, parameter);
+  uint32_t word = 0;
+  if (!options.dataFormat.empty() && !EqualsNoCase(options.dataFormat, "auto")) {
+    int code = -1;
+    for (int f = 0; f < kDataFormatCount; ++f)
+      if (EqualsNoCase(options.dataFormat, DataFormatName(f))) code = f;
+    if (code < 0 || !(caps & (1u << code)))
+      return Fail(kExportContext, "\"%s\" can't write %s data", FormatName(target.row), options.dataFormat.c_str());
+    word |= 1u << code;
+  }
+  if (EqualsNoCase(options.channels, "mono") || EqualsNoCase(options.channels, "stereo")) {
+    const uint32_t bit = EqualsNoCase(options.channels, "mono") ? kCapMono : kCapStereo;
+    if (!(caps & bit))
+      return Fail(kExportContext, "\"%s\" can't write %s data", FormatName(target.row), options.channels.c_str());
+    word |= bit;
+    // A format choice alone leaves the channels to each item, and the reverse.
+    if (!(word & kCapFormatMask)) word |= caps & kCapFormatMask;
+  } else if (!EqualsNoCase(options.channels, "auto") && !options.channels.empty()) {
+    return Fail(kExportContext, "Channels must be auto, mono or stereo, not \"%s\"", options.channels.c_str());
+  } else if (word) {
+    word |= caps & (kCapMono | kCapStereo);
+  }
+  target.request.request = word;
+  target.request.rate = options.rateKbps;
+
+  std::error_code ec;
+  if (fs::exists(target.path, ec)) {
+    if (options.onExists == OnExists::Skip) {
+      StatusText("Skipped: %s (file exists)", target.path.c_str());
+      return true;
+    }
+    if (options.onExists == OnExists::Cancel)
+      return Fail(kExportContext, "File already exists: %s", target.path.c_str());
+  }
+  return SaveFile(subject, target.path, target.row, target.request, true);
+}
+
+bool SaveAllItems(Collection& c, const fs::path& baseWithExt, int mode, bool subdirs, OnExists onExists,
+                  int& savedCount) {
+  savedCount = 0;
+  const std::string ext = baseWithExt.extension().string();
+  const int row = ext.size() > 1 ? FindWriterRow(std::string_view(ext).substr(1), 0xFF) : -1;
+  if (row < 0) return Fail(kSaveAllContext, "Can't 'Save all...' with this file format!");
+  Settings().sall.iMode = mode;
+  Settings().sall.bSubDirs = subdirs ? 1 : 0;
+  return SaveAll(c, baseWithExt, row, ExportRequest{}, mode, subdirs, onExists, savedCount);
+}
+
+}  // namespace kv

@@ -1,0 +1,293 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "core/instrument_ops.h"
+#include "formats/export.h"
+#include "pipeline_support.h"
+
+namespace kv {
+namespace {
+
+namespace fs = std::filesystem;
+using test::MakeInstrument;
+using test::MakeWave;
+
+// Writes every wave of the item as raw 16-bit samples, in ItemSet order.
+bool WriteRawWaves(Item& item, FileRef& file, ExportRequest& request) {
+  ItemSet set(item, true);
+  std::vector<Waveform*> waves = set.waveforms;
+  if (auto* w = dynamic_cast<Waveform*>(&item)) waves = {w};
+  for (Waveform* w : waves) {
+    Waveform* adapted = AdaptWave(w, request, 0);
+    if (!adapted) return false;
+    const int16_t* s = Samples16(*adapted);
+    bool ok = file.Write(s, adapted->SampleCount() * 2);
+    ReleaseAdaptedWave(*w, adapted);
+    if (!ok) return Fail("test_Exp", "Write failed");
+  }
+  return true;
+}
+
+class ExportTest : public test::PipelineTest {
+ protected:
+  void SetUp() override {
+    PipelineTest::SetUp();
+    test::ScriptedWrite() = WriteRawWaves;
+    for (int row : {test::kWavRow, test::kSf2Row, test::kSfzRow, test::kAifRow, test::kMidRow})
+      OverrideRowFunctions(row, nullptr, test::ScriptedWriteFn);
+  }
+  bool Exists(const fs::path& p) { return fs::exists(p); }
+};
+
+TEST_F(ExportTest, SavingOverTheFileALazyWaveReadsFromKeepsItsSamples) {
+  const fs::path path = dir_ / "bank.raw";
+  std::string bytes;
+  for (int16_t v : {100, -200, 300, -400}) bytes.append(reinterpret_cast<const char*>(&v), 2);
+  test::WriteFile(path, bytes);
+
+  Collection c;
+  auto* w = Create<Waveform>(c, "Lazy");
+  w->length = 4;
+  w->sourcePath = path;
+  SetGenericFormat(*w, kPcm16, 0);
+  MakeInstrument(c, "I", {w});
+  FixUpItems(c, 0xFF, false);
+  ASSERT_FALSE(w->HasData());
+
+  ASSERT_TRUE(SaveFile(w, path, test::kWavRow, ExportRequest{}, true)) << ErrorMessage;
+  EXPECT_EQ(test::ReadFile(path), bytes);
+  EXPECT_FALSE(Exists(dir_ / "bank.raw.bak"));
+  EXPECT_EQ(LastStatusText(), "Saved: " + path.string() + " (8 Bytes)");
+}
+
+TEST_F(ExportTest, AFailedWriteRestoresTheOldFileAndLeavesNoBackup) {
+  const fs::path path = dir_ / "keep.wav";
+  test::WriteFile(path, "previous contents");
+  Collection c;
+  Waveform* w = MakeWave(c, "W", 1000);
+  // Fault injection: some bytes go out, then the writer gives up.
+  test::ScriptedWrite() = [](Item&, FileRef& f, ExportRequest&) {
+    f.Write("partial", 7);
+    return Fail("test_Exp", "Disk full halfway");
+  };
+  EXPECT_FALSE(SaveFile(w, path, test::kWavRow, ExportRequest{}, true));
+  EXPECT_STREQ(ErrorContext, "test_Exp");
+  EXPECT_STREQ(ErrorMessage, "Disk full halfway");
+  EXPECT_EQ(test::ReadFile(path), "previous contents");
+  EXPECT_FALSE(Exists(dir_ / "keep.wav.bak"));
+  EXPECT_EQ(LastStatusText(), "Failed to Save.");
+
+  // A new file that fails is not left behind either.
+  EXPECT_FALSE(SaveFile(w, dir_ / "new.wav", test::kWavRow, ExportRequest{}, false));
+  EXPECT_FALSE(Exists(dir_ / "new.wav"));
+}
+
+TEST_F(ExportTest, BackupNeverReplacesAnExistingBakFile) {
+  const fs::path path = dir_ / "x.wav";
+  test::WriteFile(path, "old");
+  test::WriteFile(dir_ / "x.wav.bak", "user's own backup");
+  Collection c;
+  ASSERT_TRUE(SaveFile(MakeWave(c, "W", 2), path, test::kWavRow, ExportRequest{}, false)) << ErrorMessage;
+  EXPECT_EQ(test::ReadFile(dir_ / "x.wav.bak"), "user's own backup");
+  EXPECT_EQ(test::ReadFile(path).size(), 4u);
+}
+
+TEST_F(ExportTest, StereoInAnInstrumentGoesToAMonoRowAsTwoMonosAndTheModelIsUnchanged) {
+  Collection c;
+  Waveform* st = MakeWave(c, "Strings S", 16, 2);
+  MakeInstrument(c, "Strings", {st, MakeWave(c, "Solo", 8)});
+  FixUpItems(c, 0xFF, false);
+  const std::vector<uint8_t> before = test::Snapshot(c);
+
+  std::vector<std::string> seen;
+  std::size_t layers = 0;
+  test::ScriptedWrite() = [&](Item& item, FileRef&, ExportRequest&) {
+    ItemSet set(item, true);
+    for (Waveform* w : set.waveforms) seen.push_back(std::string(w->Name()) + "/" + std::to_string(w->channels));
+    layers = set.instruments.front()->children.size();
+    return true;
+  };
+  Instrument* inst = c.All<Instrument>().front();
+  ASSERT_TRUE(ExportItem(inst, test::kSf2Row, dir_ / "out.sf2", ExportRequest{}, false)) << ErrorMessage;
+  EXPECT_EQ(seen, (std::vector<std::string>{"Strings -L/1", "Solo/1", "Strings -R/1"}));
+  EXPECT_EQ(layers, 2u);  // a partner layer plays the right side
+  EXPECT_EQ(test::Snapshot(c), before);
+  EXPECT_EQ(c.Count(ItemType::Waveform), 2u);
+
+  // A row with stereo takes the wave as it is.
+  seen.clear();
+  ASSERT_TRUE(ExportItem(inst, test::kSfzRow, dir_ / "out.sfz", ExportRequest{}, false));
+  EXPECT_EQ(seen, (std::vector<std::string>{"Strings S/2", "Solo/1"}));
+  EXPECT_EQ(layers, 1u);
+}
+
+TEST_F(ExportTest, RegionsAndTracksGoOutThroughTemporariesThatDisappear) {
+  Collection c;
+  Waveform* w = MakeWave(c, "W", 8);
+  Instrument* inst = MakeInstrument(c, "I", {w});
+  auto* song = Create<Song>(c, "Song");
+  auto* track = Create<Track>(c, "T");
+  track->parentId = song->id;
+  AddChild(*song, track->id);
+  track->SetEvents({0x00, 0x90, 0x3C, 0x40, 0x00, 0xFF, 0x2F, 0x00});
+  FixUpItems(c, 0xFF, false);
+  const std::vector<uint8_t> before = test::Snapshot(c);
+
+  ItemType writtenType = ItemType::Collection;
+  test::ScriptedWrite() = [&](Item& item, FileRef&, ExportRequest& r) {
+    writtenType = item.Type();
+    EXPECT_EQ(r.parameter, FormatAt(test::kMidRow)->parameter);
+    return true;
+  };
+  ASSERT_TRUE(ExportItem(track, test::kMidRow, dir_ / "t.mid", ExportRequest{}, false)) << ErrorMessage;
+  EXPECT_EQ(writtenType, ItemType::Song);
+  Region* region = c.FindAs<Region>(c.FindAs<Layer>(inst->children[0])->children[0]);
+  ASSERT_TRUE(ExportItem(region, test::kSfzRow, dir_ / "r.sfz", ExportRequest{}, false));
+  EXPECT_EQ(writtenType, ItemType::Instrument);
+  EXPECT_EQ(test::Snapshot(c), before);
+  EXPECT_EQ(c.Count(ItemType::Song), 1u);
+  EXPECT_EQ(c.Count(ItemType::Instrument), 1u);
+}
+
+TEST_F(ExportTest, RefusalsCarryTheirTexts) {
+  Collection c;
+  EXPECT_FALSE(ExportItem(nullptr, test::kWavRow, dir_ / "a", ExportRequest{}, false));
+  EXPECT_STREQ(ErrorMessage, "No item selected");
+  Waveform* w = MakeWave(c, "W", 8);
+  EXPECT_FALSE(ExportItem(w, 522, dir_ / "a", ExportRequest{}, false));
+  EXPECT_STREQ(ErrorMessage, "Invalid export format selected");
+  EXPECT_FALSE(ExportItem(w, 1, dir_ / "a", ExportRequest{}, false));  // no writer
+  EXPECT_STREQ(ErrorMessage, "Invalid export format selected");
+
+  auto* silent = Create<Waveform>(c, "Silent");  // no samples, no reader
+  silent->length = 5;
+  EXPECT_FALSE(ExportItem(silent, test::kWavRow, dir_ / "s.wav", ExportRequest{}, true));
+  EXPECT_STREQ(ErrorContext, "Read wave-data from disk");
+  Instrument* empty = MakeInstrument(c, "Nothing", {});
+  AddRegion(*c.FindAs<Layer>(empty->children[0]), kNoWave, MakeRange(0, 127), MakeRange(0, 127), 255);
+  EXPECT_FALSE(ExportItem(empty, test::kSfzRow, dir_ / "e.sfz", ExportRequest{}, false));
+  EXPECT_STREQ(ErrorMessage, "Empty item - nothing to save");
+  EXPECT_FALSE(Exists(dir_ / "e.sfz"));
+
+  EXPECT_FALSE(ExportItem(w, test::kWavRow, dir_ / "no-folder" / "x.wav", ExportRequest{}, false));
+  EXPECT_STREQ(ErrorMessage, "Could not create file");
+}
+
+TEST_F(ExportTest, AdaptWaveChangesChannelsAndRefusesRatesForNow) {
+  Collection c;
+  Waveform* st = MakeWave(c, "St", 4, 2);
+  ExportRequest monoOnly{kCapMono | (1u << kPcm16), 0, 0.0f};
+  Waveform* mono = AdaptWave(st, monoOnly, 0);
+  ASSERT_NE(mono, nullptr);
+  EXPECT_NE(mono, st);
+  EXPECT_EQ(mono->channels, 1);
+  ReleaseAdaptedWave(*st, mono);
+  EXPECT_EQ(c.Count(ItemType::Waveform), 1u);
+  EXPECT_EQ(AdaptWave(st, ExportRequest{}, 0), st);  // "Auto" keeps the wave
+
+  EXPECT_EQ(AdaptWave(st, ExportRequest{}, 22050), nullptr);
+  EXPECT_NE(std::strstr(ErrorMessage, "Resampling is not available yet"), nullptr);
+  EXPECT_EQ(AdaptWave(nullptr, ExportRequest{}, 0), nullptr);
+}
+
+TEST_F(ExportTest, TypedExtensionPicksItsRowAndUnknownOnesGetTheRowsExtension) {
+  Collection c;
+  Waveform* w = MakeWave(c, "W", 4);
+  SaveTarget t;
+  ASSERT_TRUE(ChooseSaveTarget(w, dir_ / "tone.aif", test::kWavRow, ExportRequest{1u << kPcm24, 0, 0}, t));
+  EXPECT_EQ(t.row, test::kAifRow);
+  EXPECT_EQ(t.request.request, 0u);  // back to "Auto"
+  EXPECT_EQ(t.path, dir_ / "tone.aif");
+  EXPECT_EQ(Settings().app.aiLastExp[0], test::kAifRow);
+
+  ASSERT_TRUE(ChooseSaveTarget(w, dir_ / "tone.v2", test::kWavRow, ExportRequest{1u << kPcm24, 0, 0}, t));
+  EXPECT_EQ(t.row, test::kWavRow);
+  EXPECT_EQ(t.request.request, 1u << kPcm24);
+  EXPECT_EQ(t.path, dir_ / "tone.v2.wav");
+
+  // The remembered row for the class when none is chosen; an instrument
+  // can't go to a wave-only row.
+  ASSERT_TRUE(ChooseSaveTarget(w, dir_ / "again", -1, ExportRequest{}, t));
+  EXPECT_EQ(t.row, test::kWavRow);
+  EXPECT_EQ(t.path, dir_ / "again.wav");
+  Instrument* inst = MakeInstrument(c, "I", {w});
+  ASSERT_TRUE(ChooseSaveTarget(inst, dir_ / "inst.aif", test::kSfzRow, ExportRequest{}, t));
+  EXPECT_EQ(t.row, test::kSfzRow);
+  EXPECT_EQ(t.path, dir_ / "inst.aif.sfz");
+}
+
+TEST_F(ExportTest, FileNamesAreMadeSafe) {
+  EXPECT_EQ(SafeFileName("Piano \"Grand\""), "Piano 'Grand'");
+  EXPECT_EQ(SafeFileName("../a/b:c*d?"), "a_b_c_d_");  // dropped while nothing precedes
+  EXPECT_EQ(SafeFileName(".hidden"), "hidden");
+  EXPECT_EQ(SafeFileName(std::string(300, 'x')).size(), 255u);
+}
+
+TEST_F(ExportTest, SaveAllNamesFilesByModeAndFollowsTheExistsPolicy) {
+  Collection c;
+  Waveform* w = MakeWave(c, "Wave", 4);
+  Instrument* a = MakeInstrument(c, "Lead/1", {w}, 5);
+  a->location = MakeLocation(2, 3, 5, true);
+  MakeInstrument(c, "Bass", {w}, 6);
+  EXPECT_EQ(SaveAllName(*a, 1, 210, "foo"), "foo - 01");
+  EXPECT_EQ(SaveAllName(*a, 2, 211, "foo"), "02 - foo");
+  EXPECT_EQ(SaveAllName(*a, 1, 212, "foo"), "foo - Lead_1");
+  EXPECT_EQ(SaveAllName(*a, 1, 213, "foo"), "Lead_1");
+  EXPECT_EQ(SaveAllName(*a, 3, 214, "foo"), "03 - Lead_1");
+  EXPECT_EQ(SaveAllName(*a, 1, 218, "foo"), "d2-3-5 - Lead_1");
+
+  int count = 0;
+  ASSERT_TRUE(SaveAllItems(c, dir_ / "set.sfz", 213, true, OnExists::Overwrite, count)) << ErrorMessage;
+  EXPECT_EQ(count, 2);
+  EXPECT_TRUE(Exists(dir_ / "Lead_1" / "Lead_1.sfz"));
+  EXPECT_TRUE(Exists(dir_ / "Bass" / "Bass.sfz"));
+  EXPECT_EQ(LastStatusText(), "Done: Saved 2 files.");
+
+  test::WriteFile(dir_ / "Lead_1" / "Lead_1.sfz", "mine");
+  ASSERT_TRUE(SaveAllItems(c, dir_ / "set.sfz", 213, true, OnExists::Skip, count));
+  EXPECT_EQ(test::ReadFile(dir_ / "Lead_1" / "Lead_1.sfz"), "mine");
+  EXPECT_EQ(count, 2);  // items reached, skipped ones included
+  ASSERT_TRUE(SaveAllItems(c, dir_ / "set.sfz", 213, true, OnExists::Cancel, count));
+  EXPECT_EQ(LastStatusText(), "Failed: Save all cancelled after 0 files.");
+
+  // Waves when the row holds no instruments; a MIDI row has nothing to take.
+  ASSERT_TRUE(SaveAllItems(c, dir_ / "w.wav", 210, false, OnExists::Overwrite, count));
+  EXPECT_TRUE(Exists(dir_ / "w - 01.wav"));
+  ASSERT_TRUE(SaveAllItems(c, dir_ / "m.mid", 213, false, OnExists::Overwrite, count));
+  EXPECT_EQ(LastStatusText(), "No songs to save!");
+  EXPECT_FALSE(SaveAllItems(c, dir_ / "x.nothing", 213, false, OnExists::Overwrite, count));
+  EXPECT_STREQ(ErrorContext, "Save all in multiple files");
+  EXPECT_STREQ(ErrorMessage, "Can't 'Save all...' with this file format!");
+}
+
+TEST_F(ExportTest, CommandLineSaveChecksOptionsAgainstTheRow) {
+  Collection c;
+  Waveform* st = MakeWave(c, "St", 4, 2);
+  SaveOptions opt;
+  opt.channels = "mono";
+  ASSERT_TRUE(SaveCollectionOrItem(c, st, dir_ / "m.wav", opt)) << ErrorMessage;
+  EXPECT_EQ(test::ReadFile(dir_ / "m.wav").size(), 8u);  // 4 mono frames
+  EXPECT_EQ(LastStatusText().rfind("Saved: ", 0), 0u);
+
+  opt = {};
+  opt.format = "sfz";
+  opt.dataFormat = "Mu-law 8-bit";
+  EXPECT_FALSE(SaveCollectionOrItem(c, nullptr, dir_ / "c", opt));
+  opt.format = "no such format";
+  EXPECT_FALSE(SaveCollectionOrItem(c, nullptr, dir_ / "c", opt));
+
+  opt = {};
+  opt.onExists = OnExists::Skip;
+  test::WriteFile(dir_ / "k.wav", "keep");
+  EXPECT_TRUE(SaveCollectionOrItem(c, st, dir_ / "k.wav", opt));
+  EXPECT_EQ(test::ReadFile(dir_ / "k.wav"), "keep");
+  opt.onExists = OnExists::Cancel;
+  EXPECT_FALSE(SaveCollectionOrItem(c, st, dir_ / "k.wav", opt));
+  EXPECT_EQ(FindWriterRow("476", 0xFF), test::kWavRow);
+  EXPECT_EQ(FindWriterRow("Microsoft wave", 0x01), test::kWavRow);
+}
+
+}  // namespace
+}  // namespace kv

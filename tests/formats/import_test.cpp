@@ -1,0 +1,276 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "core/instrument_ops.h"
+#include "formats/import.h"
+#include "pipeline_support.h"
+
+namespace kv {
+namespace {
+
+using test::MakeInstrument;
+using test::MakeWave;
+
+class ImportTest : public test::PipelineTest {
+ protected:
+  // A file the wave row detects, read by the scripted reader.
+  std::filesystem::path WaveFile(const char* name = "in.wav") {
+    auto path = dir_ / name;
+    test::WriteFile(path, test::WaveFileBytes());
+    OverrideRowFunctions(test::kWavRow, test::ScriptedReadFn, nullptr);
+    return path;
+  }
+};
+
+TEST_F(ImportTest, RegionWithNothingGoesWithItsLayerAndInstrument) {
+  test::ScriptedRead() = [](Collection& c, FileRef&) {
+    Waveform* w = MakeWave(c, "Kept", 100);
+    MakeInstrument(c, "Playing", {w});
+    auto* empty = Create<Instrument>(c, "Silent");
+    empty->location = MakeLocation(0, 0, 1, false);
+    AddRegion(*AddLayer(*empty), kNoWave, MakeRange(0, 127), MakeRange(0, 127), 255);
+    return true;
+  };
+  Collection c;
+  ASSERT_TRUE(ImportFile(c, WaveFile(), true)) << ErrorMessage;
+  ASSERT_EQ(c.Count(ItemType::Instrument), 1u);
+  EXPECT_EQ(c.All<Instrument>().front()->Name(), "Playing");
+  EXPECT_EQ(c.Count(ItemType::Layer), 1u);
+  EXPECT_EQ(c.Count(ItemType::Region), 1u);
+  EXPECT_EQ(c.formatIndex, test::kWavRow);
+  EXPECT_EQ(c.Name(), "in");
+  EXPECT_EQ(c.sourcePath, dir_.path() / "in.wav");
+}
+
+TEST_F(ImportTest, OverridesEqualToTheWaveAreTurnedOffOthersStay) {
+  test::ScriptedRead() = [](Collection& c, FileRef&) {
+    Waveform* w = MakeWave(c, "Loop", 1000);
+    w->loopType = 1;
+    w->loopStart = 100;
+    w->loopEnd = 900;
+    w->rootKey = 64;
+    Instrument* inst = MakeInstrument(c, "I", {w});
+    auto* region = c.FindAs<Region>(c.FindAs<Layer>(inst->children[0])->children[0]);
+    region->overrideMask = kOverrideLoopStart | kOverrideLoopEnd | kOverrideRootKey;
+    region->loopStart = 100;  // same as the wave
+    region->loopEnd = 800;    // differs
+    region->rootKey = 64;     // same
+    return true;
+  };
+  Collection c;
+  ASSERT_TRUE(ImportFile(c, WaveFile(), true)) << ErrorMessage;
+  Region* region = c.All<Region>().front();
+  EXPECT_EQ(region->overrideMask, kOverrideLoopEnd);
+  EXPECT_EQ(region->loopEnd, 800.0f);
+}
+
+TEST_F(ImportTest, StereoRowKeepsNamedMonoPairsApartMonoRowMergesThem) {
+  auto build = [](Collection& c, FileRef&) {
+    Waveform* l = MakeWave(c, "Pad L", 64, 1, 0);
+    Waveform* r = MakeWave(c, "Pad R", 64, 1, 1000);
+    auto* inst = MakeInstrument(c, "Pad", {l});
+    // The dual-layer form: the right half in a second layer on the same range.
+    Layer* second = AddLayer(*inst);
+    AddRegion(*second, r->id, MakeRange(0, 127), MakeRange(0, 127), 255);
+    return true;
+  };
+  test::ScriptedRead() = build;
+  Collection c;
+  ASSERT_TRUE(ImportFile(c, WaveFile(), true)) << ErrorMessage;
+  EXPECT_EQ(c.Count(ItemType::Waveform), 2u);
+
+  // The same items on a row without stereo: one stereo wave, one region.
+  Collection mono;
+  FileRef none;
+  build(mono, none);
+  mono.formatIndex = test::kSf2Row;
+  FixUpItems(mono, 0xFF, true);
+  ASSERT_EQ(mono.Count(ItemType::Waveform), 1u);
+  Waveform* pair = mono.All<Waveform>().front();
+  EXPECT_EQ(pair->channels, 2);
+  EXPECT_EQ(pair->Name(), "Pad");
+  EXPECT_EQ(pair->samples16[0], 0);     // left first
+  EXPECT_EQ(pair->samples16[1], 1000);  // then right
+  EXPECT_EQ(mono.Count(ItemType::Region), 1u);
+  EXPECT_EQ(mono.Count(ItemType::Layer), 1u);
+}
+
+TEST_F(ImportTest, MergingASingleWaveLeavesDuplicatesAloneABankDoesNot) {
+  Settings().load.bAutoRemoveDupWaves = 1;
+  Collection c;
+  MakeWave(c, "Original", 50, 1, 3);
+  test::ScriptedRead() = [](Collection& s, FileRef&) {
+    MakeWave(s, "Same data", 50, 1, 3);
+    return true;
+  };
+  ASSERT_TRUE(MergeFile(c, WaveFile("one.wav"))) << ErrorMessage;
+  EXPECT_EQ(c.Count(ItemType::Waveform), 2u);
+
+  test::ScriptedRead() = [](Collection& s, FileRef&) {
+    MakeInstrument(s, "Bank piano", {MakeWave(s, "Again", 50, 1, 3), MakeWave(s, "New", 50, 1, 9)});
+    return true;
+  };
+  ASSERT_TRUE(MergeFile(c, WaveFile("bank.wav"))) << ErrorMessage;
+  // The bank's copy of the same data went; the instrument plays the kept wave.
+  EXPECT_EQ(c.Count(ItemType::Waveform), 3u);
+  for (Region* r : c.All<Region>()) EXPECT_NE(RegionWaveform(*r), nullptr);
+}
+
+TEST_F(ImportTest, FailuresNameTheirCauseAndLeaveNoHalfLoadedCollection) {
+  Collection c;
+  MakeWave(c, "Before", 10);
+  auto gone = dir_ / "no-such-folder" / "x.wav";
+  Settings().app.LastFilesA = {gone.string(), "/elsewhere/y.wav"};
+  EXPECT_FALSE(ImportFile(c, gone, true));
+  EXPECT_STREQ(ErrorContext, "File Import");
+  EXPECT_STREQ(ErrorMessage, "Could not open file");
+  EXPECT_EQ(Settings().app.LastFilesA, std::vector<std::string>{"/elsewhere/y.wav"});
+  EXPECT_FALSE(ImportFile(c, dir_.path(), true));  // a folder is not a file
+  EXPECT_STREQ(ErrorMessage, "Could not open file");
+  EXPECT_EQ(c.Count(ItemType::Waveform), 1u);
+
+  test::WriteFile(dir_ / "empty.wav", "");
+  EXPECT_FALSE(ImportFile(c, dir_ / "empty.wav", true));
+  EXPECT_STREQ(ErrorMessage, "File is of zero size");
+
+  test::WriteFile(dir_ / "noise.xyz", "just some bytes");
+  EXPECT_FALSE(ImportFile(c, dir_ / "noise.xyz", false));
+  EXPECT_STREQ(ErrorMessage, "Not detected as any supported file type");
+  EXPECT_EQ(c.Count(ItemType::Waveform), 1u);
+
+  test::ScriptedRead() = [](Collection& s, FileRef&) {
+    MakeWave(s, "Half", 10);
+    return Fail("wav_Imp", "Broken chunk");
+  };
+  EXPECT_FALSE(ImportFile(c, WaveFile(), true));
+  EXPECT_STREQ(ErrorContext, "wav_Imp");
+  EXPECT_STREQ(ErrorMessage, "Broken chunk");
+  EXPECT_EQ(c.Count(ItemType::Waveform), 0u);
+  EXPECT_EQ(c.Name(), "Empty collection");
+  EXPECT_TRUE(CanImport(dir_ / "in.wav"));
+  EXPECT_FALSE(CanImport(dir_ / "empty.wav"));
+}
+
+TEST_F(ImportTest, FailedMergeLeavesTheTargetAsItWas) {
+  Collection c;
+  MakeWave(c, "Before", 10);
+  test::ScriptedRead() = [](Collection&, FileRef&) { return Fail("wav_Imp", "Broken"); };
+  EXPECT_FALSE(MergeFile(c, WaveFile()));
+  EXPECT_EQ(c.Count(ItemType::Waveform), 1u);
+}
+
+TEST_F(ImportTest, RawRowReadsAnyFileAsSigned8BitMonoWithBoxesOff) {
+  test::WriteFile(dir_ / "blob.xyz", std::string(300, '\x05'));
+  Collection c;
+  ASSERT_TRUE(ImportFile(c, dir_ / "blob.xyz", true)) << ErrorMessage;
+  ASSERT_EQ(c.Count(ItemType::Waveform), 1u);
+  Waveform* w = c.All<Waveform>().front();
+  EXPECT_EQ(c.formatIndex, 0);
+  EXPECT_EQ(w->length, 300u);
+  EXPECT_EQ(w->sampleRate, 44100u);
+  EXPECT_EQ(w->channels, 1);
+  EXPECT_EQ(SourceDataFormat(w->sourceFormat), kPcm8);
+  ASSERT_TRUE(w->EnsureData()) << ErrorMessage;
+  EXPECT_EQ(Samples16(*w)[0], 5 * 256);
+}
+
+int g_rawAnswer = 0;
+int AnswerRaw(const std::string&, const std::string&, BoxButtons) { return g_rawAnswer; }
+
+TEST_F(ImportTest, RawRowAnswersLastForTheProcess) {
+  test::WriteFile(dir_ / "blob.xyz", std::string(10, '\x01'));
+  MessageBoxesEnabled = 1;
+  SetBoxPresenter(AnswerRaw);
+  Collection c;
+  g_rawAnswer = 2;  // Cancel: nothing, but a success
+  EXPECT_TRUE(ImportFile(c, dir_ / "blob.xyz", true));
+  EXPECT_EQ(c.Count(ItemType::Waveform), 0u);
+  g_rawAnswer = kBoxNo;  // "Allways Cancel"
+  EXPECT_TRUE(ImportFile(c, dir_ / "blob.xyz", true));
+  g_rawAnswer = kBoxOk;  // would load, but the earlier answer stands
+  EXPECT_TRUE(ImportFile(c, dir_ / "blob.xyz", true));
+  EXPECT_EQ(c.Count(ItemType::Waveform), 0u);
+  SetBoxPresenter(nullptr);
+}
+
+TEST_F(ImportTest, ReplaceWavesMatchesExactNamesAndTakesOnlyRealLoops) {
+  Collection c;
+  Waveform* target = MakeWave(c, "Kick", 10);
+  target->loopType = 1;
+  target->loopStart = 2;
+  target->loopEnd = 8;
+  Waveform* other = MakeWave(c, "kick2", 10);
+  test::ScriptedRead() = [](Collection& s, FileRef&) {
+    Waveform* w = MakeWave(s, "Kick", 20, 2, 500);
+    w->sampleRate = 48000;  // no loop of its own: the target keeps its loop
+    MakeWave(s, "KICK2", 20);  // case differs: no match
+    return true;
+  };
+  ASSERT_TRUE(ReplaceWavesFile(c, WaveFile())) << ErrorMessage;
+  EXPECT_EQ(TakeReplacedCount(), 1);
+  EXPECT_EQ(TakeReplacedCount(), 0);
+  EXPECT_EQ(target->length, 20u);
+  EXPECT_EQ(target->channels, 2);
+  EXPECT_EQ(target->sampleRate, 48000u);
+  EXPECT_EQ(target->samples16[0], 500);
+  EXPECT_EQ(target->loopStart, 2.0f);
+  EXPECT_EQ(target->loopEnd, 8.0f);
+  EXPECT_EQ(other->length, 10u);
+
+  test::ScriptedRead() = [](Collection& s, FileRef&) {
+    Waveform* w = MakeWave(s, "Kick", 20);
+    w->loopType = 1;
+    w->loopStart = 4;
+    w->loopEnd = 20;  // a loop to the end with a type is still a loop
+    return true;
+  };
+  ASSERT_TRUE(ReplaceWavesFile(c, WaveFile("b.wav")));
+  EXPECT_EQ(target->loopStart, 4.0f);
+  EXPECT_EQ(target->loopEnd, 20.0f);
+  EXPECT_EQ(target->readCallback, nullptr);
+}
+
+TEST_F(ImportTest, ImportFolderIsSetOnlyWhileTheReaderRuns) {
+  std::filesystem::path seen;
+  test::ScriptedRead() = [&](Collection& s, FileRef&) {
+    seen = ResolveImportPath("samples/a.wav");
+    MakeWave(s, "w", 4);
+    return true;
+  };
+  Collection c;
+  ASSERT_TRUE(ImportFile(c, WaveFile(), true));
+  EXPECT_EQ(seen, dir_.path() / "samples/a.wav");
+  EXPECT_TRUE(CurrentImportFolder().empty());
+  EXPECT_EQ(ResolveImportPath("/abs/x.wav"), "/abs/x.wav");
+}
+
+TEST_F(ImportTest, LoadOptionsRunInOrderAndCanBeTurnedOff) {
+  Settings().load.bAutoSplitStereo = 1;
+  Settings().load.bAutoMergeStereo = 0;
+  Settings().load.bAutoBid2Fwd = 1;
+  test::ScriptedRead() = [](Collection& s, FileRef&) {
+    Waveform* a = MakeWave(s, "Dup", 8, 2);
+    a->loopType = 3;
+    a->loopStart = 0;
+    a->loopEnd = 4;
+    MakeInstrument(s, "Dup", {a});
+    MakeInstrument(s, "Dup", {MakeWave(s, "Dup", 8)}, 1);
+    return true;
+  };
+  Collection c;
+  ASSERT_TRUE(ImportFile(c, WaveFile(), true)) << ErrorMessage;
+  std::vector<std::string> names;
+  for (Instrument* i : c.All<Instrument>()) names.emplace_back(i->Name());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"Dup", "Dup 1"}));
+  EXPECT_EQ(c.Count(ItemType::Waveform), 3u);  // the stereo wave split in two
+  for (Waveform* w : c.All<Waveform>()) EXPECT_EQ(w->channels, 1);
+  EXPECT_EQ(CollectionSortMode(), 1);
+  EXPECT_EQ(WaveformSortMode(), 2);
+}
+
+}  // namespace
+}  // namespace kv
