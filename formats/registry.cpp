@@ -413,7 +413,7 @@ constexpr FormatEntry kFormats[] = {
     /*360*/ {"s3p", nullptr, nullptr, nullptr, "AKAI MESA II/PC S-series program", 0x10, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*361*/ {"sam", nullptr, nullptr, nullptr, "Signed 8-bit PCM", 0x01, 0x00000000, 0, nullptr, RD},
     /*362*/ {"sb", nullptr, nullptr, nullptr, "Signed bytes (8-bit)", 0x01, 0x00300001, 0, nullptr, RWD},
-    /*363*/ {"sbk", nullptr, nullptr, sf2_Detect, "SoundFont v1", 0x91, 0x00100004, 1, nullptr, RWD},
+    /*363*/ {"sbk", sbk_Imp, sbk_Exp, sf2_Detect, "SoundFont v1", 0x91, 0x00100004, 1, nullptr, RWD},
     /*364*/ {"sbi", nullptr, nullptr, nullptr, "Creative FM instrument", 0x10, 0x00000000, 0, nullptr, RD},
     /*365*/ {"sd", nullptr, nullptr, nullptr, "Sound Designer I", 0x01, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*366*/ {"sc2", nullptr, nullptr, nullptr, "Sample Cell II PC", 0x11, 0x00000000, 0, nullptr, RD},
@@ -427,9 +427,9 @@ constexpr FormatEntry kFormats[] = {
     /*374*/ {"seq", nullptr, nullptr, nullptr, "PlayStation music", 0x60, 0x00080000, 0, nullptr, RWD},
     /*375*/ {"sdx", nullptr, nullptr, nullptr, "SDX compact MIDI SDS", 0x01, 0x00000000, 0, nullptr, RD},
     /*376*/ {"sf", nullptr, nullptr, nullptr, "IRCAM / MTU sound", 0x01, 0x00000000, 0, nullptr, RWD},  // encodings unknown
-    /*377*/ {"sf2", nullptr, nullptr, sf2_Detect, "SoundFont v2 bank", 0x91, 0x00100014, 0, nullptr, RWD},
+    /*377*/ {"sf2", sf2_Imp, sf2_Exp, sf2_Detect, "SoundFont v2 bank", 0x91, 0x00100014, 0, nullptr, RWD},
     /*378*/ {"sf2pack", nullptr, nullptr, sf2_PackDetect, "MIDI Converter Studio", 0x80, 0x00000000, 0, nullptr, RD},
-    /*379*/ {"sf3", nullptr, nullptr, sf2_Detect, "Compressed SoundFont", 0x91, 0x00120000, 3, nullptr, RWD},
+    /*379*/ {"sf3", sf2_Imp, nullptr, sf2_Detect, "Compressed SoundFont", 0x91, 0x00120000, 3, nullptr, RWD},
     /*380*/ {"sfark", nullptr, nullptr, sf2_SfArkDetect, "Melody Machine SF", 0x80, 0x00000000, 0, nullptr, RD},
     /*381*/ {"sfd", nullptr, nullptr, nullptr, "SoundStage data", 0x01, 0x00000000, 0, nullptr, RD},
     /*382*/ {"sfi", nullptr, nullptr, nullptr, "SoundStage info", 0x01, 0x00000000, 0, nullptr, RD},

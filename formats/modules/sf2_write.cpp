@@ -1,0 +1,441 @@
+// SoundFont 2 and 1 writers: mono samples (stereo waves become linked
+// pairs), one SoundFont instrument per layer, generators by the inverse of
+// the reader's formulas.
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/app.h"
+#include "core/error.h"
+#include "core/fileref.h"
+#include "core/items.h"
+#include "core/samplecodec.h"
+#include "core/settings.h"
+#include "core/text.h"
+#include "core/wavestore.h"
+#include "formats/modules/sf2.h"
+#include "formats/modules/sf2_format.h"
+#include "formats/registry.h"
+
+namespace kv {
+
+namespace {
+
+using namespace sf2;
+
+// Zero samples after each sample, as the standard asks for interpolators.
+constexpr int kGuardSamples = 46;
+constexpr std::size_t kMaxRecords = 65535;
+
+void PutName(char (&field)[20], std::string_view name) {
+  std::memset(field, 0, sizeof field);
+  const std::string text = Utf8ToWindows1252(name);
+  std::memcpy(field, text.data(), std::min(text.size(), sizeof field));
+}
+
+struct Pdta {
+  std::vector<PhdrRec> phdr;
+  std::vector<BagRec> pbag, ibag;
+  std::vector<ModRec> pmod, imod;
+  std::vector<GenRec> pgen, igen;
+  std::vector<InstRec> inst;
+  std::vector<ShdrRec> shdr;
+};
+
+GenRec MakeGen(int oper, int amount) {
+  GenRec g;
+  g.oper.set(static_cast<uint32_t>(oper));
+  g.amount.set(static_cast<uint32_t>(amount));
+  return g;
+}
+
+ModRec MakeMod(int slot, int amount) {
+  ModRec m{};
+  m.src.set(SlotSourceWord(slot));
+  m.dest.set(SlotTable()[slot].dest);
+  m.amount.set(static_cast<uint32_t>(amount));
+  return m;
+}
+
+// The generators that carry articulation; the rest are written per zone.
+constexpr int kArtGens[] = {kModLfoToPitch, kVibLfoToPitch, kModEnvToPitch, kInitialFilterFc, kInitialFilterQ,
+                            kModLfoToFilterFc, kModEnvToFilterFc, kModLfoToVolume, kChorusSend, kReverbSend, kPan,
+                            kDelayModLfo, kFreqModLfo, kDelayVibLfo, kFreqVibLfo, kDelayModEnv, kAttackModEnv,
+                            kHoldModEnv, kDecayModEnv, kSustainModEnv, kReleaseModEnv, kKeyToModEnvHold,
+                            kKeyToModEnvDecay, kDelayVolEnv, kAttackVolEnv, kHoldVolEnv, kDecayVolEnv,
+                            kSustainVolEnv, kReleaseVolEnv, kKeyToVolEnvHold, kKeyToVolEnvDecay,
+                            kInitialAttenuation, kCoarseTune, kFineTune, kScaleTuning};
+
+// Where a wave's samples went: the first sample header (the left one of a
+// stereo pair).
+struct WavePlace {
+  ItemId wave;
+  int first;
+  int channels;
+};
+
+struct Writer {
+  const char* context;
+  bool soundFont1;
+  bool use24 = false;
+  std::vector<uint8_t> smpl, sm24;
+  Pdta pd;
+  std::vector<WavePlace> places;
+
+  int PlaceOf(ItemId wave) const {
+    for (const WavePlace& p : places)
+      if (p.wave == wave) return static_cast<int>(&p - places.data());
+    return -1;
+  }
+
+  bool AddWave(Waveform& w) {
+    if (PlaceOf(w.id) >= 0) return true;
+    if (!w.EnsureData()) return false;
+    const int channels = std::clamp<int>(w.channels, 1, 2);
+    const uint64_t frames = w.length;
+    const int16_t* s16 = w.samples16.get();
+    const float* sf = w.samplesF.get();
+    if ((!s16 && !sf) || frames == 0) {
+      places.push_back({w.id, -1, 0});
+      return true;
+    }
+    places.push_back({w.id, static_cast<int>(pd.shdr.size()), channels});
+    const std::string base(w.Name());
+    for (int ch = 0; ch < channels; ++ch) {
+      const uint64_t start = smpl.size() / 2;
+      for (uint64_t f = 0; f < frames; ++f) {
+        const uint64_t i = f * channels + ch;
+        uint8_t low = 0;
+        int16_t high;
+        if (s16) {
+          high = s16[i];
+        } else if (use24) {
+          uint8_t b[3];
+          kvEncodePcm24(std::span<const float>(sf + i, 1), b, false, false);
+          low = b[0];
+          high = static_cast<int16_t>(b[1] | (b[2] << 8));
+        } else {
+          high = kvFloatSampleTo16(sf[i]);
+        }
+        smpl.push_back(static_cast<uint8_t>(high));
+        smpl.push_back(static_cast<uint8_t>(static_cast<uint16_t>(high) >> 8));
+        if (use24) sm24.push_back(low);
+      }
+      smpl.insert(smpl.end(), kGuardSamples * 2, 0);
+      if (use24) sm24.insert(sm24.end(), kGuardSamples, 0);
+      if (start + frames > UINT32_MAX) return Fail(context, "Too much data");
+
+      ShdrRec h{};
+      PutName(h.name, base);
+      h.start.set(static_cast<uint32_t>(start));
+      h.end.set(static_cast<uint32_t>(start + frames));
+      if (w.loopType != 0 && w.loopEnd > w.loopStart) {
+        const double ls = std::clamp<double>(w.loopStart, 0.0, static_cast<double>(frames));
+        const double le = std::clamp<double>(w.loopEnd, ls, static_cast<double>(frames));
+        h.loopStart.set(static_cast<uint32_t>(start + RoundHalfAway(ls)));
+        h.loopEnd.set(static_cast<uint32_t>(start + RoundHalfAway(le)));
+      } else {
+        h.loopStart.set(static_cast<uint32_t>(start));
+        h.loopEnd.set(static_cast<uint32_t>(start + frames));
+      }
+      h.rate.set(w.sampleRate ? w.sampleRate : 44100);
+      h.originalKey = std::min<uint8_t>(w.rootKey, 127);
+      h.correction = static_cast<int8_t>(std::clamp<int>(w.fineTune, -99, 99));
+      if (channels == 2) {
+        const int self = static_cast<int>(pd.shdr.size());
+        h.link.set(static_cast<uint32_t>(ch == 0 ? self + 1 : self - 1));
+        h.type.set(ch == 0 ? kLeftSample : kRightSample);
+      } else {
+        h.type.set(kMonoSample);
+      }
+      pd.shdr.push_back(h);
+    }
+    return true;
+  }
+
+  // Generators of one zone: ranges first, the terminal one last.
+  void Zone(std::vector<BagRec>& bags, std::vector<GenRec>& gens, std::vector<ModRec>& mods,
+            const std::vector<GenRec>& body, const std::vector<ModRec>& zoneMods) {
+    BagRec bag;
+    bag.genIndex.set(static_cast<uint32_t>(gens.size()));
+    bag.modIndex.set(static_cast<uint32_t>(mods.size()));
+    bags.push_back(bag);
+    gens.insert(gens.end(), body.begin(), body.end());
+    mods.insert(mods.end(), zoneMods.begin(), zoneMods.end());
+  }
+
+  static void Ranges(const TriggerRecord& t, std::vector<GenRec>& out) {
+    if (t.loKey != 0 || t.hiKey != 127) out.push_back(MakeGen(kKeyRange, t.loKey | (t.hiKey << 8)));
+    if (t.loVel != 0 || t.hiVel != 127) out.push_back(MakeGen(kVelRange, t.loVel | (t.hiVel << 8)));
+  }
+
+  bool AddInstrument(Collection& c, Instrument& instrument, uint64_t features) {
+    PhdrRec ph{};
+    PutName(ph.name, instrument.Name());
+    ph.preset.set(LocationProgram(instrument.location));
+    ph.bank.set(LocationIsDrum(instrument.location) ? 128 : LocationMajorBank(instrument.location));
+    ph.bagIndex.set(static_cast<uint32_t>(pd.pbag.size()));
+    pd.phdr.push_back(ph);
+
+    SendSlots sends;
+    for (int s = 0; s < 4; ++s) {
+      if (instrument.fx[s].type == 2 && sends.reverb < 0) sends.reverb = s;
+      if (instrument.fx[s].type == 1 && sends.chorus < 0) sends.chorus = s;
+    }
+    const Articulation none;
+    for (ItemId layerId : instrument.children) {
+      Layer* layer = c.FindAs<Layer>(layerId);
+      if (!layer) continue;
+      std::vector<Region*> regions;
+      for (ItemId id : layer->children)
+        if (auto* r = c.FindAs<Region>(id); r && RegionWaveform(*r)) regions.push_back(r);
+      if (regions.empty()) continue;
+
+      // The layer's values, absolute, go to the SoundFont instrument's global
+      // zone: preset-level generators add to the instrument's, so values that
+      // already include them must not stand there.
+      std::vector<GenRec> body;
+      Ranges(layer->trigger, body);
+      body.push_back(MakeGen(kInstrument, static_cast<int>(pd.inst.size())));
+      Zone(pd.pbag, pd.pgen, pd.pmod, body, {});
+
+      InstRec ir{};
+      PutName(ir.name, instrument.Name());
+      ir.bagIndex.set(static_cast<uint32_t>(pd.ibag.size()));
+      pd.inst.push_back(ir);
+
+      const ZoneValues global =
+          ArticulationToGens(MergedArticulation(none, layer->art, instrument.art), sends, features);
+      const ZoneValues defaults = DefaultZone();
+      {
+        std::vector<GenRec> gens;
+        std::vector<ModRec> mods;
+        for (int n : kArtGens)
+          if (global.g[n] != defaults.g[n]) gens.push_back(MakeGen(n, global.g[n]));
+        for (int s = 0; s < kSlotCount; ++s)
+          if (global.m[s] != defaults.m[s] && s != 61 && s != 62) mods.push_back(MakeMod(s, global.m[s]));
+        if (!gens.empty() || !mods.empty()) Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
+      }
+
+      for (Region* region : regions) {
+        Waveform* wave = RegionWaveform(*region);
+        if (!AddWave(*wave)) return false;
+        const WavePlace& place = places[PlaceOf(wave->id)];
+        if (place.first < 0) continue;
+        const ZoneValues z =
+            ArticulationToGens(MergedArticulation(region->art, layer->art, instrument.art), sends, features);
+        const bool override = region->overrideMask;
+        const int loopType = (region->overrideMask & kOverrideLoopType) ? region->loopType : wave->loopType;
+        const bool releaseLoop =
+            ((region->overrideMask & kOverrideLoopRelease) ? region->loopRelease : wave->loopRelease) != 0;
+        for (int ch = 0; ch < place.channels; ++ch) {
+          std::vector<GenRec> gens;
+          std::vector<ModRec> mods;
+          Ranges(region->trigger, gens);
+          for (int n : kArtGens) {
+            int value = z.g[n];
+            // The two sides of a stereo wave play hard left and right.
+            if (n == kPan && place.channels == 2) value = ch == 0 ? -500 : 500;
+            if (value != global.g[n]) gens.push_back(MakeGen(n, value));
+          }
+          if (region->startOffset > 0) {
+            gens.push_back(MakeGen(kStartAddrsOffset, region->startOffset % 32768));
+            if (region->startOffset >= 32768) gens.push_back(MakeGen(kStartAddrsCoarse, region->startOffset / 32768));
+          }
+          if (region->endOffset < 0) {
+            gens.push_back(MakeGen(kEndAddrsOffset, region->endOffset % 32768));
+            if (region->endOffset <= -32768) gens.push_back(MakeGen(kEndAddrsCoarse, region->endOffset / 32768));
+          }
+          if (override && (region->overrideMask & (kOverrideLoopStart | kOverrideLoopEnd))) {
+            const int ds = RoundHalfAway(region->loopStart - wave->loopStart);
+            const int de = RoundHalfAway(std::min<double>(region->loopEnd, wave->length) -
+                                         std::min<double>(wave->loopEnd, wave->length));
+            if (ds) gens.push_back(MakeGen(kStartloopAddrsOffset, ds % 32768));
+            if (ds / 32768) gens.push_back(MakeGen(kStartloopAddrsCoarse, ds / 32768));
+            if (de) gens.push_back(MakeGen(kEndloopAddrsOffset, de % 32768));
+            if (de / 32768) gens.push_back(MakeGen(kEndloopAddrsCoarse, de / 32768));
+          }
+          if (loopType != 0) gens.push_back(MakeGen(kSampleModes, releaseLoop ? 3 : 1));
+          if (region->trigger.exclusionGroup) {
+            gens.push_back(MakeGen(kExclusiveClass, std::min<int>(region->trigger.exclusionGroup, 127)));
+          }
+          if (region->overrideMask & kOverrideRootKey) gens.push_back(MakeGen(kOverridingRootKey, region->rootKey));
+          // The standard's order: ranges first, the sample last, the rest by number.
+          std::stable_sort(gens.begin(), gens.end(), [](const GenRec& a, const GenRec& b) {
+            auto rank = [](const GenRec& g) {
+              const int o = g.oper.get();
+              return o == kKeyRange ? -2 : o == kVelRange ? -1 : o;
+            };
+            return rank(a) < rank(b);
+          });
+          gens.push_back(MakeGen(kSampleId, place.first + ch));
+          for (int s = 0; s < kSlotCount; ++s)
+            if (z.m[s] != global.m[s] && s != 61 && s != 62) mods.push_back(MakeMod(s, z.m[s]));
+          Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
+        }
+      }
+    }
+    return true;
+  }
+
+  bool TooMuch() const {
+    if (pd.pgen.size() < kMaxRecords && pd.igen.size() < kMaxRecords && pd.pbag.size() < kMaxRecords &&
+        pd.ibag.size() < kMaxRecords && pd.pmod.size() < kMaxRecords && pd.imod.size() < kMaxRecords &&
+        pd.shdr.size() < kMaxRecords && pd.inst.size() < kMaxRecords) {
+      return false;
+    }
+    if (soundFont1) {
+      Fail(context,
+           "Save failed - Too many 'parameter' values!\nThe SBK format can handle a maximum of 65536 parameter "
+           "values...\n");
+    } else {
+      Fail(context,
+           "Save failed - Too much data!\n\nThe SF2 file format is by its construction limited to storing a maximum "
+           "of 65536 parameter values... Remove some instruments then try saving again.\n");
+    }
+    return true;
+  }
+
+  void Terminals() {
+    PhdrRec eop{};
+    PutName(eop.name, "EOP");
+    eop.bagIndex.set(static_cast<uint32_t>(pd.pbag.size()));
+    pd.phdr.push_back(eop);
+    Zone(pd.pbag, pd.pgen, pd.pmod, {}, {});
+    pd.pmod.push_back(ModRec{});
+    pd.pgen.push_back(GenRec{});
+    InstRec eoi{};
+    PutName(eoi.name, "EOI");
+    eoi.bagIndex.set(static_cast<uint32_t>(pd.ibag.size()));
+    pd.inst.push_back(eoi);
+    Zone(pd.ibag, pd.igen, pd.imod, {}, {});
+    pd.imod.push_back(ModRec{});
+    pd.igen.push_back(GenRec{});
+    ShdrRec eos{};
+    PutName(eos.name, "EOS");
+    pd.shdr.push_back(eos);
+  }
+};
+
+void AppendChunk(std::vector<uint8_t>& out, const char* id, const void* data, std::size_t size) {
+  out.insert(out.end(), id, id + 4);
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(size >> (8 * i)));
+  const auto* p = static_cast<const uint8_t*>(data);
+  out.insert(out.end(), p, p + size);
+  if (size & 1) out.push_back(0);
+}
+
+template <typename T>
+void AppendRecords(std::vector<uint8_t>& out, const char* id, const std::vector<T>& records) {
+  AppendChunk(out, id, records.data(), records.size() * sizeof(T));
+}
+
+// INFO text: nul-terminated, cut to `limit` bytes with the nul, even size.
+void AppendText(std::vector<uint8_t>& out, const char* id, std::string_view text, std::size_t limit) {
+  std::string bytes = Utf8ToWindows1252(text);
+  if (bytes.size() > limit - 1) bytes.resize(limit - 2);
+  bytes.push_back('\0');
+  if (bytes.size() & 1) bytes.push_back('\0');
+  AppendChunk(out, id, bytes.data(), bytes.size());
+}
+
+std::vector<uint8_t> List(const char* type, const std::vector<uint8_t>& body) {
+  std::vector<uint8_t> out;
+  out.insert(out.end(), type, type + 4);
+  out.insert(out.end(), body.begin(), body.end());
+  return out;
+}
+
+bool WriteBank(Item& item, FileRef& file, ExportRequest& request, const char* context, bool soundFont1) {
+  const ItemType type = item.Type();
+  if (type != ItemType::Instrument && type != ItemType::Collection) {
+    return Fail(context, "The file format can not save this item");
+  }
+  Collection& c = *item.collection;
+  ItemSet set(item, type == ItemType::Collection);
+  const uint64_t features = Settings().features;
+
+  Writer w{context, soundFont1};
+  const bool allow24 = !soundFont1 && (request.request == 0 || (request.request & (1u << kPcm24)));
+  if (allow24) {
+    auto wants24 = [](const Waveform* wave) { return wave->samplesF || wave->bits > 16; };
+    for (const Waveform* wave : set.waveforms) w.use24 |= wants24(wave);
+    for (Instrument* ins : set.instruments)
+      for (ItemId l : ins->children)
+        if (auto* layer = c.FindAs<Layer>(l))
+          for (ItemId r : layer->children)
+            if (auto* region = c.FindAs<Region>(r))
+              if (auto* wave = RegionWaveform(*region)) w.use24 |= wants24(wave);
+  }
+  for (Instrument* ins : set.instruments) {
+    if (!w.AddInstrument(c, *ins, features)) return false;
+    if (w.TooMuch()) return false;
+  }
+  for (Waveform* wave : set.waveforms)
+    if (!w.AddWave(*wave)) return false;
+  if (w.TooMuch()) return false;
+  w.Terminals();
+
+  std::vector<uint8_t> info;
+  const uint16_t version[2] = {static_cast<uint16_t>(soundFont1 ? 1 : 2),
+                               static_cast<uint16_t>(soundFont1 ? 0 : w.use24 ? 4 : 1)};
+  const uint8_t ifil[4] = {static_cast<uint8_t>(version[0]), 0, static_cast<uint8_t>(version[1]), 0};
+  AppendChunk(info, "ifil", ifil, 4);
+  AppendChunk(info, "isng", "EMU8000\0", 8);
+  std::string_view name = c.Name();
+  if (type == ItemType::Instrument || name.empty()) name = item.Name();
+  AppendText(info, "INAM", name.empty() ? std::string_view("Kelvo Studio bank") : name, 256);
+  if (c.engineer[0]) AppendText(info, "IENG", c.engineer, 256);
+  if (c.copyright[0]) AppendText(info, "ICOP", c.copyright, 256);
+  if (c.comment[0]) AppendText(info, "ICMT", c.comment, 65536);
+  char isft[20] = {};
+  std::memcpy(isft, kProgramTitle, std::min(std::strlen(kProgramTitle), sizeof isft - 1));
+  AppendChunk(info, "ISFT", isft, sizeof isft);
+
+  std::vector<uint8_t> sdta;
+  AppendChunk(sdta, "smpl", w.smpl.data(), w.smpl.size());
+  if (w.use24) AppendChunk(sdta, "sm24", w.sm24.data(), w.sm24.size());
+  w.smpl.clear();
+  w.smpl.shrink_to_fit();
+
+  std::vector<uint8_t> pdta;
+  AppendRecords(pdta, "phdr", w.pd.phdr);
+  AppendRecords(pdta, "pbag", w.pd.pbag);
+  AppendRecords(pdta, "pmod", w.pd.pmod);
+  AppendRecords(pdta, "pgen", w.pd.pgen);
+  AppendRecords(pdta, "inst", w.pd.inst);
+  AppendRecords(pdta, "ibag", w.pd.ibag);
+  AppendRecords(pdta, "imod", w.pd.imod);
+  AppendRecords(pdta, "igen", w.pd.igen);
+  AppendRecords(pdta, "shdr", w.pd.shdr);
+
+  std::vector<uint8_t> body;
+  body.insert(body.end(), {'s', 'f', 'b', 'k'});
+  const auto infoList = List("INFO", info);
+  AppendChunk(body, "LIST", infoList.data(), infoList.size());
+  const auto sdtaList = List("sdta", sdta);
+  sdta.clear();
+  sdta.shrink_to_fit();
+  AppendChunk(body, "LIST", sdtaList.data(), sdtaList.size());
+  const auto pdtaList = List("pdta", pdta);
+  AppendChunk(body, "LIST", pdtaList.data(), pdtaList.size());
+  if (body.size() > UINT32_MAX) return Fail(context, "Too much data");
+
+  uint8_t head[8] = {'R', 'I', 'F', 'F'};
+  for (int i = 0; i < 4; ++i) head[4 + i] = static_cast<uint8_t>(body.size() >> (8 * i));
+  if (!file.Write(head, 8) || !file.Write(body.data(), body.size())) return Fail(context, "Writing to file failed");
+  return true;
+}
+
+}  // namespace
+
+bool sf2_Exp(Item& item, FileRef& file, ExportRequest& request) {
+  return WriteBank(item, file, request, "sf2_Exp", false);
+}
+
+bool sbk_Exp(Item& item, FileRef& file, ExportRequest& request) {
+  return WriteBank(item, file, request, "sbk_Exp", true);
+}
+
+}  // namespace kv

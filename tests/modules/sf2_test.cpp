@@ -1,0 +1,529 @@
+// SoundFont reader and writer: the corpus banks, the unit conversions that
+// are easy to get wrong, and round trips checked by FluidSynth and libgig.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "codecs/ogg.h"
+#include "core/app.h"
+#include "core/articulation.h"
+#include "core/error.h"
+#include "core/fileref.h"
+#include "core/items.h"
+#include "core/wavestore.h"
+#include "formats/modules/sf2.h"
+#include "formats/registry.h"
+#include "support/testsupport.h"
+
+namespace kv {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+
+const fs::path kTimGM = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+const fs::path kFluidR3 = "/usr/share/sounds/sf2/FluidR3_GM.sf2";
+
+bool Load(Collection& c, const fs::path& path, uint32_t parameter = 0) {
+  FileRef file;
+  if (!file.OpenRead(path)) return false;
+  return sf2_Imp(c, file, parameter);
+}
+
+bool Save(Item& item, const fs::path& path, uint32_t request = 0) {
+  FileRef file;
+  if (!file.OpenWrite(path)) return false;
+  ExportRequest r{request, 0, 0.0f};
+  return sf2_Exp(item, file, r);
+}
+
+template <typename T>
+std::vector<T*> Children(const Collection& c, const Item& parent) {
+  std::vector<T*> out;
+  for (ItemId id : parent.children)
+    if (auto* t = c.FindAs<T>(id)) out.push_back(t);
+  return out;
+}
+
+// The value a region plays: its own, else its layer's, else its instrument's.
+float Effective(const Collection& c, const Region& r, int row) {
+  const Layer* l = LayerOf(r);
+  const Instrument* i = l ? InstrumentOf(*l) : nullptr;
+  (void)c;
+  return MergedArticulation(r.art, l ? l->art : Articulation(), i ? i->art : Articulation()).value[row];
+}
+
+// ---- a bank built byte by byte: one preset, one instrument, one sample ----
+
+struct MiniBank {
+  uint16_t bank = 0;
+  uint16_t program = 0;
+  bool presetZone = true;
+  std::vector<std::pair<uint16_t, int16_t>> instGens;
+  struct Mod {
+    uint16_t src, dest;
+    int16_t amount;
+  };
+  std::vector<Mod> instMods;
+  uint8_t originalKey = 60;
+};
+
+void Put16(std::string& s, uint32_t v) {
+  s += static_cast<char>(v & 0xFF);
+  s += static_cast<char>((v >> 8) & 0xFF);
+}
+void Put32(std::string& s, uint32_t v) {
+  Put16(s, v & 0xFFFF);
+  Put16(s, v >> 16);
+}
+std::string Chunk(const char* id, const std::string& body) {
+  std::string s(id, 4);
+  Put32(s, static_cast<uint32_t>(body.size()));
+  s += body;
+  if (body.size() & 1) s += '\0';
+  return s;
+}
+std::string Name20(const char* name) {
+  std::string s(name);
+  s.resize(20, '\0');
+  return s;
+}
+
+std::string BuildBank(const MiniBank& b) {
+  constexpr int kFrames = 200;
+  std::string smpl;
+  for (int i = 0; i < kFrames + 46; ++i) Put16(smpl, i < kFrames ? static_cast<int16_t>(8000 * std::sin(i * 0.2)) : 0);
+
+  std::string phdr = Name20("Preset");
+  Put16(phdr, b.program);
+  Put16(phdr, b.bank);
+  Put16(phdr, 0);
+  Put32(phdr, 0), Put32(phdr, 0), Put32(phdr, 0);
+  phdr += Name20("EOP");
+  Put16(phdr, 0), Put16(phdr, 0), Put16(phdr, b.presetZone ? 1 : 0);
+  Put32(phdr, 0), Put32(phdr, 0), Put32(phdr, 0);
+
+  std::string pbag, pgen, pmod(10, '\0');
+  if (b.presetZone) {
+    Put16(pbag, 0), Put16(pbag, 0);
+    Put16(pgen, 41), Put16(pgen, 0);
+  }
+  Put16(pbag, b.presetZone ? 1 : 0), Put16(pbag, 0);
+  pgen += std::string(4, '\0');
+
+  std::string inst = Name20("Inst");
+  Put16(inst, 0);
+  inst += Name20("EOI");
+  Put16(inst, 1);
+  std::string ibag, igen, imod;
+  Put16(ibag, 0), Put16(ibag, 0);
+  for (auto [oper, amount] : b.instGens) Put16(igen, oper), Put16(igen, static_cast<uint16_t>(amount));
+  Put16(igen, 53), Put16(igen, 0);
+  for (const auto& m : b.instMods) {
+    Put16(imod, m.src), Put16(imod, m.dest), Put16(imod, static_cast<uint16_t>(m.amount)), Put16(imod, 0),
+        Put16(imod, 0);
+  }
+  Put16(ibag, static_cast<uint32_t>(b.instGens.size() + 1)), Put16(ibag, static_cast<uint32_t>(b.instMods.size()));
+  igen += std::string(4, '\0');
+  imod += std::string(10, '\0');
+
+  std::string shdr = Name20("Sine");
+  Put32(shdr, 0), Put32(shdr, kFrames), Put32(shdr, 50), Put32(shdr, 150), Put32(shdr, 22050);
+  shdr += static_cast<char>(b.originalKey);
+  shdr += '\0';
+  Put16(shdr, 0), Put16(shdr, 1);
+  shdr += std::string(46, '\0');
+  std::memcpy(shdr.data() + 46, "EOS", 3);
+
+  std::string ifil;
+  Put16(ifil, 2), Put16(ifil, 1);
+  const std::string info = "INFO" + Chunk("ifil", ifil) + Chunk("INAM", std::string("Mini\0", 6));
+  const std::string sdta = "sdta" + Chunk("smpl", smpl);
+  const std::string pdta = "pdta" + Chunk("phdr", phdr) + Chunk("pbag", pbag) + Chunk("pmod", pmod) +
+                           Chunk("pgen", pgen) + Chunk("inst", inst) + Chunk("ibag", ibag) + Chunk("imod", imod) +
+                           Chunk("igen", igen) + Chunk("shdr", shdr);
+  return Chunk("RIFF", "sfbk" + Chunk("LIST", info) + Chunk("LIST", sdta) + Chunk("LIST", pdta));
+}
+
+// Loads a mini bank and hands back its one region.
+Region* LoadMini(Collection& c, const TempDir& dir, const MiniBank& b) {
+  const fs::path path = dir / "mini.sf2";
+  test::WriteFile(path, BuildBank(b));
+  if (!Load(c, path)) {
+    ADD_FAILURE() << ErrorContext << ": " << ErrorMessage;
+    return nullptr;
+  }
+  auto regions = c.All<Region>();
+  return regions.size() == 1 ? regions[0] : nullptr;
+}
+
+// ---- corpus ----
+
+TEST(Sf2Corpus, EveryBankLoadsWithTheManifestCounts) {
+  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus missing";
+  int banks = 0;
+  for (const auto& e : test::Manifest()) {
+    const std::string ext = fs::path(e.path).extension();
+    if (ext != ".sf2" && ext != ".sf3") continue;
+    SCOPED_TRACE(e.path);
+    const fs::path path = test::CorpusDir() / e.path;
+    FileRef file;
+    ASSERT_TRUE(file.OpenRead(path));
+    Sf2Summary sum;
+    ASSERT_TRUE(sf2_Summary(file, sum));
+    const std::string tool = "spessasynth_core 4.3.22";
+    EXPECT_EQ(std::to_string(sum.presets), test::Fact(e.facts, tool, "presets"));
+    EXPECT_EQ(std::to_string(sum.instruments), test::Fact(e.facts, tool, "instruments"));
+    EXPECT_EQ(std::to_string(sum.samples), test::Fact(e.facts, tool, "samples"));
+
+    Collection c;
+    ASSERT_TRUE(Load(c, path)) << ErrorMessage;
+    EXPECT_EQ(std::to_string(c.Count(ItemType::Instrument)), test::Fact(e.facts, tool, "presets"));
+    EXPECT_EQ(std::to_string(c.Count(ItemType::Waveform)), test::Fact(e.facts, tool, "samples"));
+    for (Waveform* w : c.All<Waveform>()) EXPECT_FALSE(w->HasData()) << "read at open: " << w->Name();
+    ++banks;
+  }
+  EXPECT_GE(banks, 8);
+}
+
+TEST(Sf2Corpus, CompressedBankDecodesLikeItsUncompressedTwin) {
+  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus missing";
+  Collection plain, packed;
+  ASSERT_TRUE(Load(plain, test::CorpusDir() / "sf2/TimGM6mb-subset-spessasynth.sf2"));
+  ASSERT_TRUE(Load(packed, test::CorpusDir() / "sf2/TimGM6mb-subset-spessasynth.sf3", 3)) << ErrorMessage;
+  if (!kvOggDecoderAvailable()) {
+    // Without the add-on the bank still lists; reading a wave names the package.
+    Waveform* w = packed.All<Waveform>().front();
+    EXPECT_FALSE(w->EnsureData());
+    EXPECT_STREQ(ErrorMessage, kOggMissing);
+    GTEST_SKIP() << "libvorbisfile3 not installed";
+  }
+  int compared = 0;
+  for (Waveform* p : packed.All<Waveform>()) {
+    for (Waveform* s : plain.All<Waveform>()) {
+      if (s->Name() != p->Name() || s->length == 0) continue;
+      SCOPED_TRACE(std::string(p->Name()));
+      ASSERT_TRUE(p->EnsureData()) << ErrorMessage;
+      ASSERT_TRUE(s->EnsureData()) << ErrorMessage;
+      ASSERT_TRUE(p->samplesF);
+      EXPECT_EQ(p->sampleRate, s->sampleRate);
+      const uint32_t n = std::min(p->length, s->length);
+      EXPECT_LE(std::abs(static_cast<int64_t>(p->length) - s->length), 2048);
+      double dot = 0, a2 = 0, b2 = 0;
+      for (uint32_t i = 0; i < n; ++i) {
+        const double a = p->samplesF[i], b = s->samples16[i] / 32768.0;
+        dot += a * b, a2 += a * a, b2 += b * b;
+      }
+      if (a2 > 0 && b2 > 0) {
+        EXPECT_GT(dot / std::sqrt(a2 * b2), 0.95);
+      }
+      ++compared;
+      break;
+    }
+    if (compared >= 8) break;
+  }
+  EXPECT_GT(compared, 0);
+}
+
+TEST(Sf2Corpus, OpeningALargeBankReadsNoSampleData) {
+  if (!fs::exists(kFluidR3)) GTEST_SKIP() << "fluid-soundfont-gm not installed";
+  Collection c;
+  const auto t0 = std::chrono::steady_clock::now();
+  ASSERT_TRUE(Load(c, kFluidR3)) << ErrorMessage;
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  EXPECT_GT(c.Count(ItemType::Waveform), 800u);
+  for (Waveform* w : c.All<Waveform>()) ASSERT_FALSE(w->HasData());
+  EXPECT_LT(seconds, 2.0);
+}
+
+// ---- unit conversions ----
+
+TEST(Sf2Read, LevelsAndEnvelopes) {
+  TempDir dir;
+  {
+    Collection c;
+    Region* r = LoadMini(c, dir, {.instGens = {{48, 250}}});
+    ASSERT_TRUE(r);
+    EXPECT_FLOAT_EQ(r->art.value[kRowMasterVolume], -10.0f);  // 0.04 dB per centibel
+  }
+  {
+    Collection c;
+    Region* r = LoadMini(c, dir, {.instGens = {{37, 1000}, {36, 1200}}});
+    ASSERT_TRUE(r);
+    EXPECT_FLOAT_EQ(r->art.value[EnvRow(kEnvV, kEnvSustain)], 0.0f);  // limited at 0
+    // Sustain at 0: the decay runs its full time of 2 s.
+    EXPECT_FLOAT_EQ(r->art.value[EnvRow(kEnvV, kEnvD2Time)], 2.0f);
+  }
+  {
+    Collection c;
+    Region* r = LoadMini(c, dir, {.instGens = {{37, 480}, {36, 1200}, {34, -1200}}});
+    ASSERT_TRUE(r);
+    EXPECT_FLOAT_EQ(r->art.value[EnvRow(kEnvV, kEnvSustain)], 0.5f);
+    EXPECT_FLOAT_EQ(r->art.value[EnvRow(kEnvV, kEnvD2Time)], 1.0f);  // half the range to fall
+    EXPECT_FLOAT_EQ(r->art.value[EnvRow(kEnvV, kEnvA2Time)], 0.5f);
+  }
+}
+
+TEST(Sf2Read, FilterSwitchesOnOnlyBelowTheTopOrWithResonance) {
+  TempDir dir;
+  {
+    Collection c;
+    Region* r = LoadMini(c, dir, {.instGens = {{8, 13500}}});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(Effective(c, *r, kRowFilterType), 0.0f);
+  }
+  {
+    Collection c;
+    Region* r = LoadMini(c, dir, {.instGens = {{8, 13500}, {9, 100}}});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(Effective(c, *r, kRowFilterType), 2.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *r, kRowResonance), 10.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *r, kRowMasterVolume), -5.0f);  // half the peak taken off
+  }
+  {
+    // The default velocity modulator (-2400 cents) becomes 12 semitones and
+    // the cutoff rises by half its range: 830.6 Hz doubled.
+    Collection c;
+    Region* r = LoadMini(c, dir, {.instGens = {{8, 8000}}});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(Effective(c, *r, kRowFilterType), 2.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *r, 25), 12.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *r, kRowCutoff), 1660.0f);
+  }
+  {
+    // A negative-direction velocity source is flipped onto the slot.
+    Collection c;
+    Region* r = LoadMini(c, dir, {.instGens = {{8, 8000}}, .instMods = {{0x0002, 8, 1200}}});
+    ASSERT_TRUE(r);
+    EXPECT_FLOAT_EQ(Effective(c, *r, 25), 6.0f);
+  }
+}
+
+TEST(Sf2Read, StructureAndLocations) {
+  TempDir dir;
+  {
+    Collection c;
+    ASSERT_TRUE(LoadMini(c, dir, {.bank = 128, .program = 0}));
+    Instrument* ins = c.All<Instrument>().front();
+    EXPECT_TRUE(LocationIsDrum(ins->location));
+    EXPECT_EQ(LocationMajorBank(ins->location), 0u);
+  }
+  {
+    Collection c;
+    test::WriteFile(dir / "empty.sf2", BuildBank({.presetZone = false}));
+    ASSERT_TRUE(Load(c, dir / "empty.sf2"));
+    Instrument* ins = c.All<Instrument>().front();
+    ASSERT_EQ(Children<Layer>(c, *ins).size(), 1u);
+    EXPECT_TRUE(Children<Layer>(c, *ins).front()->children.empty());
+  }
+  {
+    Collection c;
+    Region* r = LoadMini(c, dir,
+                         {.instGens = {{43, 0x3C30}, {57, 3}, {58, 64}, {54, 3}, {0, 10}, {4, 1}, {52, 50}, {51, -2}},
+                          .originalKey = 255});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->trigger.loKey, 0x30);
+    EXPECT_EQ(r->trigger.hiKey, 0x3C);
+    EXPECT_EQ(r->trigger.exclusionGroup, 3);
+    EXPECT_EQ(r->rootKey, 64);
+    EXPECT_EQ(r->loopType, 1);
+    EXPECT_EQ(r->loopRelease, 1);
+    EXPECT_EQ(r->startOffset, 10 + 32768);
+    EXPECT_FLOAT_EQ(r->art.value[kRowMasterTune], -1.5f);
+    EXPECT_FLOAT_EQ(r->art.value[kRowKeyToPitch], 0.0f);  // unpitched sample
+    Waveform* w = RegionWaveform(*r);
+    ASSERT_TRUE(w);
+    EXPECT_EQ(w->length, 200u);
+    EXPECT_EQ(w->loopStart, 50.0f);
+    EXPECT_EQ(w->loopEnd, 150.0f);
+  }
+  {
+    Collection c;
+    test::WriteFile(dir / "bad.sf2", "RIFF\x04\0\0\0WAVE");
+    EXPECT_FALSE(Load(c, dir / "bad.sf2"));
+    EXPECT_STREQ(ErrorContext, "sf2_Imp");
+    EXPECT_STREQ(ErrorMessage, "Not a SoundFont2 file");
+  }
+}
+
+// ---- writing ----
+
+TEST(Sf2Write, ConversionsSurviveARoundTrip) {
+  TempDir dir;
+  Collection c;
+  Region* r = LoadMini(c, dir,
+                       {.instGens = {{48, 250}, {8, 6000}, {9, 60}, {17, -250}, {34, -2400}, {36, 3000}, {37, 300},
+                                     {38, 1200}, {5, 50}, {22, 100}, {26, -1200}, {28, 2400}, {29, 200}, {7, 1200}}});
+  ASSERT_TRUE(r);
+  ASSERT_TRUE(Save(c, dir / "out.sf2"));
+  Collection back;
+  ASSERT_TRUE(Load(back, dir / "out.sf2")) << ErrorMessage;
+  auto regions = back.All<Region>();
+  ASSERT_EQ(regions.size(), 1u);
+  for (int row : {kRowMasterVolume, kRowCutoff, kRowResonance, 51, EnvRow(kEnvV, kEnvA2Time),
+                  EnvRow(kEnvV, kEnvD2Time), EnvRow(kEnvV, kEnvSustain), EnvRow(kEnvV, kEnvR1Rate), 7, 11,
+                  EnvRow(kEnvP, kEnvD2Time), EnvRow(kEnvP, kEnvSustain)}) {
+    const float want = Effective(c, *r, row), got = Effective(back, *regions[0], row);
+    EXPECT_NEAR(got, want, std::fabs(want) * 0.01 + 0.002) << "row " << row;
+  }
+}
+
+TEST(Sf2Write, StereoBecomesALinkedPairAnd24BitUsesSm24) {
+  TempDir dir;
+  Collection c;
+  auto* w = Create<Waveform>(c);
+  w->SetName("Stereo");
+  w->channels = 2;
+  w->length = 64;
+  w->sampleRate = 44100;
+  float* s = AllocSamplesFloat(*w);
+  ASSERT_TRUE(s);
+  for (int i = 0; i < 128; ++i) s[i] = (i & 1 ? -0.25f : 0.5f) + i * 1e-6f;
+  auto* ins = Create<Instrument>(c);
+  AddRegion(*AddLayer(*ins), w->id, kNoRange, kNoRange, 255);
+  ASSERT_TRUE(Save(c, dir / "st.sf2", 1u << 4 | 1u << 20)) << ErrorMessage;
+
+  FileRef file;
+  ASSERT_TRUE(file.OpenRead(dir / "st.sf2"));
+  Sf2Summary sum;
+  ASSERT_TRUE(sf2_Summary(file, sum));
+  EXPECT_EQ(sum.major, 2);
+  EXPECT_EQ(sum.minor, 4);
+  EXPECT_EQ(sum.samples, 2);
+  Collection back;
+  ASSERT_TRUE(Load(back, dir / "st.sf2"));
+  auto waves = back.All<Waveform>();
+  ASSERT_EQ(waves.size(), 2u);
+  ASSERT_TRUE(waves[0]->EnsureData()) << ErrorMessage;
+  ASSERT_TRUE(waves[0]->samplesF);  // 24-bit
+  EXPECT_NEAR(waves[0]->samplesF[10], s[20], 1.0 / 8388608);
+  ASSERT_TRUE(waves[1]->EnsureData());
+  EXPECT_NEAR(waves[1]->samplesF[10], s[21], 1.0 / 8388608);
+  // Two zones, hard left and right.
+  auto regions = back.All<Region>();
+  ASSERT_EQ(regions.size(), 2u);
+  EXPECT_EQ(Effective(back, *regions[0], 51) * Effective(back, *regions[1], 51), -1.0f);
+}
+
+TEST(Sf2Write, OtherItemsAreRefused) {
+  TempDir dir;
+  Collection c;
+  auto* w = Create<Waveform>(c);
+  ASSERT_FALSE(Save(*w, dir / "x.sf2"));
+  EXPECT_STREQ(ErrorMessage, "The file format can not save this item");
+}
+
+// ---- peers ----
+
+// A format-0 MIDI file: a few notes on several programs and on the drum channel.
+std::string TestSong() {
+  std::string track;
+  auto delta = [&](uint32_t ticks) {
+    uint8_t buf[4];
+    int n = 0;
+    buf[n++] = ticks & 0x7F;
+    while (ticks >>= 7) buf[n++] = 0x80 | (ticks & 0x7F);
+    while (n) track += static_cast<char>(buf[--n]);
+  };
+  auto ev = [&](uint32_t ticks, std::initializer_list<int> bytes) {
+    delta(ticks);
+    for (int b : bytes) track += static_cast<char>(b);
+  };
+  const int programs[4] = {0, 24, 48, 73};
+  for (int ch = 0; ch < 4; ++ch) ev(0, {0xC0 | ch, programs[ch]});
+  for (int ch = 0; ch < 4; ++ch) {
+    for (int n = 0; n < 3; ++n) {
+      ev(0, {0x90 | ch, 48 + 7 * n + ch * 5, 100});
+      ev(0, {0x99, n == 0 ? 36 : n == 1 ? 38 : 42, 110});
+      ev(240, {0x89, n == 0 ? 36 : n == 1 ? 38 : 42, 0});
+      ev(0, {0x80 | ch, 48 + 7 * n + ch * 5, 0});
+    }
+  }
+  ev(960, {0xFF, 0x2F, 0});
+  std::string s = "MThd";
+  s += std::string("\0\0\0\x06\0\0\0\x01\x01\xE0", 10);
+  s += "MTrk";
+  const uint32_t size = static_cast<uint32_t>(track.size());
+  for (int i = 3; i >= 0; --i) s += static_cast<char>(size >> (8 * i));
+  return s + track;
+}
+
+std::vector<double> ReadWav16(const fs::path& path) {
+  const std::string bytes = test::ReadFile(path);
+  std::vector<double> out;
+  for (std::size_t pos = 12; pos + 8 <= bytes.size();) {
+    const uint32_t size = static_cast<uint8_t>(bytes[pos + 4]) | static_cast<uint8_t>(bytes[pos + 5]) << 8 |
+                          static_cast<uint8_t>(bytes[pos + 6]) << 16 | uint32_t{static_cast<uint8_t>(bytes[pos + 7])} << 24;
+    if (bytes.compare(pos, 4, "data") == 0) {
+      for (std::size_t i = pos + 8; i + 1 < std::min<std::size_t>(bytes.size(), pos + 8 + size); i += 2) {
+        out.push_back(static_cast<int16_t>(static_cast<uint8_t>(bytes[i]) | (static_cast<uint8_t>(bytes[i + 1]) << 8)) /
+                      32768.0);
+      }
+      break;
+    }
+    pos += 8 + size + (size & 1);
+  }
+  return out;
+}
+
+TEST(Sf2Peers, TimGMRoundTripLoadsAndRendersLikeTheOriginal) {
+  if (!fs::exists(kTimGM)) GTEST_SKIP() << "timgm6mb-soundfont not installed";
+  if (!test::HaveTool("fluidsynth")) GTEST_SKIP() << "fluidsynth not installed";
+  TempDir dir;
+  Collection c;
+  ASSERT_TRUE(Load(c, kTimGM)) << ErrorMessage;
+  c.FixUp();
+  const fs::path copy = dir / "copy.sf2";
+  ASSERT_TRUE(Save(c, copy)) << ErrorContext << ": " << ErrorMessage;
+
+  if (test::HaveTool("sf2dump")) {
+    std::string out;
+    EXPECT_EQ(test::RunCommand("sf2dump '" + copy.string() + "' 2>&1", &out), 0);
+    EXPECT_EQ(out.find("Exception"), std::string::npos) << out.substr(0, 2000);
+    EXPECT_NE(out.find("Presets"), std::string::npos);
+  }
+
+  test::WriteFile(dir / "song.mid", TestSong());
+  auto render = [&](const fs::path& bank, const fs::path& wav, std::string& log) {
+    return test::RunCommand("fluidsynth -ni -F '" + wav.string() + "' -r 44100 '" + bank.string() + "' '" +
+                                (dir / "song.mid").string() + "' 2>&1",
+                            &log);
+  };
+  std::string logA, logB;
+  ASSERT_EQ(render(kTimGM, dir / "a.wav", logA), 0) << logA;
+  ASSERT_EQ(render(copy, dir / "b.wav", logB), 0) << logB;
+  EXPECT_EQ(logB.find("error"), std::string::npos) << logB;
+  auto count = [](const std::string& s, const char* word) {
+    int n = 0;
+    for (std::size_t p = s.find(word); p != std::string::npos; p = s.find(word, p + 1)) ++n;
+    return n;
+  };
+  EXPECT_LE(count(logB, "warning"), count(logA, "warning")) << logB;
+
+  const auto a = ReadWav16(dir / "a.wav"), b = ReadWav16(dir / "b.wav");
+  ASSERT_GT(a.size(), 44100u);
+  const std::size_t n = std::min(a.size(), b.size());
+  EXPECT_LT(std::max(a.size(), b.size()) - n, 4410u);
+  double dot = 0, aa = 0, bb = 0, diff = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    dot += a[i] * b[i], aa += a[i] * a[i], bb += b[i] * b[i];
+    diff += (a[i] - b[i]) * (a[i] - b[i]);
+  }
+  const double correlation = dot / std::sqrt(aa * bb);
+  const double differenceDb = 10 * std::log10(diff / aa);
+  RecordProperty("correlation", std::to_string(correlation));
+  RecordProperty("difference_db", std::to_string(differenceDb));
+  std::printf("render: correlation %.5f, difference %.1f dB\n", correlation, differenceDb);
+  // Measured 1.0000 and -70.6 dB; the margins allow rounding of times and cutoffs.
+  EXPECT_GE(correlation, 0.999);
+  EXPECT_LE(differenceDb, -60.0);
+}
+
+}  // namespace
+}  // namespace kv
