@@ -3,6 +3,10 @@
 #include <array>
 #include <cstring>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 // The build's default -O2 on GCC uses the "very cheap" vectoriser, which skips
 // any loop that needs a remainder; these loops are the hot path of every load.
 // Nothing here reads floating-point exception flags, and without trapping
@@ -88,6 +92,50 @@ inline int16_t FloatTo16(float f) {
   return static_cast<int16_t>(t + (frac >= 0.5f ? 1 : 0) - (frac < -0.5f ? 1 : 0));
 }
 
+#if defined(__x86_64__)
+// Four three-byte samples per shuffle: each lands in the top of a 32-bit
+// lane, exactly as the scalar loop builds its word. SSSE3 is chosen at run
+// time; every x86-64 machine of the last fifteen years has it.
+template <bool BigEndian>
+__attribute__((target("ssse3"))) std::size_t Pcm24Ssse3(const uint8_t* s, float* d, std::size_t n, uint32_t flip) {
+  const __m128i shuffle = BigEndian ? _mm_setr_epi8(-1, 2, 1, 0, -1, 5, 4, 3, -1, 8, 7, 6, -1, 11, 10, 9)
+                                    : _mm_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11);
+  const __m128i flips = _mm_set1_epi32(static_cast<int32_t>(flip));
+  const __m128 scale = _mm_set1_ps(kScale32);
+  std::size_t i = 0;
+  // A 16-byte load at 3 * i stays inside the data while i + 6 <= n.
+  for (; i + 6 <= n; i += 4) {
+    __m128i raw = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 3 * i));
+    __m128i words = _mm_xor_si128(_mm_shuffle_epi8(raw, shuffle), flips);
+    _mm_storeu_ps(d + i, _mm_mul_ps(_mm_cvtepi32_ps(words), scale));
+  }
+  return i;
+}
+
+bool HaveSsse3() {
+  static const bool have = __builtin_cpu_supports("ssse3");
+  return have;
+}
+
+// The scalar FloatTo16 four lanes at a time; SSE2 is the x86-64 baseline.
+// MAXPS gives its second operand for NaN, so NaN goes to the bottom as there.
+std::size_t FloatTo16Sse2(const float* s, int16_t* d, std::size_t n) {
+  const __m128 scale = _mm_set1_ps(32768.0f), lo = _mm_set1_ps(-32768.0f), hi = _mm_set1_ps(32767.0f);
+  const __m128 half = _mm_set1_ps(0.5f), minusHalf = _mm_set1_ps(-0.5f);
+  auto four = [&](const float* p) {
+    __m128 x = _mm_min_ps(_mm_max_ps(_mm_mul_ps(_mm_loadu_ps(p), scale), lo), hi);
+    __m128i t = _mm_cvttps_epi32(x);
+    __m128 frac = _mm_sub_ps(x, _mm_cvtepi32_ps(t));
+    t = _mm_sub_epi32(t, _mm_castps_si128(_mm_cmpge_ps(frac, half)));    // mask -1: one up
+    return _mm_add_epi32(t, _mm_castps_si128(_mm_cmplt_ps(frac, minusHalf)));  // one down
+  };
+  std::size_t i = 0;
+  for (; i + 8 <= n; i += 8)
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_packs_epi32(four(s + i), four(s + i + 4)));
+  return i;
+}
+#endif
+
 template <bool BigEndian>
 void Pcm16(const uint8_t* s, int16_t* d, std::size_t n, uint16_t flip) {
   for (std::size_t i = 0; i < n; ++i) {
@@ -103,6 +151,9 @@ template <bool BigEndian>
 void Pcm24(const uint8_t* s, float* d, std::size_t n, uint32_t flip) {
   auto word = [](uint32_t v) { return BigEndian ? __builtin_bswap32(v) & 0xFFFFFF00u : v << 8; };
   std::size_t i = 0;
+#if defined(__x86_64__)
+  if (HaveSsse3()) i = Pcm24Ssse3<BigEndian>(s, d, n, flip);
+#endif
   for (; i + 1 < n; ++i) {
     uint32_t v;
     std::memcpy(&v, s + 3 * i, 4);
@@ -309,7 +360,11 @@ void kvFloatTo16(std::span<const float> in, std::span<int16_t> out) {
   const float* s = in.data();
   int16_t* d = out.data();
   const std::size_t n = in.size();
-  for (std::size_t i = 0; i < n; ++i) d[i] = FloatTo16(s[i]);
+  std::size_t i = 0;
+#if defined(__x86_64__)
+  i = FloatTo16Sse2(s, d, n);
+#endif
+  for (; i < n; ++i) d[i] = FloatTo16(s[i]);
 }
 
 int16_t kvFloatSampleTo16(float f) { return FloatTo16(f); }
