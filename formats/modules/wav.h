@@ -1,11 +1,25 @@
 // RIFF WAVE family: Microsoft wave, Broadcast wave, Rockwell ADPCM, SmartSound
 // SDS and Wave-64. Detect functions score the first bytes of a file on the
 // registry's 0/2/4/6 scale.
+//
+// Other modules use this family in three ways:
+//  - WriteWaveFile: every exporter that stores its samples as WAV files beside
+//    an instrument file writes them through it;
+//  - wav_ReadWaveBody: wave pool entries and embedded waves (DLS, RIFF-MIDI)
+//    are WAVE bodies read by the same chunk walker;
+//  - ReadId3Text: the ID3 tag reader for any container with an ID3 block.
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 
 namespace kv {
+
+class Collection;
+class FileRef;
+class Item;
+class Waveform;
+struct ExportRequest;
 
 int wav_Detect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64_t fileSize);
 // Broadcast wave: 6 with a bext chunk early in the file, 2 for any RIFF WAVE.
@@ -13,5 +27,64 @@ int wav_BwfDetect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64
 int wav_RockwellDetect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64_t fileSize);
 int wav_SdsDetect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64_t fileSize);
 int wav_W64Detect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64_t fileSize);
+
+// ---- registry functions ----
+
+// RIFF WAVE, Broadcast wave, Rockwell and SmartSound SDS: one Waveform per
+// file, samples left on disk. Context "wav_Imp".
+bool wav_Imp(Collection& collection, FileRef& file, uint32_t parameter);
+// The lazy read of a wave found by wav_Imp whose coding the generic reader
+// can't take (more than two channels, wide containers, coded tags). Context
+// "wav_ImpWave"; tags without a decoder fail naming the missing decoder.
+bool wav_ImpWave(Waveform& wave, FileRef& file);
+// Writes one Waveform; other items fail. request.parameter is the sub-variant
+// (kWav* below). Context "wav_Exp".
+bool wav_Exp(Item& item, FileRef& file, ExportRequest& request);
+
+bool w64_Imp(Collection& collection, FileRef& file, uint32_t parameter);
+bool w64_Exp(Item& item, FileRef& file, ExportRequest& request);
+
+// ---- the WAV writer for other modules ----
+
+// Sub-variants of the writer.
+inline constexpr uint32_t kWavNormal = 0;             // fmt, fact, data, LIST INFO, cue/adtl if looped, smpl
+inline constexpr uint32_t kWavExtensible = 0xFFFE;    // the same with a 40-byte WAVE_FORMAT_EXTENSIBLE fmt
+inline constexpr uint32_t kWavCwdt = 0x54445743;      // "CWDT" as a u32: Creamware STS smpl block
+inline constexpr uint32_t kWavBare = 0xFFFFFFFF;      // smpl before data; no LIST, no cue
+
+// Capability word of the WAV writer: PCM 8/16/24/32, Float 32, Mu-law, A-law,
+// GSM, ADPCM 2-5, Compressed, mono and stereo.
+inline constexpr uint32_t kWavCapabilities = 0x00327F75;
+// The encodings the writer has now: PCM 8/16/24/32, Float 32, Mu-law, A-law.
+inline constexpr uint32_t kWavWritableNow = 0x00300375;
+
+// Writes `wave` as a RIFF WAVE file at the file's current position (normally
+// a new, empty file). `request` is a capability word: bits 0-19 the allowed
+// DataFormats (one bit fixes the encoding; 0 means "Auto": the wave's
+// preferred format, else the next better PCM or float, else PCM 16-bit), bits
+// 20/21 the allowed channel counts (a stereo wave goes out as mono without
+// bit 21, a mono one as stereo without bit 20). The wave is read if needed
+// and never changed. False with ErrorContext "wav_Exp" and ErrorMessage set.
+bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t variant = kWavNormal);
+// The same into a new file at `path` (created or replaced; removed again on
+// failure).
+bool WriteWaveFile(Waveform& wave, const std::filesystem::path& path, uint32_t request,
+                   uint32_t variant = kWavNormal);
+
+// ---- the chunk walker for embedded waves ----
+
+// Reads the chunks of a WAVE body lying in [start, end) of `file` (fmt, data,
+// fact, smpl, inst, wsmp, cue, LIST INFO, ...) into `wave`, then finishes it
+// as wav_Imp does: sample count, Akai byte skip, read callback, source path.
+// False with context "wav_Imp" when fmt or data is missing or malformed.
+bool wav_ReadWaveBody(FileRef& file, uint64_t start, uint64_t end, Waveform& wave);
+
+// ---- ID3 ----
+
+// Fills the item's text fields (name, artist, comment, copyright, engineer,
+// product) from the text frames of an ID3v2 tag lying at [offset, offset +
+// size). Never fails: a broken tag just yields fewer texts. The file position
+// is left undefined.
+void ReadId3Text(FileRef& file, uint64_t offset, uint64_t size, Item& item);
 
 }  // namespace kv

@@ -1,0 +1,578 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/app.h"
+#include "core/error.h"
+#include "core/fileref.h"
+#include "core/items.h"
+#include "core/text.h"
+#include "core/wavestore.h"
+#include "formats/modules/wav.h"
+#include "formats/registry.h"
+#include "support/testsupport.h"
+
+namespace kv {
+namespace {
+
+namespace fs = std::filesystem;
+
+// ---- building files byte by byte ----
+
+std::string Le16(uint32_t v) { return {static_cast<char>(v), static_cast<char>(v >> 8)}; }
+std::string Le32(uint32_t v) { return Le16(v & 0xFFFF) + Le16(v >> 16); }
+
+std::string Chunk(const std::string& id, const std::string& body) {
+  std::string s = id + Le32(static_cast<uint32_t>(body.size())) + body;
+  if (body.size() & 1) s += '\0';  // odd sizes are padded to even
+  return s;
+}
+std::string Riff(const std::string& body) { return "RIFF" + Le32(static_cast<uint32_t>(4 + body.size())) + "WAVE" + body; }
+std::string Fmt(uint32_t tag, uint32_t channels, uint32_t rate, uint32_t bits) {
+  const uint32_t align = channels * ((bits + 7) / 8);
+  return Chunk("fmt ", Le16(tag) + Le16(channels) + Le32(rate) + Le32(rate * align) + Le16(align) + Le16(bits));
+}
+std::string Pcm16(std::initializer_list<int> values) {
+  std::string s;
+  for (int v : values) s += Le16(static_cast<uint16_t>(v));
+  return s;
+}
+std::string Smpl(uint32_t note, uint32_t fraction, bool loop, uint32_t start, uint32_t end, uint32_t loopFraction = 0) {
+  std::string b = Le32(0) + Le32(0) + Le32(22676) + Le32(note) + Le32(fraction) + Le32(0) + Le32(0) +
+                  Le32(loop ? 1 : 0) + Le32(0);
+  if (loop) b += Le32(0) + Le32(0) + Le32(start) + Le32(end) + Le32(loopFraction) + Le32(0);
+  return Chunk("smpl", b);
+}
+
+// A fresh collection with the file read into it by `read`.
+struct Loaded {
+  std::unique_ptr<Collection> collection = std::make_unique<Collection>();
+  Waveform* wave = nullptr;
+  bool ok = false;
+};
+
+Loaded LoadWith(const fs::path& path, FormatReadFn read) {
+  Loaded l;
+  FileRef file;
+  if (!file.OpenRead(path)) return l;
+  ClearError();
+  l.ok = read(*l.collection, file, 0);
+  const auto waves = l.collection->All<Waveform>();
+  if (l.ok && waves.size() == 1) l.wave = waves[0];
+  return l;
+}
+
+Loaded LoadBytes(const test::TempDir& dir, const std::string& bytes, FormatReadFn read = wav_Imp) {
+  const fs::path path = dir / "t.wav";
+  test::WriteFile(path, bytes);
+  return LoadWith(path, read);
+}
+
+// Warnings land here instead of stderr.
+std::vector<std::string>& Boxes() {
+  static std::vector<std::string> boxes;
+  return boxes;
+}
+int RecordBox(const std::string& text, const std::string&, BoxButtons) {
+  Boxes().push_back(text);
+  return kBoxOk;
+}
+struct BoxCapture {
+  BoxCapture() {
+    Boxes().clear();
+    SetBoxPresenter(RecordBox);
+  }
+  ~BoxCapture() { SetBoxPresenter(nullptr); }
+};
+
+// The Python with soundfile the peer comparisons use, or "" when missing.
+std::string SoundfilePython() {
+  for (const char* py : {"/usr/bin/python3", "python3"}) {
+    if (test::RunCommand(std::string(py) + " -c 'import soundfile, numpy' 2>/dev/null") == 0) return py;
+  }
+  return {};
+}
+
+// The file's samples as libsndfile decodes them, float32, first two channels.
+bool SoundfileSamples(const fs::path& path, std::vector<float>& out) {
+  const std::string py = SoundfilePython();
+  if (py.empty()) return false;
+  const fs::path raw = path.string() + ".sf.raw";
+  const std::string cmd = py + " -c \"import soundfile as sf, numpy as np, sys; d, r = sf.read(sys.argv[1], "
+                               "dtype='float32', always_2d=True); d[:, :2].astype('<f4').tofile(sys.argv[2])\" '" +
+                          path.string() + "' '" + raw.string() + "'";
+  if (test::RunCommand(cmd) != 0) return false;
+  const std::string bytes = test::ReadFile(raw);
+  out.resize(bytes.size() / 4);
+  std::memcpy(out.data(), bytes.data(), out.size() * 4);
+  fs::remove(raw);
+  return true;
+}
+
+// The file's samples as sox decodes them, as 32-bit integers (no dither).
+bool SoxSamples(const fs::path& path, std::vector<int32_t>& out) {
+  if (!test::HaveTool("sox")) return false;
+  const fs::path raw = path.string() + ".sox.raw";
+  if (test::RunCommand("sox -D '" + path.string() + "' -t s32 '" + raw.string() + "' 2>/dev/null") != 0) return false;
+  const std::string bytes = test::ReadFile(raw);
+  out.resize(bytes.size() / 4);
+  std::memcpy(out.data(), bytes.data(), out.size() * 4);
+  fs::remove(raw);
+  return true;
+}
+
+std::vector<float> OurSamples(Waveform& w) {
+  const float* f = SamplesFloat(w);
+  return f ? std::vector<float>(f, f + w.SampleCount()) : std::vector<float>();
+}
+
+// ---- the corpus ----
+
+int BitsOfSndfileFormat(const std::string& format) {
+  if (format.size() < 10) return -1;
+  switch (std::stoi(format.substr(6), nullptr, 16)) {
+    case 0x01: case 0x05: case 0x10: case 0x11: return 8;
+    case 0x02: return 16;
+    case 0x03: return 24;
+    case 0x04: case 0x06: return 32;
+    case 0x07: return 64;
+    default: return -1;
+  }
+}
+
+bool IsCompressedWave(const std::string& format) {
+  return format.find("ADPCM") != std::string::npos || format.find("GSM") != std::string::npos;
+}
+
+TEST(WavCorpus, EveryWaveLoadsAsThePeersSay) {
+  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus not found at " << test::CorpusDir();
+  int checked = 0;
+  for (const test::ManifestEntry& e : test::Manifest()) {
+    if (e.path.rfind("wav/", 0) != 0) continue;
+    const fs::path path = test::CorpusDir() / e.path;
+    SCOPED_TRACE(e.path + " (" + e.format + ")");
+    FileRef probe;
+    ASSERT_TRUE(probe.OpenRead(path));
+    int confidence = 0;
+    const int row = DetectFormat(path, probe, confidence);
+    const FormatEntry* entry = FormatAt(row);
+    ASSERT_NE(entry, nullptr);
+    if (entry->read != wav_Imp && entry->read != w64_Imp) continue;  // RF64, AIFF named .wav: other rows
+    Loaded l = LoadWith(path, entry->read);
+    ASSERT_TRUE(l.ok) << ErrorContext << ": " << ErrorMessage;
+    ASSERT_NE(l.wave, nullptr);
+    Waveform& w = *l.wave;
+    EXPECT_EQ(std::to_string(w.sampleRate), test::Fact(e.facts, "sndfile-info", "rate"));
+    EXPECT_EQ(std::to_string(w.channels), test::Fact(e.facts, "sndfile-info", "ch"));
+
+    if (IsCompressedWave(e.format)) {
+      // Those decoders come later: the read must fail saying so, never give noise.
+      EXPECT_FALSE(w.EnsureData());
+      EXPECT_NE(std::string(ErrorMessage).find("decoding is not available yet"), std::string::npos) << ErrorMessage;
+      const std::string fact = e.facts.substr(e.facts.find("sample_length=") + 14);
+      EXPECT_EQ(w.length, std::stoul(fact)) << "the fact chunk holds the true length";
+      ++checked;
+      continue;
+    }
+    EXPECT_EQ(std::to_string(w.length), test::Fact(e.facts, "sndfile-info", "frames"));
+    EXPECT_EQ(w.bits, BitsOfSndfileFormat(test::Fact(e.facts, "sndfile-info", "format")));
+
+    const std::string instrument = e.facts.substr(std::min(e.facts.size(), e.facts.find("--instrument:")));
+    if (!instrument.empty()) {
+      const std::string note = instrument.substr(instrument.find("base_note=") + 10);
+      EXPECT_EQ(w.rootKey, std::stoi(note));
+      const std::size_t fwd = instrument.find("loops=fwd ");
+      if (fwd == std::string::npos) {
+        EXPECT_EQ(w.loopType, 0);
+      } else {
+        unsigned start = 0, end = 0;
+        ASSERT_EQ(std::sscanf(instrument.c_str() + fwd + 10, "%u-%u", &start, &end), 2);
+        EXPECT_EQ(w.loopType, 1);
+        EXPECT_EQ(w.loopStart, static_cast<float>(start));
+        EXPECT_EQ(w.loopEnd, static_cast<float>(end));
+      }
+    }
+
+    // Every decoded sample equals libsndfile's.
+    std::vector<float> theirs;
+    if (SoundfileSamples(path, theirs)) {
+      const std::vector<float> ours = OurSamples(w);
+      ASSERT_EQ(ours.size(), theirs.size());
+      for (std::size_t i = 0; i < ours.size(); ++i)
+        if (ours[i] != theirs[i]) FAIL() << "sample " << i << ": " << ours[i] << " vs " << theirs[i];
+    }
+    ++checked;
+  }
+  EXPECT_GE(checked, 25);
+}
+
+TEST(WavCorpus, InfoTextsAndInstChunk) {
+  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus not found";
+  Loaded l = LoadWith(test::CorpusDir() / "wav/gen-smpl-inst-cue.wav", wav_Imp);
+  ASSERT_NE(l.wave, nullptr);
+  // smpl came first with note 62 and a pitch fraction of 0xEE147AE2 (0.93 of
+  // a semitone above it: -93 cents), so inst may not change note or tune;
+  // its gain of -3 dB is always taken.
+  EXPECT_EQ(l.wave->rootKey, 62);
+  EXPECT_EQ(l.wave->fineTune, -93);
+  EXPECT_EQ(l.wave->volume, -3.0f);
+  Loaded info = LoadWith(test::CorpusDir() / "wav/gen-listinfo-ffmpeg.wav", wav_Imp);
+  ASSERT_NE(info.wave, nullptr);
+  EXPECT_FALSE(std::string(info.wave->name).empty());
+  EXPECT_FALSE(std::string(info.wave->artist).empty());
+}
+
+// ---- chunk walk edge cases ----
+
+TEST(WavRead, OddChunksArePaddedAndDataAfterThemIsFound) {
+  test::TempDir dir;
+  // An odd-sized unknown chunk and an odd INAM before fmt and data.
+  const std::string bytes = Riff(Chunk("junk", "abc") + Chunk("LIST", "INFO" + Chunk("INAM", std::string("Odd\0", 4) + "x")) +
+                                 Fmt(1, 1, 8000, 8) + Chunk("data", std::string("\x80\xFF\x00", 3)) +
+                                 Chunk("LIST", "INFO" + Chunk("IART", "Someone")));
+  Loaded l = LoadBytes(dir, bytes);
+  ASSERT_NE(l.wave, nullptr) << ErrorMessage;
+  EXPECT_EQ(l.wave->length, 3u);
+  EXPECT_STREQ(l.wave->name, "Odd");
+  EXPECT_STREQ(l.wave->artist, "Someone");
+  const int16_t* s = Samples16(*l.wave);
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s[0], 0);
+  EXPECT_EQ(s[1], 127 * 256);
+  EXPECT_EQ(s[2], -128 * 256);
+}
+
+TEST(WavRead, TruncatedDataWarnsAndReadsWhatIsThere) {
+  test::TempDir dir;
+  BoxCapture boxes;
+  std::string bytes = Riff(Fmt(1, 2, 44100, 16) + Chunk("data", Pcm16({1, 2, 3, 4, 5, 6, 7, 8})));
+  bytes.resize(bytes.size() - 6);  // one and a half frames cut away
+  Loaded l = LoadBytes(dir, bytes);
+  ASSERT_NE(l.wave, nullptr) << ErrorMessage;
+  ASSERT_EQ(Boxes().size(), 1u);
+  EXPECT_EQ(Boxes()[0], "Warning: data chunk truncated - will read what data there is");
+  EXPECT_EQ(l.wave->length, 2u);
+  const int16_t* s = Samples16(*l.wave);
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s[3], 4);
+}
+
+TEST(WavRead, FactOverridesTheCountButZeroAndOneDoNot) {
+  test::TempDir dir;
+  const std::string data = Chunk("data", Pcm16({1, 2, 3, 4, 5, 6}));
+  auto lengthWithFact = [&](uint32_t fact, bool before) {
+    const std::string f = Chunk("fact", Le32(fact));
+    Loaded l = LoadBytes(dir, Riff(Fmt(1, 1, 8000, 16) + (before ? f + data : data + f)));
+    return l.wave ? l.wave->length : 999u;
+  };
+  EXPECT_EQ(lengthWithFact(4, true), 4u);
+  EXPECT_EQ(lengthWithFact(0, true), 6u);
+  EXPECT_EQ(lengthWithFact(1, true), 6u);  // a count of 1 is not trusted
+  EXPECT_EQ(lengthWithFact(4, false), 4u);
+  // A fact beyond the data is cut to what the data holds.
+  EXPECT_EQ(lengthWithFact(1414285638, false), 6u);
+}
+
+TEST(WavRead, FmtAfterDataNeedsFact) {
+  test::TempDir dir;
+  const std::string data = Chunk("data", Pcm16({1, 2, 3, 4}));
+  Loaded without = LoadBytes(dir, Riff(data + Fmt(1, 1, 8000, 16)));
+  ASSERT_NE(without.wave, nullptr);
+  EXPECT_EQ(without.wave->length, 0u);
+  Loaded with = LoadBytes(dir, Riff(data + Fmt(1, 1, 8000, 16) + Chunk("fact", Le32(3))));
+  ASSERT_NE(with.wave, nullptr);
+  EXPECT_EQ(with.wave->length, 3u);
+}
+
+std::string Extensible(uint32_t channels, uint32_t container, uint32_t valid, const std::string& guid) {
+  const uint32_t align = channels * container / 8;
+  return Chunk("fmt ", Le16(0xFFFE) + Le16(channels) + Le32(48000) + Le32(48000 * align) + Le16(align) +
+                           Le16(container) + Le16(22) + Le16(valid) + Le32(3) + guid);
+}
+const std::string kPcmGuid("\x01\x00\x00\x00\x00\x00\x10\x00\x80\x00\x00\xAA\x00\x38\x9B\x71", 16);
+
+TEST(WavRead, ExtensibleValidBitsAndForeignGuid) {
+  test::TempDir dir;
+  Loaded l = LoadBytes(dir, Riff(Extensible(2, 24, 20, kPcmGuid) + Chunk("data", std::string(6 * 5, '\x10'))));
+  ASSERT_NE(l.wave, nullptr) << ErrorMessage;
+  EXPECT_EQ(l.wave->bits, 20);
+  EXPECT_EQ(l.wave->preferredFormat, 2);
+  EXPECT_EQ(l.wave->length, 5u);  // from the container, not the valid bits
+
+  std::string foreign = kPcmGuid;
+  foreign[15] = 0x72;
+  Loaded bad = LoadBytes(dir, Riff(Extensible(2, 24, 24, foreign) + Chunk("data", std::string(12, '\0'))));
+  EXPECT_FALSE(bad.ok);
+  EXPECT_STREQ(ErrorContext, "wav_Imp");
+  EXPECT_STREQ(ErrorMessage, "Unsupported 'Extensible' subformat GUID");
+}
+
+TEST(WavRead, MoreThanTwoChannelsKeepTheFirstTwo) {
+  test::TempDir dir;
+  // Three channels of 24 bits: frames (1, 2, 3) and (4, 5, 6) in units of 256.
+  std::string data;
+  for (int v : {1, 2, 3, 4, 5, 6}) data += std::string("\x00", 1) + static_cast<char>(v) + std::string("\x00", 1);
+  Loaded l = LoadBytes(dir, Riff(Fmt(1, 3, 8000, 24) + Chunk("data", data)));
+  ASSERT_NE(l.wave, nullptr) << ErrorMessage;
+  EXPECT_EQ(l.wave->channels, 2);
+  EXPECT_EQ(l.wave->length, 2u);
+  const float* f = SamplesFloat(*l.wave);
+  ASSERT_NE(f, nullptr) << ErrorMessage;
+  const float unit = 256.0f * 256.0f / 2147483648.0f;
+  EXPECT_EQ(f[0], 1 * unit);
+  EXPECT_EQ(f[1], 2 * unit);
+  EXPECT_EQ(f[2], 4 * unit);
+  EXPECT_EQ(f[3], 5 * unit);
+}
+
+TEST(WavRead, SmplNotesLoopsAndTheirOrder) {
+  test::TempDir dir;
+  const std::string fmt = Fmt(1, 1, 8000, 16);
+  const std::string data = Chunk("data", std::string(4000, '\0'));
+  // Unity note bytes 00 00 00 3C: written big-endian, read as 60.
+  Loaded be = LoadBytes(dir, Riff(fmt + Smpl(0x3C000000, 0, false, 0, 0) + data));
+  ASSERT_NE(be.wave, nullptr);
+  EXPECT_EQ(be.wave->rootKey, 60);
+  // Inclusive end 999 and a half-frame fraction read as 1000.5.
+  Loaded frac = LoadBytes(dir, Riff(fmt + Smpl(64, 0x80000000u, true, 10, 999, 0x80000000u) + data));
+  ASSERT_NE(frac.wave, nullptr);
+  EXPECT_EQ(frac.wave->rootKey, 64);
+  EXPECT_EQ(frac.wave->fineTune, -50);
+  EXPECT_EQ(frac.wave->loopType, 1);
+  EXPECT_EQ(frac.wave->loopStart, 10.0f);
+  EXPECT_EQ(frac.wave->loopEnd, 1000.5f);
+
+  // cue + labl set a loop only while none is set; smpl always wins.
+  const std::string cue = Chunk("cue ", Le32(2) + Le32(1) + Le32(0) + "data" + Le32(0) + Le32(0) + Le32(100) +
+                                            Le32(2) + Le32(0) + "data" + Le32(0) + Le32(0) + Le32(300));
+  const std::string labels =
+      Chunk("LIST", "adtl" + Chunk("labl", Le32(1) + std::string("loop start\0", 11)) +
+                        Chunk("labl", Le32(2) + std::string("Loop End\0", 9)));
+  Loaded labelled = LoadBytes(dir, Riff(fmt + cue + labels + data));
+  ASSERT_NE(labelled.wave, nullptr);
+  EXPECT_EQ(labelled.wave->loopType, 1);
+  EXPECT_EQ(labelled.wave->loopStart, 100.0f);
+  EXPECT_EQ(labelled.wave->loopEnd, 300.0f);
+  Loaded smplLast = LoadBytes(dir, Riff(fmt + cue + labels + Smpl(60, 0, true, 5, 9) + data));
+  ASSERT_NE(smplLast.wave, nullptr);
+  EXPECT_EQ(smplLast.wave->loopStart, 5.0f);
+  EXPECT_EQ(smplLast.wave->loopEnd, 10.0f);
+}
+
+TEST(WavRead, MalformedFilesFailCleanly) {
+  test::TempDir dir;
+  struct Case {
+    std::string bytes;
+    const char* message;
+  } cases[] = {
+      {"RIFF" + Le32(4) + "AVI ", "Not a RIFF WAVE file"},
+      {"FORM" + Le32(4) + "AIFF", "Not a RIFF WAVE file"},
+      {Riff(Fmt(1, 1, 8000, 16)), "No wave data found!"},
+      {Riff(Chunk("data", "abcd")), "No wave data found!"},
+      {Riff(Fmt(0x1234, 1, 8000, 16) + Chunk("data", "abcd")), "Unsupported compression type"},
+      {Riff(Fmt(3, 1, 8000, 24) + Chunk("data", "abcdef")), "Unsupported bits/sample for IEEE floating point samples"},
+      {Riff(Fmt(49, 2, 8000, 0) + Chunk("data", "abcd")), "Can only handle (the standard!) mono GSM"},
+      {Riff(Fmt(23, 2, 8000, 4) + Chunk("data", "abcd")), "Can only handle mono Dialogic ADPCM format"},
+  };
+  for (const Case& c : cases) {
+    Loaded l = LoadBytes(dir, c.bytes);
+    EXPECT_FALSE(l.ok) << c.message;
+    EXPECT_STREQ(ErrorContext, "wav_Imp");
+    EXPECT_STREQ(ErrorMessage, c.message);
+    EXPECT_EQ(l.collection->All<Waveform>().size(), 0u) << "the wave made for the file is gone";
+  }
+}
+
+TEST(WavRead, LyingSizesNeitherAllocateNorHang) {
+  test::TempDir dir;
+  // A RIFF and a data chunk claiming 4 GB in a file of a few dozen bytes,
+  // a cue table claiming 2^32 points, and a zero-sized chunk.
+  const std::string bytes = "RIFF" + Le32(0xFFFFFFF0) + "WAVE" + Fmt(1, 1, 8000, 16) + "cue " + Le32(8) +
+                            Le32(0xFFFFFFFF) + Le32(0) + "zero" + Le32(0) + "data" + Le32(0xFFFFFFF0) + Pcm16({7, 8});
+  BoxCapture boxes;
+  Loaded l = LoadBytes(dir, bytes);
+  ASSERT_NE(l.wave, nullptr) << ErrorMessage;
+  EXPECT_EQ(l.wave->length, 2u);
+  EXPECT_EQ(Samples16(*l.wave)[1], 8);
+}
+
+TEST(WavRead, CodedTagsParseButTheirReadNamesTheMissingDecoder) {
+  test::TempDir dir;
+  const std::string ima = Chunk("fmt ", Le16(17) + Le16(1) + Le32(8000) + Le32(4055) + Le16(256) + Le16(4) + Le16(2) + Le16(505));
+  Loaded l = LoadBytes(dir, Riff(ima + Chunk("fact", Le32(1010)) + Chunk("data", std::string(512, '\x11'))));
+  ASSERT_NE(l.wave, nullptr) << ErrorMessage;
+  EXPECT_EQ(l.wave->length, 1010u);
+  EXPECT_EQ(l.wave->preferredFormat, 7);
+  EXPECT_FALSE(l.wave->EnsureData());
+  EXPECT_STREQ(ErrorMessage, "IMA ADPCM decoding is not available yet");
+  EXPECT_FALSE(l.wave->HasData());
+}
+
+// ---- writing ----
+
+// A stereo wave with 24-bit values, so that every PCM width and float has
+// exact expectations.
+Waveform* MakeWave(Collection& c, uint32_t frames, int channels) {
+  auto* w = Create<Waveform>(c, "Test tone");
+  w->length = frames;
+  w->channels = static_cast<uint8_t>(channels);
+  w->sampleRate = 44100;
+  float* f = AllocSamplesFloat(*w);
+  for (uint32_t i = 0; i < frames * channels; ++i) {
+    const int32_t v = static_cast<int32_t>(std::lround(std::sin(i * 0.37) * 8000000.0)) & ~0xFF;  // 16-bit exact
+    f[i] = static_cast<float>(v) / 8388608.0f;
+  }
+  f[0] = -1.0f;
+  if (frames * channels > 1) f[1] = 32767.0f / 32768.0f;
+  return w;
+}
+
+TEST(WavWrite, EveryEncodingOpensInThePeersWithTheSameSamples) {
+  Collection c;
+  Waveform* source = MakeWave(c, 1001, 2);  // odd data sizes for the 8-bit codings
+  source->rootKey = 62;
+  source->loopType = 1;
+  source->loopStart = 100;
+  source->loopEnd = 900;
+  test::TempDir dir;
+  const struct {
+    int format;
+    uint32_t variant;
+  } cases[] = {{kPcm8, kWavNormal},     {kPcm16, kWavNormal},     {kPcm24, kWavNormal}, {kPcm32, kWavNormal},
+               {kFloat32, kWavNormal},  {kMuLaw, kWavNormal},     {kALaw, kWavNormal},  {kPcm24, kWavExtensible},
+               {kFloat32, kWavExtensible}, {kPcm16, kWavCwdt},    {kPcm16, kWavBare}};
+  const bool peers = !SoundfilePython().empty();
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(std::string(DataFormatName(tc.format)) + " variant " + std::to_string(tc.variant));
+    const fs::path path = dir / ("out" + std::to_string(tc.format) + "_" + std::to_string(tc.variant) + ".wav");
+    ASSERT_TRUE(WriteWaveFile(*source, path, SourceFormatBit(tc.format) | kCapMono | kCapStereo, tc.variant))
+        << ErrorContext << ": " << ErrorMessage;
+    Loaded back = LoadWith(path, wav_Imp);
+    ASSERT_NE(back.wave, nullptr) << ErrorMessage;
+    EXPECT_EQ(back.wave->length, 1001u);
+    EXPECT_EQ(back.wave->channels, 2);
+    EXPECT_EQ(back.wave->rootKey, 62);
+    EXPECT_EQ(back.wave->loopStart, 100.0f);
+    EXPECT_EQ(back.wave->loopEnd, 900.0f);
+    const std::vector<float> ours = OurSamples(*back.wave);
+    if (tc.format != kMuLaw && tc.format != kALaw) {
+      // PCM and float are exact: 8 and 16-bit round to their step.
+      const std::vector<float> in = OurSamples(*source);
+      for (std::size_t i = 0; i < in.size(); ++i) {
+        // 16-bit rounds to the nearest step; 8-bit then drops the low byte.
+        const float tolerance = tc.format == kPcm8 ? 1.0f / 128 + 1.0f / 65536 : tc.format == kPcm16 ? 1.0f / 65536 : 0.0f;
+        ASSERT_NEAR(ours[i], in[i], tolerance) << i;
+      }
+    }
+    std::vector<float> theirs;
+    if (peers && SoundfileSamples(path, theirs)) {
+      EXPECT_EQ(theirs, ours);
+    }
+    std::vector<int32_t> sox;
+    if (tc.format != kFloat32 && SoxSamples(path, sox)) {
+      ASSERT_EQ(sox.size(), ours.size());
+      for (std::size_t i = 0; i < ours.size(); ++i)
+        ASSERT_EQ(sox[i], static_cast<int32_t>(std::llround(static_cast<double>(ours[i]) * 2147483648.0)))
+            << "sample " << i;
+    }
+    if (test::HaveTool("sndfile-info") && tc.variant != kWavCwdt) {
+      std::string out;
+      test::RunCommand("sndfile-info --instrument '" + path.string() + "'", &out);
+      EXPECT_NE(out.find("Base note   : 62"), std::string::npos) << out;
+      EXPECT_NE(out.find("Mode : fwd     Start :    100   End :    900"), std::string::npos) << out;
+    }
+  }
+}
+
+TEST(WavWrite, TextsFineTuneAndFractionalLoops) {
+  Collection c;
+  Waveform* w = MakeWave(c, 2000, 1);
+  w->fineTune = 30;
+  w->rootKey = 60;
+  w->loopType = 3;
+  w->loopStart = 0;
+  w->loopEnd = 1000.5f;
+  CopyText(w->artist, "Abcd");  // even length: no terminator in the file
+  CopyText(w->comment, "Odd");
+  test::TempDir dir;
+  const fs::path path = dir / "texts.wav";
+  ASSERT_TRUE(WriteWaveFile(*w, path, 0));
+  const std::string bytes = test::ReadFile(path);
+  EXPECT_NE(bytes.find("IART" + Le32(4) + "AbcdICMT" + Le32(4) + std::string("Odd\0", 4)), std::string::npos);
+  EXPECT_NE(bytes.find("INAM" + Le32(10) + std::string("Test tone\0", 10)), std::string::npos);
+  EXPECT_NE(bytes.find("ISFT" + Le32(20) + "Kelvo Studio v12.5"), std::string::npos);
+  // Loop end 1000.5: inclusive end 999 and fraction 0x80000000; +30 cents is
+  // unity 59 with 70% of a semitone.
+  EXPECT_NE(bytes.find(Le32(59) + Le32(0xB3333333u)), std::string::npos);
+  EXPECT_NE(bytes.find(Le32(1) + Le32(0) + Le32(999) + Le32(0x80000000u)), std::string::npos);
+  Loaded back = LoadWith(path, wav_Imp);
+  ASSERT_NE(back.wave, nullptr);
+  EXPECT_EQ(back.wave->loopEnd, 1000.5f);
+  EXPECT_EQ(back.wave->loopType, 3);
+  EXPECT_EQ(back.wave->rootKey, 59);
+  EXPECT_EQ(back.wave->fineTune, -70);
+  EXPECT_STREQ(back.wave->artist, "Abcd");
+  EXPECT_STREQ(back.wave->comment, "Odd");
+}
+
+TEST(WavWrite, ChannelRequestsAndRefusals) {
+  Collection c;
+  Waveform* stereo = MakeWave(c, 10, 2);
+  test::TempDir dir;
+  ASSERT_TRUE(WriteWaveFile(*stereo, dir / "mono.wav", SourceFormatBit(kPcm16) | kCapMono));
+  Loaded mono = LoadWith(dir / "mono.wav", wav_Imp);
+  ASSERT_NE(mono.wave, nullptr);
+  EXPECT_EQ(mono.wave->channels, 1);
+  EXPECT_EQ(c.All<Waveform>().size(), 1u) << "the mono copy is released";
+
+  EXPECT_FALSE(WriteWaveFile(*stereo, dir / "gsm.wav", SourceFormatBit(kGsm2)));
+  EXPECT_STREQ(ErrorContext, "wav_Exp");
+  EXPECT_STREQ(ErrorMessage, "GSM encoding is not available yet");
+  EXPECT_FALSE(fs::exists(dir / "gsm.wav"));
+  EXPECT_FALSE(WriteWaveFile(*stereo, dir / "x.wav", SourceFormatBit(kMuLaw), kWavExtensible));
+  EXPECT_STREQ(ErrorMessage, "Unsupported subformat");
+
+  auto* inst = Create<Instrument>(c, "inst");
+  FileRef file;
+  ASSERT_TRUE(file.OpenWrite(dir / "inst.wav"));
+  ExportRequest request;
+  EXPECT_FALSE(wav_Exp(*inst, file, request));
+  EXPECT_STREQ(ErrorMessage, "The file format can not save this item");
+}
+
+TEST(Wave64, WriteThenReadWithThePeers) {
+  Collection c;
+  Waveform* w = MakeWave(c, 333, 2);
+  CopyText(w->artist, "Ärtist");
+  test::TempDir dir;
+  for (int format : {kPcm8, kPcm16, kPcm24, kPcm32, kFloat32, kMuLaw, kALaw}) {
+    SCOPED_TRACE(DataFormatName(format));
+    const fs::path path = dir / ("out" + std::to_string(format) + ".w64");
+    FileRef file;
+    ASSERT_TRUE(file.OpenWrite(path));
+    ExportRequest request{SourceFormatBit(format) | kCapMono | kCapStereo, 0, 0};
+    ASSERT_TRUE(w64_Exp(*w, file, request)) << ErrorMessage;
+    file.Close();
+    Loaded back = LoadWith(path, w64_Imp);
+    ASSERT_NE(back.wave, nullptr) << ErrorMessage;
+    EXPECT_EQ(back.wave->length, 333u);
+    EXPECT_EQ(back.wave->channels, 2);
+    EXPECT_STREQ(back.wave->name, "Test tone");
+    EXPECT_STREQ(back.wave->artist, "Ärtist");
+    std::vector<float> theirs;
+    if (SoundfileSamples(path, theirs)) {
+      const std::vector<float> ours = OurSamples(*back.wave);
+      ASSERT_EQ(theirs.size(), ours.size());
+      EXPECT_EQ(theirs, ours);
+    }
+  }
+  test::WriteFile(dir / "bad.w64", std::string(64, 'x'));
+  EXPECT_FALSE(LoadWith(dir / "bad.w64", w64_Imp).ok);
+  EXPECT_STREQ(ErrorMessage, "Not a Sonic Foundry/Sony Wave64 file");
+}
+
+}  // namespace
+}  // namespace kv
