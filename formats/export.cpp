@@ -587,6 +587,15 @@ int FindWriterRow(std::string_view text, uint32_t typeMask) {
 
 bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const SaveOptions& options) {
   Item* subject = item ? item : &c;
+  // A collection that is one lone wave saves as that wave when the name asks
+  // for a wave format ("kelvo in.aif --save out.wav").
+  if (!item && c.Count(ItemType::Waveform) == 1 && c.Count(ItemType::Instrument) == 0 &&
+      c.Count(ItemType::Song) == 0) {
+    const std::string ext = out.extension().string();
+    const int row = options.format.empty() ? (ext.size() > 1 ? FindWriterRow(ext.substr(1), 0x01) : -1)
+                                           : FindWriterRow(options.format, 0x01);
+    if (row >= 0) subject = c.All<Waveform>().front();
+  }
   const uint8_t mask = SaveTypeMask(subject);
   int chosen = -1;
   if (!options.format.empty()) {

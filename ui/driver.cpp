@@ -17,6 +17,8 @@
 #include "core/text.h"
 #include "formats/import.h"
 #include "formats/modules/txt.h"
+#include "formats/export.h"
+#include "formats/import.h"
 #include "formats/registry.h"
 #include "ui/commands.h"
 #include "ui/listing.h"
@@ -68,6 +70,67 @@ void BuildDemoCollection(Collection& c) {
   Layer* layer = AddLayer(*inst);
   AddRegion(*layer, wave->id, MakeRange(0, 127), MakeRange(0, 127), 255);
   FixUpItems(c, 0xFF, false);
+}
+
+Item* FindItemByText(Collection& c, const std::string& text) {
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    char* end = nullptr;
+    unsigned long id = std::strtoul(text.c_str() + 2, &end, 16);
+    if (end && *end == 0) return c.Find(static_cast<ItemId>(id));
+  }
+  Item* found = nullptr;
+  c.Map().ForEach([&](Item* item) {
+    if (!found && item != &c && item->Name() == text) found = item;
+  });
+  return found;
+}
+
+// --replace-waves, --save and --save-all, in that order. False when one failed
+// (its error already shown).
+bool RunSaveOptions(const std::string& saveOut, const std::string& saveItem, SaveOptions saveOptions,
+                    const std::string& saveAllBase, int mode, bool subdirs, const std::string& onExistsText,
+                    const std::vector<std::string>& replaceWaves) {
+  Collection& main = MainCollection();
+  OnExists policy = OnExists::Overwrite;
+  if (!ParseOnExists(onExistsText, policy)) {
+    Fail("File Export", "--on-exists must be overwrite, skip or cancel, not \"%s\"", onExistsText.c_str());
+    ShowErrorBox();
+    return false;
+  }
+  saveOptions.onExists = policy;
+  bool ok = true;
+  if (!replaceWaves.empty()) {
+    int replaced = 0;
+    for (const std::string& f : replaceWaves) {
+      if (OpenFile(f, OpenMode::ReplaceWaves, false)) {
+        replaced += TakeReplacedCount();
+      } else {
+        ShowErrorBox();
+        ok = false;
+      }
+    }
+    StatusText("Replaced %d waveform%s", replaced, replaced == 1 ? "" : "s");
+  }
+  if (!saveOut.empty()) {
+    Item* item = nullptr;
+    if (!saveItem.empty() && !(item = FindItemByText(main, saveItem))) {
+      Fail("File Export", "No item \"%s\"", saveItem.c_str());
+      ShowErrorBox();
+      return false;
+    }
+    if (!SaveCollectionOrItem(main, item, saveOut, saveOptions)) {
+      ShowErrorBox();
+      ok = false;
+    }
+  }
+  if (!saveAllBase.empty()) {
+    int saved = 0;
+    if (!SaveAllItems(main, saveAllBase, mode, subdirs, policy, saved)) {
+      ShowErrorBox();
+      ok = false;
+    }
+  }
+  return ok;
 }
 
 }  // namespace
@@ -130,6 +193,23 @@ int RunDriver(std::vector<std::string> args) {
   app.add_flag("--settings", opt.printSettings, "Print the effective settings");
   app.add_option("--set", opt.settings, "Change a setting for this run (name=value)");
   app.add_flag("--save-settings", opt.saveSettings, "Write the settings back to the settings file");
+  // Saving, after loading and commands.
+  std::string saveOut, saveItem, saveAllBase, onExistsText = "overwrite";
+  SaveOptions saveOptions;
+  int saveAllMode = Settings().sall.iMode;
+  bool saveAllSubdirs = Settings().sall.bSubDirs != 0;
+  std::vector<std::string> replaceWaves;
+  app.add_option("--save", saveOut, "Save the collection (or --item) to this file");
+  app.add_option("--format", saveOptions.format, "With --save: writer row number, extension or name");
+  app.add_option("--data-format", saveOptions.dataFormat, "With --save: sample coding, e.g. \"PCM 16-bit\"");
+  app.add_option("--channels", saveOptions.channels, "With --save: auto, mono or stereo");
+  app.add_option("--rate", saveOptions.rateKbps, "With --save: kbit/s for compressed formats");
+  app.add_option("--item", saveItem, "With --save: the item to save, by id (0x...) or name");
+  app.add_option("--save-all", saveAllBase, "Save all items in multiple files named from BASE.EXT");
+  app.add_option("--mode", saveAllMode, "With --save-all: naming mode 210-218");
+  app.add_flag("--subdirs", saveAllSubdirs, "With --save-all: each file in a folder of its own name");
+  app.add_option("--on-exists", onExistsText, "When a target exists: overwrite, skip or cancel");
+  app.add_option("--replace-waves", replaceWaves, "Replace loaded waveforms by those of the same name in these files");
   try {
     app.parse(static_cast<int>(cliArgs.size() + 1), [&] {
       static std::vector<const char*> argv;
@@ -194,6 +274,9 @@ int RunDriver(std::vector<std::string> args) {
         status = 1;
       }
     }
+    if (!RunSaveOptions(saveOut, saveItem, saveOptions, saveAllBase, saveAllMode, saveAllSubdirs, onExistsText,
+                        replaceWaves))
+      status = 1;
     if (opt.list && opt.listParams) {
       std::string text = ParameterDescription(MainCollection());
       std::fwrite(text.data(), 1, text.size(), stdout);

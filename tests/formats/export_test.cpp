@@ -271,10 +271,19 @@ TEST_F(ExportTest, CommandLineSaveChecksOptionsAgainstTheRow) {
   EXPECT_EQ(test::ReadFile(dir_ / "m.wav").size(), 8u);  // 4 mono frames
   EXPECT_EQ(LastStatusText().rfind("Saved: ", 0), 0u);
 
+  // A collection that is one lone wave saves as the wave.
   opt = {};
+  ASSERT_TRUE(SaveCollectionOrItem(c, nullptr, dir_ / "lone.wav", opt)) << ErrorMessage;
+  EXPECT_EQ(test::ReadFile(dir_ / "lone.wav").size(), 16u);
+
+  MakeInstrument(c, "I", {st});
   opt.format = "sfz";
-  opt.dataFormat = "Mu-law 8-bit";
+  opt.dataFormat = "Float 64-bit";  // not among the SFZ writer's codings
   EXPECT_FALSE(SaveCollectionOrItem(c, nullptr, dir_ / "c", opt));
+  EXPECT_NE(std::strstr(ErrorMessage, "can't write Float 64-bit data"), nullptr);
+  opt.dataFormat = "PCM 16-bit";
+  ASSERT_TRUE(SaveCollectionOrItem(c, nullptr, dir_ / "c", opt)) << ErrorMessage;
+  EXPECT_TRUE(Exists(dir_ / "c.sfz"));
   opt.format = "no such format";
   EXPECT_FALSE(SaveCollectionOrItem(c, nullptr, dir_ / "c", opt));
 
