@@ -20,7 +20,14 @@ inline constexpr int kBoxOk = 1;
 inline constexpr int kBoxYes = 6;
 inline constexpr int kBoxNo = 7;
 
-enum class BoxButtons { Ok, YesNo, ThreeWay };
+enum class BoxButtons {
+  Ok,
+  YesNo,
+  ThreeWay,
+  // OK, "Allways OK", Cancel, "Allways Cancel": a presenter returns 6, 1, 2
+  // and 7 for them, so that the silent 1 means "Allways OK".
+  OkAlwaysCancelAlways,
+};
 
 // Shows a box through the installed presenter (the GUI's, or the command
 // line's, which prints "Title: text" to stderr when boxes are off). Returns

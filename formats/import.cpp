@@ -348,7 +348,7 @@ bool raw_Imp(Collection& collection, FileRef& file, uint32_t) {
     const int answer = MessageBox(
         "The selected file can not be detected as any of the supported import types. Select OK to read it as raw "
         "data...\n\nYou'll need to adjust the data format on the 'Source' tab of the waveform properties.",
-        file.Path().filename().string(), BoxButtons::ThreeWay);
+        file.Path().filename().string(), BoxButtons::OkAlwaysCancelAlways);
     switch (answer) {
       case kRawAlwaysOk: g_rawAsk = false; break;
       case kRawOk: break;
