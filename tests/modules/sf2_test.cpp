@@ -239,6 +239,7 @@ TEST(Sf2Corpus, OpeningALargeBankReadsNoSampleData) {
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
   EXPECT_GT(c.Count(ItemType::Waveform), 800u);
   for (Waveform* w : c.All<Waveform>()) ASSERT_FALSE(w->HasData());
+  std::printf("FluidR3_GM.sf2 read in %.3f s\n", seconds);
   EXPECT_LT(seconds, 2.0);
 }
 
