@@ -535,6 +535,8 @@ void ClipRegions(Layer& layer, uint16_t keyRange, uint16_t velocityRange, Region
 // result stays valid for three more calls.
 const char* NoteName(int key);
 void MakeUniqueName(Item& item);
+// MakeUniqueName on every item of a type, in list order.
+void MakeUniqueNames(Collection& c, ItemType type);
 
 // ---- copies and merges ----
 
@@ -561,32 +563,40 @@ class ItemSet {
 
 // ---- templates ----
 
+// The ItemType of each item class; the type bits of an id name its class, so
+// a typed lookup needs no run-time type check beyond them.
+template <typename T>
+constexpr ItemType kTypeOf = [] {
+  if constexpr (std::is_same_v<T, Waveform>) return ItemType::Waveform;
+  else if constexpr (std::is_same_v<T, SynthModel>) return ItemType::SynthModel;
+  else if constexpr (std::is_same_v<T, Region>) return ItemType::Region;
+  else if constexpr (std::is_same_v<T, Layer>) return ItemType::Layer;
+  else if constexpr (std::is_same_v<T, Instrument>) return ItemType::Instrument;
+  else if constexpr (std::is_same_v<T, Track>) return ItemType::Track;
+  else if constexpr (std::is_same_v<T, Song>) return ItemType::Song;
+  else return ItemType::Collection;
+}();
+
 template <typename T>
 T* Collection::FindAs(ItemId id) const {
+  if (id == kNoItem || TypeOf(id) != kTypeOf<T>) return nullptr;
   Item* item = Find(id);
-  return item ? dynamic_cast<T*>(item) : nullptr;
+  return item && item->Type() == kTypeOf<T> ? static_cast<T*>(item) : nullptr;
 }
 
 template <typename T>
 std::vector<T*> Collection::All() const {
   std::vector<T*> out;
+  out.reserve(counts[static_cast<int>(kTypeOf<T>)]);
   map_.ForEach([&](Item* item) {
-    if (auto* t = dynamic_cast<T*>(item)) out.push_back(t);
+    if (item->Type() == kTypeOf<T>) out.push_back(static_cast<T*>(item));
   });
   return out;
 }
 
 template <typename T>
 T* Create(Collection& c, const char* name, uint32_t serial) {
-  constexpr ItemType type = [] {
-    if constexpr (std::is_same_v<T, Waveform>) return ItemType::Waveform;
-    else if constexpr (std::is_same_v<T, SynthModel>) return ItemType::SynthModel;
-    else if constexpr (std::is_same_v<T, Region>) return ItemType::Region;
-    else if constexpr (std::is_same_v<T, Layer>) return ItemType::Layer;
-    else if constexpr (std::is_same_v<T, Instrument>) return ItemType::Instrument;
-    else if constexpr (std::is_same_v<T, Track>) return ItemType::Track;
-    else return ItemType::Song;
-  }();
+  constexpr ItemType type = kTypeOf<T>;
   Collection& owner = *c.owners[static_cast<int>(type)];
   return new T(owner, serial, name);  // owned by the collection's map
 }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
+#include <unordered_map>
 
 #include "core/app.h"
 #include "core/error.h"
@@ -684,6 +685,44 @@ void Region::RebuildName() {
   SetName(text);
 }
 
+namespace {
+
+// Case-blind key of a name: ASCII letters folded.
+std::string FoldedName(std::string_view name) {
+  std::string key(name);
+  for (char& ch : key)
+    if (ch >= 'a' && ch <= 'z') ch = static_cast<char>(ch - 32);
+  return key;
+}
+
+// The next candidate for a clashing name: a trailing number counts up, any
+// other name (or one ending in a note such as "C#4" or "A4") gets " 1".
+void NextUniqueCandidate(Item& item) {
+  std::string current = item.name;
+  std::size_t n = current.size();
+  bool digitAtEnd = n > 0 && current[n - 1] >= '0' && current[n - 1] <= '9';
+  char before = n >= 2 ? current[n - 2] : 0;
+  bool noNumber = !digitAtEnd || before == '#' || (before >= 'A' && before <= 'G');
+  std::string number;
+  std::size_t pos;
+  if (noNumber) {
+    number = " 1";
+    pos = n;
+  } else {
+    std::size_t d = n;
+    while (d > 0 && current[d - 1] >= '0' && current[d - 1] <= '9') --d;
+    // Long digit runs are counted by their last nine digits.
+    std::size_t from = std::max(d, n > 9 ? n - 9 : 0);
+    number = std::to_string(std::stoul(current.substr(from)) + 1);
+    pos = from;
+  }
+  // The number may overwrite the end so that the whole fits the field.
+  pos = std::min(pos, static_cast<std::size_t>(kNameLength) - number.size());
+  CopyText(item.name, current.substr(0, pos) + number);
+}
+
+}  // namespace
+
 void MakeUniqueName(Item& item) {
   if (!item.collection) return;
   Collection& c = *item.collection;
@@ -695,29 +734,23 @@ void MakeUniqueName(Item& item) {
     });
     return clash;
   };
-  while (clashes()) {
-    std::string current = item.name;
-    std::size_t n = current.size();
-    bool digitAtEnd = n > 0 && current[n - 1] >= '0' && current[n - 1] <= '9';
-    char before = n >= 2 ? current[n - 2] : 0;
-    // A trailing note name such as "C#4" or "A4" is not a counter.
-    bool noNumber = !digitAtEnd || before == '#' || (before >= 'A' && before <= 'G');
-    std::string number;
-    std::size_t pos;
-    if (noNumber) {
-      number = " 1";
-      pos = n;
-    } else {
-      std::size_t d = n;
-      while (d > 0 && current[d - 1] >= '0' && current[d - 1] <= '9') --d;
-      // Long digit runs are counted by their last nine digits.
-      std::size_t from = std::max(d, n > 9 ? n - 9 : 0);
-      number = std::to_string(std::stoul(current.substr(from)) + 1);
-      pos = from;
+  while (clashes()) NextUniqueCandidate(item);
+}
+
+void MakeUniqueNames(Collection& c, ItemType type) {
+  // One pass with a count per folded name gives the same result as calling
+  // MakeUniqueName on each item in list order, without the quadratic scan.
+  std::vector<Item*> items = c.ItemsOf(type);
+  std::unordered_map<std::string, int> uses;
+  for (Item* item : items) ++uses[FoldedName(item->name)];
+  for (Item* item : items) {
+    std::string key = FoldedName(item->name);
+    while (uses[key] > 1) {
+      --uses[key];
+      NextUniqueCandidate(*item);
+      key = FoldedName(item->name);
+      ++uses[key];
     }
-    pos = std::min(pos, static_cast<std::size_t>(kNameLength) - number.size());
-    std::string next = current.substr(0, pos) + number;
-    CopyText(item.name, next);
   }
 }
 

@@ -449,8 +449,8 @@ void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
   if (loadOptions) {
     const auto& load = Settings().load;
     if (load.bEnsureUniqueNames) {
-      for (Instrument* inst : c.All<Instrument>()) MakeUniqueName(*inst);
-      for (Waveform* wave : c.All<Waveform>()) MakeUniqueName(*wave);
+      MakeUniqueNames(c, ItemType::Instrument);
+      MakeUniqueNames(c, ItemType::Waveform);
     }
     if (load.bAutoMoveArticulation) MoveArticulationUp(c);
     if (load.bAutoMoveTriggerParams) MoveTriggerParamsUp(c);

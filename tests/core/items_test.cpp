@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "core/items.h"
@@ -169,6 +171,26 @@ TEST(Names, UniqueNamesCountUpButNotNotes) {
   auto* bell = Create<Instrument>(c, "Bell C#3");
   MakeUniqueName(*bell);
   EXPECT_STREQ(bell->name, "Bell C#3 1");
+}
+
+TEST(Names, BatchUniqueNamesMatchOneByOne) {
+  const char* names[] = {"Pad", "pad", "Pad 1", "Pad", "Lead A4", "lead a4", "X9", "x9", "X10", "Pad 1"};
+  Collection one, batch;
+  for (const char* n : names) {
+    Create<Waveform>(one, n);
+    Create<Waveform>(batch, n);
+  }
+  for (Waveform* w : one.All<Waveform>()) MakeUniqueName(*w);
+  MakeUniqueNames(batch, ItemType::Waveform);
+  std::vector<std::string> a, b;
+  for (Waveform* w : one.All<Waveform>()) a.push_back(w->name);
+  for (Waveform* w : batch.All<Waveform>()) b.push_back(w->name);
+  EXPECT_EQ(a, b);
+  std::set<std::string> folded;
+  for (std::string n : b) {
+    for (char& ch : n) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    EXPECT_TRUE(folded.insert(n).second) << n;
+  }
 }
 
 TEST(Names, UniqueNumberOverwritesTheEndOfAFullName) {
