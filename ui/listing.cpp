@@ -1,5 +1,6 @@
 #include "ui/listing.h"
 
+#include <algorithm>
 #include <cinttypes>
 
 namespace kv {
@@ -20,7 +21,10 @@ void Line(std::FILE* out, int depth, const Item& item) {
 void PrintItemTree(std::FILE* out, const Collection& c) {
   Line(out, 0, c);
   std::fprintf(out, "\n");
+  // Instruments in bank and program order, as a sampler shows them.
   std::vector<Instrument*> instruments = c.All<Instrument>();
+  std::stable_sort(instruments.begin(), instruments.end(),
+                   [](const Instrument* a, const Instrument* b) { return a->location < b->location; });
   for (Instrument* inst : instruments) {
     Line(out, 1, *inst);
     std::fprintf(out, " bank=%u:%u program=%u drum=%d\n", LocationMajorBank(inst->location),
