@@ -347,12 +347,19 @@ bool AssembleWav(BlockWriter& o, Waveform& w, const WavLayout& L) {
 bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t variant) {
   if (variant != kWavNormal && variant != kWavExtensible && variant != kWavCwdt && variant != kWavBare)
     return Fail(kExp, "Unsupported subformat");
-  const int format = PickFormat(wave, request, kWavWritableNow);
+  // Extensible holds only PCM and float: an "Auto" or wider request picks among those.
+  constexpr uint32_t kExtensibleMask = (1u << kPcm8) | (1u << kPcm16) | (1u << kPcm24) | (1u << kPcm32) | (1u << kFloat32);
+  const bool extensible = variant == kWavExtensible;
+  uint32_t allowed = request & kCapFormatMask;
+  if (extensible && allowed && (allowed & (allowed - 1))) allowed &= kExtensibleMask;
+  if (extensible && allowed == 0 && (request & kCapFormatMask)) return Fail(kExp, "Unsupported subformat");
+  const int format =
+      PickFormat(wave, allowed | (request & ~kCapFormatMask), extensible ? kExtensibleMask : kWavWritableNow);
   if (const char* missing = Unavailable(format)) return Fail(kExp, "%s", missing);
   WavLayout L;
   L.variant = variant;
   if (!CodingFor(format, L.coding)) return Fail(kExp, "Unsupported subformat");
-  L.extensible = variant == kWavExtensible;
+  L.extensible = extensible;
   if (L.extensible && L.coding.tag != 1 && L.coding.tag != 3) return Fail(kExp, "Unsupported subformat");
 
   ClearError();
@@ -453,8 +460,10 @@ bool w64_Imp(Collection& collection, FileRef& file, uint32_t) {
   for (uint64_t pos = 40; pos + kW64Head < riffSize;) {
     uint8_t h[24];
     if (!cur.Seek(pos) || !cur.Bytes(h, sizeof h)) break;
-    const uint64_t size = GetU64le(h + 16);
-    if (size < kW64Head) break;  // a size that doesn't cover its own head can't be walked past
+    // A size that doesn't cover its own head can't be walked past; one past
+    // the end is cut to it (and can't wrap the position around).
+    const uint64_t size = std::min(GetU64le(h + 16), riffSize - pos);
+    if (size < kW64Head) break;
     const uint64_t body = pos + kW64Head;
     const uint64_t end = std::min(pos + size, riffSize);
     if (SameGuid(h, kGuidFmt)) {

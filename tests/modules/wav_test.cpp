@@ -534,6 +534,12 @@ TEST(WavWrite, ChannelRequestsAndRefusals) {
   EXPECT_FALSE(fs::exists(dir / "gsm.wav"));
   EXPECT_FALSE(WriteWaveFile(*stereo, dir / "x.wav", SourceFormatBit(kMuLaw), kWavExtensible));
   EXPECT_STREQ(ErrorMessage, "Unsupported subformat");
+  // "Auto" for a Mu-law wave in extensible form falls back to PCM.
+  stereo->preferredFormat = 5;
+  ASSERT_TRUE(WriteWaveFile(*stereo, dir / "ext.wav", 0, kWavExtensible)) << ErrorMessage;
+  Loaded ext = LoadWith(dir / "ext.wav", wav_Imp);
+  ASSERT_NE(ext.wave, nullptr);
+  EXPECT_EQ(ext.wave->bits, 16);
 
   auto* inst = Create<Instrument>(c, "inst");
   FileRef file;
@@ -569,6 +575,14 @@ TEST(Wave64, WriteThenReadWithThePeers) {
       EXPECT_EQ(theirs, ours);
     }
   }
+  // A chunk size near 2^64 once wrapped the walk's position around (a hang).
+  const std::string riff("\x72\x69\x66\x66\x2E\x91\xCF\x11\xA5\xD6\x28\xDB\x04\xC1\x00\x00", 16);
+  const std::string wave("\x77\x61\x76\x65\xF3\xAC\xD3\x11\x8C\xD1\x00\xC0\x4F\x8E\xDB\x8A", 16);
+  std::string wrap = riff + Le32(96) + Le32(0) + wave + std::string(16, 'j') + Le32(0xFFFFFFF9) + Le32(0xFFFFFFFF);
+  wrap.resize(96, '\0');
+  test::WriteFile(dir / "wrap.w64", wrap);
+  EXPECT_FALSE(LoadWith(dir / "wrap.w64", w64_Imp).ok);
+  EXPECT_STREQ(ErrorMessage, "Couldn't find fmt chunk!");
   test::WriteFile(dir / "bad.w64", std::string(64, 'x'));
   EXPECT_FALSE(LoadWith(dir / "bad.w64", w64_Imp).ok);
   EXPECT_STREQ(ErrorMessage, "Not a Sonic Foundry/Sony Wave64 file");
