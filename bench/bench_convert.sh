@@ -18,11 +18,11 @@ export XDG_CONFIG_HOME="$work/config"
 
 sox -n -r 44100 -c 2 -b 16 "$work/in.wav" synth 600 sine 440 sine 660 vol 0.5
 
-# CPU seconds (user + sys) of the best of `runs` runs of a command.
+# CPU seconds (user + sys, bash's time keyword) of the best of `runs` runs.
 cpu() {
   local best="" t
   for _ in $(seq "$runs"); do
-    t=$( { /usr/bin/time -f "%U %S" "$@" >/dev/null 2>/dev/null; } 2>&1 | tail -1 | awk '{printf "%.3f", $1 + $2}')
+    t=$( { TIMEFORMAT='%U %S'; time "$@" >/dev/null 2>&1; } 2>&1 | tail -1 | awk '{printf "%.3f", $1 + $2}')
     if [ -z "$best" ] || awk -v a="$t" -v b="$best" 'BEGIN { exit !(a < b) }'; then best="$t"; fi
   done
   echo "$best"

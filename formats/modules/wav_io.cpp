@@ -102,6 +102,26 @@ bool EncodeSamples(Waveform& w, const Coding& c, uint8_t* out, uint64_t count) {
   constexpr bool bigEndian = false;
   if (count == 0) return true;
   const std::span<uint8_t> dst(out, count * c.bytes);
+  if (c.fromFloat && w.samples16 && !w.samplesF) {
+    // A 16-bit wave widens exactly: no float copy of the whole wave is needed.
+    const int16_t* src = w.samples16.get();
+    for (uint64_t i = 0; i < count; ++i) {
+      const int32_t v = src[i];
+      uint8_t* p = out + i * c.bytes;
+      if (c.format == kPcm24) {
+        p[0] = 0;
+        p[1] = static_cast<uint8_t>(v);
+        p[2] = static_cast<uint8_t>(v >> 8);
+      } else if (c.format == kPcm32) {
+        const uint32_t u = static_cast<uint32_t>(v) << 16;
+        std::memcpy(p, &u, 4);
+      } else {
+        const float f = static_cast<float>(v) * kScale16;
+        std::memcpy(p, &f, 4);
+      }
+    }
+    return true;
+  }
   if (c.fromFloat) {
     const float* src = SamplesFloat(w);
     if (!src) return false;

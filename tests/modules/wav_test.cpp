@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -516,6 +517,26 @@ TEST(WavWrite, TextsFineTuneAndFractionalLoops) {
   EXPECT_EQ(back.wave->fineTune, -70);
   EXPECT_STREQ(back.wave->artist, "Abcd");
   EXPECT_STREQ(back.wave->comment, "Odd");
+}
+
+TEST(WavWrite, SixteenBitWavesWidenExactly) {
+  Collection c;
+  auto* w = Create<Waveform>(c, "w16");
+  w->length = 5;
+  int16_t* s = AllocSamples16(*w);
+  const int16_t values[5] = {-32768, -1, 0, 1, 32767};
+  std::copy(values, values + 5, s);
+  test::TempDir dir;
+  for (int format : {kPcm24, kPcm32, kFloat32}) {
+    SCOPED_TRACE(DataFormatName(format));
+    ASSERT_TRUE(WriteWaveFile(*w, dir / "w.wav", SourceFormatBit(format)));
+    Loaded back = LoadWith(dir / "w.wav", wav_Imp);
+    ASSERT_NE(back.wave, nullptr);
+    const float* f = SamplesFloat(*back.wave);
+    ASSERT_NE(f, nullptr);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(f[i], values[i] / 32768.0f);
+    EXPECT_FALSE(w->samplesF) << "no float copy of the source";
+  }
 }
 
 TEST(WavWrite, ChannelRequestsAndRefusals) {
