@@ -1,5 +1,9 @@
 #include "core/wavestore.h"
 
+#include <sys/mman.h>
+
+#include <cstdint>
+
 #include <cstdio>
 #include <cstring>
 #include <span>
@@ -504,6 +508,15 @@ bool gen_ExpWave(FileRef& file, Waveform& wave, int format, int channels, uint32
   seqF.reset();
   if (!WriteBlocks(file, coded.get(), bytes)) return Fail(kContext, "File Write Error");
   return true;
+}
+
+void AdviseLargeBuffer(void* data, std::size_t bytes) {
+  constexpr std::size_t kLarge = std::size_t{8} << 20;
+  if (bytes < kLarge) return;
+  const std::size_t page = 4096;
+  auto begin = (reinterpret_cast<std::uintptr_t>(data) + page - 1) & ~(page - 1);
+  auto end = (reinterpret_cast<std::uintptr_t>(data) + bytes) & ~(page - 1);
+  if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);  // advice only
 }
 
 }  // namespace kv
