@@ -282,11 +282,11 @@ TEST_F(Fixture, FreeKeyRangeSplitsAtTheRootKey) {
 }
 
 TEST_F(Fixture, ClipRegionsCutsOrDeletes) {
-  Region* inside = MakeRegion(*layer, 40, 45);
+  ItemId inside = MakeRegion(*layer, 40, 45)->id;
   Region* wide = MakeRegion(*layer, 30, 90);
   Region* fresh = MakeRegion(*layer, 35, 50);
   ClipRegions(*layer, MakeRange(35, 50), MakeRange(0, 127), fresh);
-  EXPECT_EQ(c.Find(inside->id), nullptr);
+  EXPECT_EQ(c.Find(inside), nullptr);
   EXPECT_EQ(wide->trigger.loKey, 51);
   EXPECT_EQ(wide->trigger.hiKey, 90);
 }
