@@ -37,7 +37,6 @@ double RoundAt(double v, double scale) {
   return r / scale;
 }
 
-bool SameBits(float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); }
 
 }  // namespace
 
@@ -111,23 +110,29 @@ bool Articulation::AnyOfEnvelope(int k) const {
 }
 
 bool Articulation::Inherit(const Articulation& parent) {
-  bool changed = false;
-  for (int i = 0; i < kArticulationCount; ++i) {
-    if (IsSet(i) || SameBits(value[i], parent.value[i])) continue;
-    value[i] = parent.value[i];
-    changed = true;
-  }
-  return changed;
+  // Rows set here are few: take the parent's whole record and put them back.
+  // Runs for every region of every load, so whole-record copies beat a walk.
+  float before[kArticulationCount];
+  std::memcpy(before, value, sizeof value);
+  std::memcpy(value, parent.value, sizeof value);
+  for (int w = 0; w < 3; ++w)
+    for (uint64_t bits = set[w]; bits; bits &= bits - 1) {
+      const int i = w * 64 + __builtin_ctzll(bits);
+      value[i] = before[i];
+    }
+  return std::memcmp(before, value, sizeof value) != 0;
 }
 
 bool Articulation::Prune(const Articulation& parent) {
   bool cleared = false;
-  for (int i = 0; i < kArticulationCount; ++i) {
-    if (IsSet(i) && value[i] == parent.value[i]) {
-      MarkUnset(i);
-      cleared = true;
+  for (int w = 0; w < 3; ++w)
+    for (uint64_t bits = set[w]; bits; bits &= bits - 1) {
+      const int i = w * 64 + __builtin_ctzll(bits);
+      if (value[i] == parent.value[i]) {
+        MarkUnset(i);
+        cleared = true;
+      }
     }
-  }
   return cleared;
 }
 

@@ -467,11 +467,6 @@ bool SameTrigger(const TriggerRecord& a, const TriggerRecord& b) {
   return true;
 }
 
-// Values not set at this level come from the level above.
-void RefreshArticulation(Articulation& child, const Articulation& parent) {
-  for (int i = 0; i < kArticulationCount; ++i)
-    if (!child.IsSet(i)) child.value[i] = parent.value[i];
-}
 
 }  // namespace
 
@@ -819,7 +814,7 @@ void Region::FixUp() {
   trigger.ApplyFeatures(features);
   if (Layer* layer = LayerOf(*this)) {
     trigger.RefreshFrom(layer->trigger);
-    RefreshArticulation(art, layer->art);
+    art.Inherit(layer->art);
   }
   RebuildName();
   Waveform* wave = RegionWaveform(*this);
@@ -867,7 +862,7 @@ void Layer::FixUp() {
   }
   for (Region* r : regions) {
     r->trigger.RefreshFrom(trigger);
-    RefreshArticulation(r->art, art);
+    r->art.Inherit(art);
   }
   // Insertion sort on (lo-key, lo-velocity) keeps equal regions in order.
   for (std::size_t i = 1; i < children.size(); ++i) {
@@ -917,7 +912,7 @@ void Layer::FixUp() {
     }
     ++i;
   }
-  for (Region* r : RegionsOf(*this)) RefreshArticulation(r->art, art);
+  for (Region* r : RegionsOf(*this)) r->art.Inherit(art);
 }
 
 bool Layer::NeedsSynthesis() const {
@@ -949,8 +944,8 @@ void Instrument::FixUp() {
   for (Layer* layer : layers) {
     layer->SetName(("Layer " + std::to_string(number++)).c_str(), 0, TextEncoding::Utf8);
     layer->drum = LocationIsDrum(location) ? 1 : 0;
-    RefreshArticulation(layer->art, art);
-    for (Region* r : RegionsOf(*layer)) RefreshArticulation(r->art, layer->art);
+    layer->art.Inherit(art);
+    for (Region* r : RegionsOf(*layer)) r->art.Inherit(layer->art);
   }
   // Phase groups: a master's articulation is matched into its group.
   for (Layer* masterLayer : layers) {

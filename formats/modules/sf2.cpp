@@ -234,30 +234,24 @@ void ReadZones(const std::vector<BagRec>& bags, const std::vector<GenRec>& gens,
 // (local over global).
 ZoneValues SumZones(const ZoneValues* instGlobal, const ZoneValues* instLocal, const ZoneValues* presetGlobal,
                     const ZoneValues* presetLocal) {
+  // Zones set few of their generators and slots: walk the set bits only.
   ZoneValues sum = DefaultZone();
-  for (int n = 0; n < kGenCount; ++n) {
-    if (instLocal && instLocal->HasGen(n)) {
-      sum.g[n] = instLocal->g[n];
-    } else if (instGlobal && instGlobal->HasGen(n)) {
-      sum.g[n] = instGlobal->g[n];
-    }
-    if (presetLocal && presetLocal->HasGen(n)) {
-      sum.g[n] += presetLocal->g[n];
-    } else if (presetGlobal && presetGlobal->HasGen(n)) {
-      sum.g[n] += presetGlobal->g[n];
-    }
-  }
-  for (int s = 0; s < kSlotCount; ++s) {
-    if (instLocal && instLocal->HasSlot(s)) {
-      sum.m[s] = instLocal->m[s];
-    } else if (instGlobal && instGlobal->HasSlot(s)) {
-      sum.m[s] = instGlobal->m[s];
-    }
-    if (presetLocal && presetLocal->HasSlot(s)) {
-      sum.m[s] += presetLocal->m[s];
-    } else if (presetGlobal && presetGlobal->HasSlot(s)) {
-      sum.m[s] += presetGlobal->m[s];
-    }
+  auto each = [](uint64_t bits, int base, auto&& fn) {
+    for (; bits; bits &= bits - 1) fn(base + __builtin_ctzll(bits));
+  };
+  auto genBits = [](const ZoneValues* z) { return z ? z->genSet : 0; };
+  auto slotBits = [](const ZoneValues* z, int w) { return z ? z->slotSet[w] : 0; };
+  const uint64_t il = genBits(instLocal), pl = genBits(presetLocal);
+  each(il, 0, [&](int n) { sum.g[n] = instLocal->g[n]; });
+  each(genBits(instGlobal) & ~il, 0, [&](int n) { sum.g[n] = instGlobal->g[n]; });
+  each(pl, 0, [&](int n) { sum.g[n] += presetLocal->g[n]; });
+  each(genBits(presetGlobal) & ~pl, 0, [&](int n) { sum.g[n] += presetGlobal->g[n]; });
+  for (int w = 0; w < 2; ++w) {
+    const uint64_t sil = slotBits(instLocal, w), spl = slotBits(presetLocal, w);
+    each(sil, 64 * w, [&](int i) { sum.m[i] = instLocal->m[i]; });
+    each(slotBits(instGlobal, w) & ~sil, 64 * w, [&](int i) { sum.m[i] = instGlobal->m[i]; });
+    each(spl, 64 * w, [&](int i) { sum.m[i] += presetLocal->m[i]; });
+    each(slotBits(presetGlobal, w) & ~spl, 64 * w, [&](int i) { sum.m[i] += presetGlobal->m[i]; });
   }
   return sum;
 }

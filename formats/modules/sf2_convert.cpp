@@ -226,10 +226,14 @@ uint16_t SlotSourceWord(int slot) {
 }
 
 ZoneValues DefaultZone() {
-  ZoneValues z;
-  for (int n = 0; n < kGenCount; ++n) z.g[n] = GenDefault(n);
-  for (int s = 0; s < kSlotCount; ++s) z.m[s] = SlotDefault(s);
-  return z;
+  // Built once: every zone of every bank starts from it.
+  static const ZoneValues defaults = [] {
+    ZoneValues z;
+    for (int n = 0; n < kGenCount; ++n) z.g[n] = GenDefault(n);
+    for (int s = 0; s < kSlotCount; ++s) z.m[s] = SlotDefault(s);
+    return z;
+  }();
+  return defaults;
 }
 
 int32_t RoundHalfAway(double v) {
