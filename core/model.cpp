@@ -1016,48 +1016,43 @@ std::string Instrument::GetParamText(int parameter) const {
   return parameter == 211 ? std::string(comment) : Item::GetParamText(parameter);
 }
 
-void Waveform::SetParamText(int parameter, std::string_view text) {
+namespace {
+
+// The five text rows a waveform and a song share, as their fields.
+template <typename T>
+std::span<char> SharedTextField(T& item, int parameter) {
   switch (parameter) {
-    case 210: CopyText(artist, text); break;
-    case 211: CopyText(comment, text); break;
-    case 212: CopyText(copyright, text); break;
-    case 213: CopyText(engineer, text); break;
-    case 214: CopyText(product, text); break;
-    default: Item::SetParamText(parameter, text); break;
+    case 210: return item.artist;
+    case 211: return item.comment;
+    case 212: return item.copyright;
+    case 213: return item.engineer;
+    case 214: return item.product;
+    default: return {};
   }
+}
+
+}  // namespace
+
+void Waveform::SetParamText(int parameter, std::string_view text) {
+  std::span<char> field = SharedTextField(*this, parameter);
+  if (field.empty()) Item::SetParamText(parameter, text);
+  else CopyText(field.data(), field.size(), text);
 }
 
 std::string Waveform::GetParamText(int parameter) const {
-  switch (parameter) {
-    case 210: return artist;
-    case 211: return comment;
-    case 212: return copyright;
-    case 213: return engineer;
-    case 214: return product;
-    default: return Item::GetParamText(parameter);
-  }
+  std::span<char> field = SharedTextField(const_cast<Waveform&>(*this), parameter);
+  return field.empty() ? Item::GetParamText(parameter) : std::string(field.data());
 }
 
 void Song::SetParamText(int parameter, std::string_view text) {
-  switch (parameter) {
-    case 210: CopyText(artist, text); break;
-    case 211: CopyText(comment, text); break;
-    case 212: CopyText(copyright, text); break;
-    case 213: CopyText(engineer, text); break;
-    case 214: CopyText(product, text); break;
-    default: Item::SetParamText(parameter, text); break;
-  }
+  std::span<char> field = SharedTextField(*this, parameter);
+  if (field.empty()) Item::SetParamText(parameter, text);
+  else CopyText(field.data(), field.size(), text);
 }
 
 std::string Song::GetParamText(int parameter) const {
-  switch (parameter) {
-    case 210: return artist;
-    case 211: return comment;
-    case 212: return copyright;
-    case 213: return engineer;
-    case 214: return product;
-    default: return Item::GetParamText(parameter);
-  }
+  std::span<char> field = SharedTextField(const_cast<Song&>(*this), parameter);
+  return field.empty() ? Item::GetParamText(parameter) : std::string(field.data());
 }
 
 }  // namespace kv

@@ -437,6 +437,21 @@ TEST_F(Fixture, ItemSetMakesTemporaryInstrumentsAndCleansUp) {
   EXPECT_EQ(all.instruments[0], second);
 }
 
+TEST(TextParameters, LandInTheirFieldsAndAreCutToThem) {
+  Collection c;
+  auto* w = Create<Waveform>(c, "w");
+  auto* song = Create<Song>(c, "s");
+  w->SetParamText(210, "Artist");
+  song->SetParamText(214, std::string(300, 'p'));
+  song->SetParamText(209, "  Renamed  ");
+  EXPECT_EQ(w->GetParamText(210), "Artist");
+  EXPECT_EQ(w->GetParamText(212), "");
+  EXPECT_EQ(song->GetParamText(214), std::string(128, 'p'));
+  EXPECT_EQ(song->GetParamText(209), "Renamed");
+  c.SetParamText(211, "Collection comment");
+  EXPECT_STREQ(c.comment, "Collection comment");
+}
+
 TEST(Tracks, EventCountFollowsRunningStatus) {
   Collection c;
   auto* t = Create<Track>(c, "t");
