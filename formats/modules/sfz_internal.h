@@ -1,0 +1,24 @@
+// Pieces of the SFZ module shared by the reader and the writer.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kv::sfz {
+
+// Filter type number (0-12) from an SFZ name: the first letter and the
+// fifth; shorter than six characters gives 0.
+int FilterTypeFromName(std::string_view name);
+// The SFZ name of a filter type; v1 has only the two-pole forms of 4-pole,
+// band-pass and notch filters. Empty for 0.
+const char* FilterTypeName(int type, bool v2);
+
+// A number as SFZ text: '.' as decimal point whatever the locale, no
+// exponent, trailing zeros removed.
+std::string FormatNumber(double value);
+
+// Q of a peaking band from its width in octaves, and back.
+double BandwidthToQ(double octaves);
+double QToBandwidth(double q);
+
+}  // namespace kv::sfz

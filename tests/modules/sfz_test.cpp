@@ -1,0 +1,572 @@
+// SFZ reader and writer: the corpus instruments, the parsing rules that are
+// easy to get wrong (paths with blanks, defines, includes, level
+// inheritance), unit conversions, and an SF2 -> SFZ -> SF2 round trip
+// rendered by FluidSynth.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "core/app.h"
+#include "core/articulation.h"
+#include "core/error.h"
+#include "core/fileref.h"
+#include "core/items.h"
+#include "formats/export.h"
+#include "formats/import.h"
+#include "formats/modules/sfz.h"
+#include "formats/modules/wav.h"
+#include "formats/registry.h"
+#include "support/testsupport.h"
+
+namespace kv {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+
+const fs::path kTimGM = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+
+// The reader alone, without the fix-up pass, so counts are the file's own.
+bool Read(Collection& c, const fs::path& path) {
+  FileRef file;
+  if (!file.OpenRead(path)) return false;
+  c.sourcePath = path;
+  return sfz_Imp(c, file, 0);
+}
+
+template <typename T>
+std::vector<T*> Children(const Collection& c, const Item& parent) {
+  std::vector<T*> out;
+  for (ItemId id : parent.children)
+    if (auto* t = c.FindAs<T>(id)) out.push_back(t);
+  return out;
+}
+
+std::vector<Region*> Regions(const Collection& c) {
+  std::vector<Region*> out;
+  for (Instrument* inst : c.All<Instrument>())
+    for (Layer* l : Children<Layer>(c, *inst))
+      for (Region* r : Children<Region>(c, *l)) out.push_back(r);
+  return out;
+}
+
+float Effective(const Region& r, int row) {
+  const Layer* l = LayerOf(r);
+  const Instrument* i = l ? InstrumentOf(*l) : nullptr;
+  return MergedArticulation(r.art, l ? l->art : Articulation(), i ? i->art : Articulation()).value[row];
+}
+
+// A short 16-bit sine as a WAV file, to stand for any sample.
+void MakeWave(const fs::path& path, uint32_t frames = 4410) {
+  Collection c;
+  Waveform* w = Create<Waveform>(c, "tone");
+  w->length = frames;
+  w->channels = 1;
+  w->sampleRate = 44100;
+  w->bits = 16;
+  w->samples16 = std::make_unique<int16_t[]>(frames);
+  for (uint32_t i = 0; i < frames; ++i) w->samples16[i] = static_cast<int16_t>(8000 * std::sin(i * 0.0627));
+  ASSERT_TRUE(WriteWaveFile(*w, path, 0)) << ErrorMessage;
+}
+
+// One instrument read from `text` in a folder that has a.wav and "My Sample.wav".
+struct Loaded {
+  TempDir dir;
+  Collection c;
+  std::vector<Region*> regions;
+  bool ok = false;
+  explicit Loaded(const std::string& text, bool fixUp = false) {
+    MakeWave(dir / "a.wav");
+    MakeWave(dir / "My Sample.wav");
+    test::WriteFile(dir / "t.sfz", text);
+    ok = fixUp ? ImportFile(c, dir / "t.sfz", false) : Read(c, dir / "t.sfz");
+    regions = Regions(c);
+  }
+};
+
+// ---- corpus ----
+
+TEST(SfzCorpus, EveryInstrumentLoadsWithItsSamplesAndRegions) {
+  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus missing";
+  MessageBoxesEnabled = 0;
+  SetSkippedBoxesQuiet(true);
+  int files = 0;
+  for (const auto& e : test::Manifest()) {
+    if (e.path.rfind("sfz/", 0) != 0 || fs::path(e.path).extension() != ".sfz") continue;
+    SCOPED_TRACE(e.path);
+    ++files;
+    Collection c;
+    ASSERT_TRUE(Read(c, test::CorpusDir() / e.path)) << ErrorMessage;
+    ASSERT_EQ(c.Count(ItemType::Instrument), 1u);
+    const auto regions = Regions(c);
+    const std::string tool = "text count (comments stripped)";
+    if (test::Fact(e.facts, tool, "#include") == "0") {
+      EXPECT_EQ(std::to_string(regions.size()), test::Fact(e.facts, tool, "<region>"));
+    }
+    for (Region* r : regions) {
+      // Only the generator region (*sine) has no file.
+      if (e.path.find("defines") != std::string::npos && !RegionWaveform(*r)) continue;
+      // An include fragment names its sample relative to the file including it.
+      if (e.path.find("/subdir/") != std::string::npos) continue;
+      EXPECT_NE(RegionWaveform(*r), nullptr) << r->Name();
+    }
+    // Through the whole import pipeline too.
+    Collection full;
+    EXPECT_TRUE(ImportFile(full, test::CorpusDir() / e.path, false)) << ErrorMessage;
+  }
+  EXPECT_GE(files, 20);
+}
+
+TEST(SfzCorpus, IncludesNestLoopAndUseBackslashes) {
+  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus missing";
+  const fs::path dir = test::CorpusDir() / "sfz/sfizz-includes";
+  auto samples = [&](const char* file) {
+    Collection c;
+    EXPECT_TRUE(Read(c, dir / file)) << ErrorMessage;
+    std::vector<std::string> names;
+    for (Region* r : Regions(c)) names.push_back(RegionWaveform(*r) ? std::string(RegionWaveform(*r)->Name()) : "-");
+    return names;
+  };
+  EXPECT_EQ(samples("root_local.sfz"), (std::vector<std::string>{"dummy"}));
+  EXPECT_EQ(samples("multiple_includes_with_comments.sfz"), (std::vector<std::string>{"dummy", "dummy2"}));
+  EXPECT_EQ(samples("root_recursive.sfz"), (std::vector<std::string>{"dummy_recursive2", "dummy_recursive1"}));
+  EXPECT_EQ(samples("root_loop.sfz"), (std::vector<std::string>{"dummy_loop2", "dummy_loop1"}));
+  EXPECT_EQ(samples("root_subdir_win.sfz"), (std::vector<std::string>{"dummy_subdir"}));
+}
+
+TEST(SfzCorpus, RangesDefinesAndEmbeddedSamples) {
+  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus missing";
+  Collection avl;
+  ASSERT_TRUE(Read(avl, test::CorpusDir() / "sfz/sfizz-groups_avl/groups_avl.sfz"));
+  const auto r = Regions(avl);
+  ASSERT_EQ(r.size(), 5u);
+  const int lo[5] = {1, 27, 53, 78, 103}, hi[5] = {26, 52, 77, 102, 127};
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(r[i]->trigger.loKey, 36);
+    EXPECT_EQ(r[i]->trigger.loVel, lo[i]);
+    EXPECT_EQ(r[i]->trigger.hiVel, hi[i]);
+    EXPECT_FLOAT_EQ(Effective(*r[i], kRowMasterVolume), 6.0f);
+  }
+  Collection defs;
+  ASSERT_TRUE(Read(defs, test::CorpusDir() / "sfz/sfizz-defines/defines.sfz"));
+  const auto d = Regions(defs);
+  ASSERT_EQ(d.size(), 4u);
+  EXPECT_EQ(d[0]->trigger.loKey, 36);
+  EXPECT_EQ(d[1]->trigger.loKey, 38);
+  EXPECT_EQ(d[2]->trigger.hiKey, 42);
+  EXPECT_FLOAT_EQ(Effective(*d[3], kRowMasterVolume), -12.0f);
+
+  Collection embedded;
+  ASSERT_TRUE(Read(embedded, test::CorpusDir() / "sfz/sfizz-kick_embedded/kick_embedded.sfz"));
+  const auto e = Regions(embedded);
+  ASSERT_EQ(e.size(), 1u);
+  Waveform* w = RegionWaveform(*e[0]);
+  ASSERT_NE(w, nullptr);
+  EXPECT_TRUE(w->HasData());
+  EXPECT_GT(w->length, 1000u);
+}
+
+TEST(SfzCorpus, PolyphoneBackslashPathsAndLoopsInclusive) {
+  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus missing";
+  Collection c;
+  ASSERT_TRUE(Read(c, test::CorpusDir() / "sfz/polyphone-TimGM6mb-subset/000_Standard.sfz"));
+  const auto r = Regions(c);
+  ASSERT_EQ(r.size(), 62u);
+  // The first region: Filter Snap on key 27, loop 3..593 inclusive, pan 0.8%.
+  EXPECT_EQ(r[0]->trigger.loKey, 27);
+  ASSERT_NE(RegionWaveform(*r[0]), nullptr);
+  EXPECT_STREQ(RegionWaveform(*r[0])->name, "Filter Snap");
+  EXPECT_FLOAT_EQ(r[0]->loopStart, 3.0f);
+  EXPECT_FLOAT_EQ(r[0]->loopEnd, 594.0f);
+  EXPECT_EQ(r[0]->rootKey, 44);
+  EXPECT_NEAR(Effective(*r[0], 51), 0.008f, 1e-6);
+  EXPECT_NEAR(Effective(*r[0], kRowMasterTune), 0.35f, 1e-6);
+  EXPECT_EQ(ValueAsInt(Effective(*r[0], kRowFilterType)), 2);
+}
+
+// ---- parsing ----
+
+TEST(SfzRead, SamplePathWithBlanksAndOpcodesOnTheSameLine) {
+  Loaded t("<region> sample=My Sample.wav lokey=40 hikey=50 // note\n"
+           "<region>sample=a.wav key=c#4\n");
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  ASSERT_EQ(t.regions.size(), 2u);
+  ASSERT_NE(RegionWaveform(*t.regions[0]), nullptr);
+  EXPECT_EQ(RegionWaveform(*t.regions[0])->sourcePath.filename(), "My Sample.wav");
+  EXPECT_EQ(t.regions[0]->trigger.loKey, 40);
+  EXPECT_EQ(t.regions[0]->trigger.hiKey, 50);
+  EXPECT_EQ(t.regions[1]->trigger.loKey, 61);
+  EXPECT_EQ(t.regions[1]->rootKey, 61);
+}
+
+TEST(SfzRead, DollarDefinesAreSubstitutedOthersOnlyRemoved) {
+  Loaded t("#define $KEY 40\n#define $KEYS 70\n#define PLAIN 50\n"
+           "<region> sample=a.wav lokey=$KEY hikey=$KEYS\n"
+           "<region> sample=a.wav lokey=PLAIN hikey=90\n");
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  ASSERT_EQ(t.regions.size(), 2u);
+  EXPECT_EQ(t.regions[0]->trigger.loKey, 40);
+  EXPECT_EQ(t.regions[0]->trigger.hiKey, 70);
+  EXPECT_EQ(t.regions[1]->trigger.loKey, 0);  // "PLAIN" is no number
+}
+
+TEST(SfzRead, GroupsStartFromGlobalAndEmptyGroupsAddNothing) {
+  Loaded t("<global> volume=-6 pan=20\n<group> volume=3 tune=50\n<group> lokey=10 hikey=20\n"
+           "<region> sample=a.wav\n<region> sample=a.wav lokey=5 hikey=9 pan=-10\n"
+           "<master> tune=10\n<group>\n<region> sample=a.wav lokey=30 hikey=40\n");
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  ASSERT_EQ(t.regions.size(), 3u);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[0], kRowMasterVolume), -6.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[0], kRowMasterTune), 0.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[1], 51), -0.1f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[2], kRowMasterTune), 0.1f);
+  // Global values live on the instrument; what all regions of a group share
+  // on the layer; differences on the regions.
+  Instrument* inst = t.c.All<Instrument>().front();
+  EXPECT_TRUE(inst->art.IsSet(kRowMasterVolume));
+  EXPECT_FALSE(t.regions[0]->art.IsSet(kRowMasterVolume));
+  EXPECT_TRUE(t.regions[1]->art.IsSet(51));
+  EXPECT_FALSE(t.regions[0]->art.IsSet(51));
+  EXPECT_EQ(LayerOf(*t.regions[0])->trigger.loKey, 10);
+}
+
+TEST(SfzRead, OverlappingRegionsGoToSeparateLayers) {
+  Loaded t("<group> <region> sample=a.wav <region> sample=My Sample.wav\n<group> <region> sample=a.wav lokey=0 hikey=10\n",
+           true);
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  EXPECT_EQ(t.regions.size(), 3u);
+}
+
+TEST(SfzRead, BrokenTextIsBoundedAndLoadsWhatItCan) {
+  // Includes pointing nowhere, an unterminated header, an unknown header.
+  Loaded t("#include \"missing.sfz\"\n#include \"../../../nowhere\\x.sfz\"\n<regi\n<foo> volume=99\n"
+           "<region sample=a.wav\n<region> sample=a.wav volume=-3\n<region> sample=gone.wav\n<region> sample=*sine\n");
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  ASSERT_EQ(t.regions.size(), 3u);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[0], kRowMasterVolume), -3.0f);
+  EXPECT_EQ(RegionWaveform(*t.regions[1]), nullptr);
+  EXPECT_EQ(RegionWaveform(*t.regions[2]), nullptr);
+
+  // A define that doubles at every level stops at the size limit.
+  std::string bomb = "#define $a xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx\n";
+  std::string prev = "$a";
+  for (int i = 0; i < 40; ++i) {
+    const std::string name = "$b" + std::to_string(i);
+    bomb += "#define " + name + " " + prev + prev + prev + prev + "\n";
+    prev = name;
+  }
+  bomb += "<region> sample=" + prev + "\n";
+  TempDir dir;
+  test::WriteFile(dir / "bomb.sfz", bomb);
+  Collection c;
+  EXPECT_FALSE(Read(c, dir / "bomb.sfz"));
+  EXPECT_STREQ(ErrorMessage, "Out of memory");
+
+  // A file including itself.
+  test::WriteFile(dir / "self.sfz", "#include \"self.sfz\"\n#include \"self.sfz\"\n<region> sample=x.wav\n");
+  Collection s;
+  ASSERT_TRUE(Read(s, dir / "self.sfz"));
+  EXPECT_EQ(Regions(s).size(), 1u);
+}
+
+TEST(SfzRead, MissingDecoderWarnsAndTheLoadGoesOn) {
+  static std::string seen;
+  seen.clear();
+  SetBoxPresenter([](const std::string& text, const std::string&, BoxButtons) {
+    seen += text + "\n";
+    return kBoxOk;
+  });
+  MessageBoxesEnabled = 1;
+  Loaded t("<region> sample=kick.flac\n<region> sample=a.wav lokey=60 hikey=70\n");
+  SetBoxPresenter(nullptr);
+  MessageBoxesEnabled = 0;
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  ASSERT_EQ(t.regions.size(), 2u);
+  EXPECT_EQ(RegionWaveform(*t.regions[0]), nullptr);
+  EXPECT_NE(RegionWaveform(*t.regions[1]), nullptr);
+  EXPECT_NE(seen.find("Warning"), std::string::npos) << seen;
+  EXPECT_NE(seen.find("FLAC"), std::string::npos) << seen;
+}
+
+// ---- conversions ----
+
+TEST(SfzRead, VelocityKeyAndFilterConversions) {
+  Loaded t("<region> sample=a.wav amp_veltrack=100\n<region> sample=a.wav amp_veltrack=50 amp_keytrack=1 amp_keycenter=48\n"
+           "<region> sample=a.wav cutoff=1000 fil_veltrack=1200 fil_type=hpf_4p resonance=3\n"
+           "<region> sample=a.wav cutoff=1000 fil_keytrack=100 fil_keycenter=48 filtype=bpf_1p\n"
+           "<region> sample=a.wav cutoff2=500 fil2_type=lpf_6p\n");
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  ASSERT_EQ(t.regions.size(), 5u);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[0], 15), 96.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[1], 15), 48.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[1], 16), 12.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[1], kRowMasterVolume), 12.0f);
+  EXPECT_EQ(ValueAsInt(Effective(*t.regions[2], kRowFilterType)), 8);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[2], 25), 6.0f);
+  EXPECT_NEAR(Effective(*t.regions[2], kRowCutoff), 1414.2f, 0.1f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[2], kRowResonance), 3.0f);
+  EXPECT_EQ(ValueAsInt(Effective(*t.regions[3], kRowFilterType)), 9);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[3], 26), 12.0f);
+  EXPECT_NEAR(Effective(*t.regions[3], kRowCutoff), 2000.0f, 0.1f);
+  EXPECT_EQ(ValueAsInt(Effective(*t.regions[4], kRowFilterType)), 4);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[4], kRowCutoff), 500.0f);
+}
+
+TEST(SfzRead, LoopsTriggersAndEnvelopes) {
+  Loaded t("<region> sample=a.wav loop_mode=loop_sustain loop_start=10 loop_end=99 loop_type=alternate\n"
+           "<region> sample=a.wav loopmode=one_shot trigger=release group=3 off_by=3 lokey=1 hikey=1\n"
+           "<region> sample=a.wav seq_length=3 seq_position=2 lokey=2 hikey=40 xfin_lokey=10 xfin_hikey=20\n"
+           "<region> sample=a.wav lokey=3 hikey=3 ampeg_attack=0.5 ampeg_vel2attack=-0.25 ampeg_sustain=50 "
+           "fileg_depth=1200 pitchlfo_depth_oncc1=50 offset=100 end=3999 locc64=64\n");
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  ASSERT_EQ(t.regions.size(), 4u);
+  Region& a = *t.regions[0];
+  EXPECT_EQ(a.loopType, 3);
+  EXPECT_EQ(a.loopRelease, 1);
+  EXPECT_FLOAT_EQ(a.loopStart, 10.0f);
+  EXPECT_FLOAT_EQ(a.loopEnd, 100.0f);
+  Region& b = *t.regions[1];
+  EXPECT_EQ(b.loopType, 0);
+  EXPECT_FLOAT_EQ(Effective(b, EnvRow(kEnvV, kEnvReleaseMode)), 1.0f);
+  EXPECT_EQ(b.trigger.triggerType, 1);
+  EXPECT_EQ(b.trigger.exclusionGroup, 3);
+  Region& c = *t.regions[2];
+  EXPECT_EQ(c.trigger.triggerType, 3);
+  EXPECT_EQ(c.trigger.loKey, 15);
+  EXPECT_EQ(c.trigger.keyFadeIn, 10);
+  Region& d = *t.regions[3];
+  EXPECT_FLOAT_EQ(Effective(d, EnvRow(kEnvV, kEnvA2Time)), 0.5f);
+  EXPECT_FLOAT_EQ(Effective(d, EnvRow(kEnvV, kEnvA2Vel)), 0.5f);
+  EXPECT_FLOAT_EQ(Effective(d, EnvRow(kEnvV, kEnvSustain)), 0.5f);
+  EXPECT_FLOAT_EQ(Effective(d, 33), 12.0f);
+  EXPECT_FLOAT_EQ(Effective(d, 4), 0.5f);
+  EXPECT_EQ(d.startOffset, 100);
+  EXPECT_EQ(d.endOffset, -410);
+  EXPECT_EQ(d.trigger.sustainSwitch, 1);
+}
+
+// ---- writing ----
+
+std::string SaveText(Instrument& inst, const fs::path& path, uint32_t variant) {
+  FileRef file;
+  EXPECT_TRUE(file.OpenWrite(path));
+  ExportRequest r{0, variant, 0.0f};
+  EXPECT_TRUE(sfz_Exp(inst, file, r)) << ErrorMessage;
+  file.Close();
+  return test::ReadFile(path);
+}
+
+TEST(SfzWrite, HeadersFilterNamesAndSubFolders) {
+  Loaded t("<region> sample=My Sample.wav cutoff=500 fil_type=lpf_4p pan=-25.5 lokey=40 hikey=50\n", true);
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  Instrument& inst = *t.c.All<Instrument>().front();
+  TempDir out;
+  const std::string v1 = SaveText(inst, out / "one.sfz", 0);
+  EXPECT_EQ(v1.rfind("/////////////////////////////////////////////////////////////////////////////\n"
+                     "/// sfz definition file\n/// written by Kelvo Studio v12.5\n",
+                     0),
+            0u)
+      << v1;
+  EXPECT_NE(v1.find("fil_type=lpf_2p"), std::string::npos) << v1;
+  EXPECT_NE(v1.find("pan=-25.5"), std::string::npos) << v1;
+  EXPECT_EQ(v1.find('\r'), std::string::npos);
+  EXPECT_EQ(v1.find("<control>"), std::string::npos);
+  EXPECT_TRUE(fs::exists(out / "tone.wav"));
+
+  const std::string v2 = SaveText(inst, out / "two.sfz", 3);
+  EXPECT_EQ(v2.rfind("//-------------------------------------------------------------------------------------------------\n"
+                     "// sfz Definition File\n// Version 2\n//\n// Written by Kelvo Studio v12.5\n",
+                     0),
+            0u)
+      << v2;
+  EXPECT_NE(v2.find("fil_type=lpf_4p"), std::string::npos) << v2;
+  EXPECT_NE(v2.find("default_path=two/"), std::string::npos) << v2;
+  EXPECT_TRUE(fs::exists(out / "two" / "tone.wav"));
+  // Defaults are left out.
+  EXPECT_EQ(v2.find("amp_veltrack"), std::string::npos) << v2;
+  EXPECT_EQ(v2.find("pitch_keytrack"), std::string::npos) << v2;
+}
+
+TEST(SfzWrite, ReadBackKeepsWhatTheModelSays) {
+  Loaded t("<global> volume=-3 amp_veltrack=50\n"
+           "<group> cutoff=2000 fil_veltrack=600 resonance=2 ampeg_attack=0.25 ampeg_release=1.5\n"
+           "<region> sample=My Sample.wav lokey=40 hikey=50 pitch_keycenter=45 tune=-20 transpose=1 "
+           "loop_mode=loop_continuous loop_start=100 loop_end=3999 loop_type=backward\n"
+           "<region> sample=a.wav lokey=51 hikey=60 pan=30 group=2 off_by=2 xfin_lovel=10 xfin_hivel=30\n"
+           "<group> lokey=61 hikey=80\n<region> sample=a.wav lokey=61 hikey=80 loop_mode=one_shot "
+           "seq_length=2 seq_position=2 fileg_depth=-600 fileg_decay=0.4 fileg_sustain=20 cutoff=400\n",
+           true);
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  Instrument& inst = *t.c.All<Instrument>().front();
+  for (uint32_t variant : {2u, 3u}) {
+    SCOPED_TRACE(variant);
+    TempDir out;
+    SaveText(inst, out / "back.sfz", variant);
+    Collection again;
+    ASSERT_TRUE(ImportFile(again, out / "back.sfz", false)) << ErrorMessage;
+    const auto a = Regions(t.c), b = Regions(again);
+    ASSERT_EQ(a.size(), b.size());
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      SCOPED_TRACE(i);
+      for (int row = 0; row < kArticulationCount; ++row)
+        EXPECT_NEAR(Effective(*a[i], row), Effective(*b[i], row), 0.002f + 0.001f * std::fabs(Effective(*a[i], row)))
+            << "row " << row;
+      for (int p = 189; p <= 208; ++p) EXPECT_FLOAT_EQ(a[i]->GetParam(p), b[i]->GetParam(p)) << "param " << p;
+      EXPECT_EQ(a[i]->GetParam(220), b[i]->GetParam(220));
+    }
+  }
+}
+
+TEST(SfzWrite, OtherItemsAreRefused) {
+  Collection c;
+  Song* song = Create<Song>(c, "s");
+  TempDir out;
+  FileRef file;
+  ASSERT_TRUE(file.OpenWrite(out / "x.sfz"));
+  ExportRequest r{0, 0, 0.0f};
+  EXPECT_FALSE(sfz_Exp(*song, file, r));
+  EXPECT_STREQ(ErrorMessage, "The file format can not save this item");
+}
+
+// ---- peers ----
+
+// A format-0 MIDI file: notes on eight melodic programs, then the drum channel.
+std::string EightProgramSong() {
+  std::string track;
+  auto delta = [&](uint32_t ticks) {
+    uint8_t buf[4];
+    int n = 0;
+    buf[n++] = ticks & 0x7F;
+    while (ticks >>= 7) buf[n++] = 0x80 | (ticks & 0x7F);
+    while (n) track += static_cast<char>(buf[--n]);
+  };
+  auto ev = [&](uint32_t ticks, std::initializer_list<int> bytes) {
+    delta(ticks);
+    for (int b : bytes) track += static_cast<char>(b);
+  };
+  const int programs[8] = {0, 11, 19, 24, 33, 48, 56, 73};
+  for (int ch = 0; ch < 8; ++ch) ev(0, {0xC0 | ch, programs[ch]});
+  for (int ch = 0; ch < 8; ++ch) {
+    for (int n = 0; n < 2; ++n) {
+      const int key = 45 + 9 * n + ch * 3;
+      ev(0, {0x90 | ch, key, 70 + 20 * n});
+      ev(0, {0x99, n == 0 ? 36 : 42, 100});
+      ev(200, {0x89, n == 0 ? 36 : 42, 0});
+      ev(40, {0x80 | ch, key, 0});
+    }
+  }
+  for (int d : {35, 38, 40, 46, 49, 51, 56, 60}) {
+    ev(0, {0x99, d, 110});
+    ev(120, {0x89, d, 0});
+  }
+  ev(960, {0xFF, 0x2F, 0});
+  std::string s = "MThd";
+  s += std::string("\0\0\0\x06\0\0\0\x01\x01\xE0", 10);
+  s += "MTrk";
+  const uint32_t size = static_cast<uint32_t>(track.size());
+  for (int i = 3; i >= 0; --i) s += static_cast<char>(size >> (8 * i));
+  return s + track;
+}
+
+std::vector<double> ReadWav16(const fs::path& path) {
+  const std::string bytes = test::ReadFile(path);
+  std::vector<double> out;
+  for (std::size_t pos = 12; pos + 8 <= bytes.size();) {
+    const uint32_t size = static_cast<uint8_t>(bytes[pos + 4]) | static_cast<uint8_t>(bytes[pos + 5]) << 8 |
+                          static_cast<uint8_t>(bytes[pos + 6]) << 16 | uint32_t{static_cast<uint8_t>(bytes[pos + 7])} << 24;
+    if (bytes.compare(pos, 4, "data") == 0) {
+      for (std::size_t i = pos + 8; i + 1 < std::min<std::size_t>(bytes.size(), pos + 8 + size); i += 2)
+        out.push_back(static_cast<int16_t>(static_cast<uint8_t>(bytes[i]) | (static_cast<uint8_t>(bytes[i + 1]) << 8)) /
+                      32768.0);
+      break;
+    }
+    pos += 8 + size + (size & 1);
+  }
+  return out;
+}
+
+TEST(SfzPeers, SoundFontThroughSfzRendersLikeTheOriginal) {
+  if (!fs::exists(kTimGM)) GTEST_SKIP() << "timgm6mb-soundfont not installed";
+  if (!test::HaveTool("fluidsynth")) GTEST_SKIP() << "fluidsynth not installed";
+  MessageBoxesEnabled = 0;
+  SetSkippedBoxesQuiet(true);
+  TempDir dir;
+  Collection bank;
+  ASSERT_TRUE(ImportFile(bank, kTimGM, false)) << ErrorMessage;
+  const int row = 388;  // v2, waves in sub-folders
+  int saved = 0;
+  ASSERT_TRUE(SaveAll(bank, dir / "out" / "x.sfz", row, ExportRequest{}, 213, false, OnExists::Overwrite, saved))
+      << ErrorContext << ": " << ErrorMessage;
+  EXPECT_EQ(saved, static_cast<int>(bank.Count(ItemType::Instrument)));
+
+  // Back to one bank: every instrument file merged, locations restored from
+  // the original by name.
+  Collection back;
+  std::vector<fs::path> files;
+  for (const auto& e : fs::directory_iterator(dir / "out"))
+    if (e.path().extension() == ".sfz") files.push_back(e.path());
+  std::sort(files.begin(), files.end());
+  ASSERT_EQ(files.size(), static_cast<std::size_t>(saved));
+  for (const fs::path& f : files) ASSERT_TRUE(MergeFile(back, f)) << f << ": " << ErrorMessage;
+  std::vector<Instrument*> originals = bank.All<Instrument>();
+  for (Instrument* inst : back.All<Instrument>()) {
+    for (Instrument* o : originals)
+      if (SafeFileName(o->Name()) == inst->Name()) inst->location = o->location;
+  }
+  const fs::path copy = dir / "back.sf2";
+  ASSERT_TRUE(SaveFile(&back, copy, FindWriterByExtension("sf2", 0x80), ExportRequest{}, false))
+      << ErrorContext << ": " << ErrorMessage;
+
+  test::WriteFile(dir / "song.mid", EightProgramSong());
+  auto render = [&](const fs::path& sf, const fs::path& wav, std::string& log) {
+    return test::RunCommand("fluidsynth -ni -F '" + wav.string() + "' -r 44100 '" + sf.string() + "' '" +
+                                (dir / "song.mid").string() + "' 2>&1",
+                            &log);
+  };
+  std::string logA, logB;
+  ASSERT_EQ(render(kTimGM, dir / "a.wav", logA), 0) << logA;
+  ASSERT_EQ(render(copy, dir / "b.wav", logB), 0) << logB;
+  const auto a = ReadWav16(dir / "a.wav"), b = ReadWav16(dir / "b.wav");
+  ASSERT_GT(a.size(), 44100u);
+  const std::size_t n = std::min(a.size(), b.size());
+  double dot = 0, aa = 0, bb = 0, diff = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    dot += a[i] * b[i], aa += a[i] * a[i], bb += b[i] * b[i];
+    diff += (a[i] - b[i]) * (a[i] - b[i]);
+  }
+  const double correlation = dot / std::sqrt(aa * bb);
+  const double differenceDb = 10 * std::log10(diff / aa);
+  RecordProperty("correlation", std::to_string(correlation));
+  RecordProperty("difference_db", std::to_string(differenceDb));
+  std::printf("sf2 -> sfz -> sf2 render: correlation %.5f, difference %.1f dB\n", correlation, differenceDb);
+  EXPECT_GE(correlation, 0.99);
+  EXPECT_LE(differenceDb, -40.0);
+}
+
+TEST(SfzPeers, PolyphoneImportsOurFiles) {
+  if (!test::HaveTool("polyphone")) GTEST_SKIP() << "polyphone not installed";
+  Loaded t("<group> ampeg_release=0.5\n<region> sample=My Sample.wav lokey=40 hikey=50 cutoff=800\n"
+           "<region> sample=a.wav lokey=51 hikey=70 loop_mode=loop_continuous loop_start=10 loop_end=2000\n",
+           true);
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  Instrument& inst = *t.c.All<Instrument>().front();
+  for (uint32_t variant : {0u, 1u, 2u, 3u}) {
+    SCOPED_TRACE(variant);
+    TempDir out;
+    SaveText(inst, out / "inst.sfz", variant);
+    std::string log;
+    const int rc = test::RunCommand("cd '" + out.path().string() + "' && QT_QPA_PLATFORM=offscreen timeout 60 polyphone -1 -i '" +
+                                        (out / "inst.sfz").string() + "' -d '" + out.path().string() + "' 2>&1",
+                                    &log);
+    EXPECT_EQ(rc, 0) << log;
+    ASSERT_TRUE(fs::exists(out / "inst.sf2")) << log;
+    EXPECT_GT(fs::file_size(out / "inst.sf2"), 8000u);
+  }
+}
+
+}  // namespace
+}  // namespace kv
