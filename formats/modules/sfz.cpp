@@ -96,8 +96,13 @@ const char* FilterTypeName(int type, bool v2) {
 
 std::string FormatNumber(double value) {
   if (!std::isfinite(value)) return "0";
-  char buf[64];
-  auto res = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, 6);
+  // Six significant digits: values come from 32-bit floats, whose noise
+  // ("28.200001") says nothing.
+  const double magnitude = std::fabs(value);
+  int decimals = 6;
+  if (magnitude >= 1.0) decimals = std::max(0, 6 - (static_cast<int>(std::floor(std::log10(magnitude))) + 1));
+  char buf[400];
+  auto res = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, decimals);
   std::string s(buf, res.ptr);
   if (s.find('.') != std::string::npos) {
     while (s.back() == '0') s.pop_back();

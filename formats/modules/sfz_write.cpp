@@ -290,6 +290,35 @@ bool WriteInstrument(Instrument& inst, FileRef& file, const ExportRequest& reque
   Append(text, Difference(instOps, defaults));
   text += "\n";
 
+  // Channel effects as <effect> headers on the bus of their slot, so that
+  // the sends of the regions keep a target.
+  for (int slot = 0; slot < kFxSlots; ++slot) {
+    const ChannelFx& fx = inst.fx[slot];
+    const float* p = fx.param;
+    std::string e;
+    switch (fx.type) {
+      case 1:
+        e = std::string(" type=") + (p[6] != 0 ? "flanger" : "chorus") + " lfofreq=" + sfz::FormatNumber(p[0]) +
+            " depth=" + sfz::FormatNumber(p[1] / 0.02 * 100.0) + " feedback=" + sfz::FormatNumber(p[3] * 100.0);
+        break;
+      case 2:
+        e = " type=fverb size=" + sfz::FormatNumber(p[0] * 100.0) + " damp=" + sfz::FormatNumber(p[1] * 100.0);
+        break;
+      case 5:
+        e = " type=comp threshold=" + sfz::FormatNumber(p[0]) + " ratio=" + sfz::FormatNumber(p[1]) +
+            " attack=" + sfz::FormatNumber(p[2]) + " release=" + sfz::FormatNumber(p[3]) + " gain=" + sfz::FormatNumber(p[4]);
+        break;
+      case 6: e = " type=disto drive=" + sfz::FormatNumber(p[0]); break;
+      case 7:
+        e = " type=phaser lfofreq=" + sfz::FormatNumber(p[1]) + " depth=" + sfz::FormatNumber(p[2] * 100.0) +
+            " feedback=" + sfz::FormatNumber(p[4] * 100.0);
+        break;
+      case 8: e = " type=filter cutoff=" + sfz::FormatNumber(p[2]); break;
+      default: continue;
+    }
+    text += "<effect> bus=fx" + std::to_string(slot + 1) + e + "\n";
+  }
+
   WaveFiles waves(waveFolder, request.request);
   std::vector<Layer*> layers = ChildrenOf<Layer>(inst);
   int seqLength = 1;
