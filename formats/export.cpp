@@ -252,7 +252,7 @@ bool ExportItem(Item* item, int row, const fs::path& path, ExportRequest request
 
   const bool needsSynthesis = target->NeedsSynthesis();
   const uint8_t removal = static_cast<uint8_t>((1u << static_cast<unsigned>(target->Type())) - 1);
-  FixUpItems(c, removal, false);
+  FixUpItemTree(*target, removal);
 
   App().savingOrConverting = true;
   if (!target->EnsureData()) return finish(false);

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
+#include <memory>
 #include <cstring>
 #include <string>
 #include <system_error>
@@ -115,17 +117,46 @@ std::vector<ItemId> IdsOf(const Collection& c, ItemType t) {
   return ids;
 }
 
-// Deletes what `doomed` picks among the items of one type; gathered first,
-// since each deletion changes the map.
+// Deletes what `doomed` picks among the given items of one type; gathered
+// first, since each deletion changes the map.
 template <typename T, typename Pred>
-bool RemoveWhere(Collection& c, ItemType t, Pred doomed) {
+bool RemoveWhere(Collection& c, const std::vector<ItemId>& ids, Pred doomed) {
   std::vector<ItemId> victims;
-  for (Item* item : c.ItemsOf(t))
-    if (auto* typed = dynamic_cast<T*>(item); typed && doomed(*typed)) victims.push_back(item->id);
+  for (ItemId id : ids)
+    if (T* typed = c.FindAs<T>(id); typed && doomed(*typed)) victims.push_back(id);
   for (ItemId id : victims)
     if (Item* item = c.Find(id)) DeleteItem(item);
   return !victims.empty();
 }
+
+// The ids FixUpItems works on, by type, asked for at each type's turn (a
+// layer's fix-up may delete regions).
+using IdSource = std::function<std::vector<ItemId>(ItemType)>;
+
+// The items of an item's own tree, and the waveforms its regions play.
+IdSource TreeIds(Item& root) {
+  auto lists = std::make_shared<std::array<std::vector<ItemId>, kItemTypeCount>>();
+  Collection& c = *root.collection;
+  auto add = [&](auto& self, Item& item) -> void {
+    (*lists)[static_cast<int>(item.Type())].push_back(item.id);
+    for (ItemId child : item.children) {
+      Item* sub = c.Find(child);
+      if (!sub) continue;
+      if (sub->Type() == ItemType::Waveform) {
+        auto& waves = (*lists)[static_cast<int>(ItemType::Waveform)];
+        if (std::find(waves.begin(), waves.end(), sub->id) == waves.end()) waves.push_back(sub->id);
+      } else {
+        self(self, *sub);
+      }
+    }
+  };
+  add(add, root);
+  return [lists](ItemType t) { return (*lists)[static_cast<int>(t)]; };
+}
+
+// Phases 1 and 2 of the fix-up over the items `ids` gives; true if any item
+// was deleted.
+bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, bool loadOptions);
 
 // "C4..G5" and " : 1..100" in the manner of a region name.
 std::string RangeText(const TriggerRecord& t) {
@@ -374,15 +405,15 @@ void ResetRawImportQuestion() {
 
 // ---------------------------------------------------------------- FixUpItems
 
-void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
-  StatusText("Fixing up items...");
+namespace {
+
+bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, bool loadOptions) {
   const uint64_t features = Settings().features;
 
-  // Phase 1: normalise, type by type, each from a snapshot of ids taken at
-  // its turn (a layer's fix-up may delete regions).
+  // Phase 1: normalise, type by type.
   for (ItemType t : {ItemType::Instrument, ItemType::Layer, ItemType::Region, ItemType::SynthModel,
                      ItemType::Waveform, ItemType::Song, ItemType::Track}) {
-    for (ItemId id : IdsOf(c, t)) {
+    for (ItemId id : ids(t)) {
       Item* item = c.Find(id);
       if (!item) continue;
       if (auto* wave = dynamic_cast<Waveform*>(item); wave && loadOptions) {
@@ -407,36 +438,54 @@ void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
   // went goes in the same call.
   bool deleted = false;
   if (removal & TypeBit(ItemType::Waveform))
-    deleted |= RemoveWhere<Waveform>(c, ItemType::Waveform, [](const Waveform& w) {
+    deleted |= RemoveWhere<Waveform>(c, ids(ItemType::Waveform), [](const Waveform& w) {
       return w.length == 0 || (w.channels != 1 && w.channels != 2);
     });
   if (removal & TypeBit(ItemType::SynthModel))
-    deleted |= RemoveWhere<SynthModel>(c, ItemType::SynthModel, [](SynthModel& m) {
+    deleted |= RemoveWhere<SynthModel>(c, ids(ItemType::SynthModel), [](SynthModel& m) {
       DropDeadChildren(m);
       return m.children.empty();
     });
   if (removal & TypeBit(ItemType::Region))
-    deleted |= RemoveWhere<Region>(c, ItemType::Region, [](Region& r) {
+    deleted |= RemoveWhere<Region>(c, ids(ItemType::Region), [](Region& r) {
       DropDeadChildren(r);
       return r.children.empty();
     });
   if (removal & TypeBit(ItemType::Layer))
-    deleted |= RemoveWhere<Layer>(c, ItemType::Layer, [](Layer& l) {
+    deleted |= RemoveWhere<Layer>(c, ids(ItemType::Layer), [](Layer& l) {
       DropDeadChildren(l);
       return l.children.empty();
     });
   if (removal & TypeBit(ItemType::Instrument))
-    deleted |= RemoveWhere<Instrument>(c, ItemType::Instrument, [](Instrument& i) {
+    deleted |= RemoveWhere<Instrument>(c, ids(ItemType::Instrument), [](Instrument& i) {
       DropDeadChildren(i);
       return i.children.empty();
     });
   if (removal & TypeBit(ItemType::Track))
-    deleted |= RemoveWhere<Track>(c, ItemType::Track, [](const Track& t) { return t.EventCount() == 0; });
+    deleted |= RemoveWhere<Track>(c, ids(ItemType::Track), [](const Track& t) { return t.EventCount() == 0; });
   if (removal & TypeBit(ItemType::Song))
-    deleted |= RemoveWhere<Song>(c, ItemType::Song, [](Song& s) {
+    deleted |= RemoveWhere<Song>(c, ids(ItemType::Song), [](Song& s) {
       DropDeadChildren(s);
       return s.children.empty();
     });
+  return deleted;
+}
+
+}  // namespace
+
+void FixUpItemTree(Item& root, uint8_t removal) {
+  if (!root.collection) return;
+  if (root.Type() == ItemType::Collection) {
+    FixUpItems(static_cast<Collection&>(root), removal, false);
+    return;
+  }
+  if (NormaliseAndRemove(*root.collection, TreeIds(root), removal, false)) App().refresh = true;
+}
+
+void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
+  StatusText("Fixing up items...");
+  const bool deleted =
+      NormaliseAndRemove(c, [&c](ItemType t) { return IdsOf(c, t); }, removal, loadOptions);
 
   // Phase 3: marks that repeat the level above go.
   if (loadOptions) DropRedundantMarks(c);

@@ -55,6 +55,12 @@ std::filesystem::path ResolveImportPath(const std::filesystem::path& name);
 // below the saved item's own. `loadOptions` applies the load settings.
 void FixUpItems(Collection& collection, uint8_t removal, bool loadOptions);
 
+// The same normalising and removal for one item's own tree (an instrument
+// with its layers and regions, and the waveforms it plays) when only that
+// item is about to be written: a save of one instrument needn't walk the
+// whole collection. A collection goes through FixUpItems.
+void FixUpItemTree(Item& root, uint8_t removal);
+
 // Sort modes the load options ask of the views: the collection tree's (1
 // after a load with load.bAutoSortColl) and the waveform list's (2 with
 // load.bAutoSortWaves); 0 until a load sets them. The views read them.
