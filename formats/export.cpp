@@ -646,10 +646,13 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
 }
 
 bool SaveAllItems(Collection& c, const fs::path& baseWithExt, int mode, bool subdirs, OnExists onExists,
-                  int& savedCount) {
+                  int& savedCount, std::string_view format) {
   savedCount = 0;
   const std::string ext = baseWithExt.extension().string();
-  const int row = ext.size() > 1 ? FindWriterRow(std::string_view(ext).substr(1), 0xFF) : -1;
+  // A named writer picks among the rows of one extension (the SFZ variants).
+  const int row = !format.empty()          ? FindWriterRow(format, 0xFF)
+                  : ext.size() > 1         ? FindWriterRow(std::string_view(ext).substr(1), 0xFF)
+                                           : -1;
   if (row < 0) return Fail(kSaveAllContext, "Can't 'Save all...' with this file format!");
   Settings().sall.iMode = mode;
   Settings().sall.bSubDirs = subdirs ? 1 : 0;

@@ -83,7 +83,8 @@ bool SaveCollectionOrItem(Collection& collection, Item* item, const std::filesys
                           const SaveOptions& options);
 // SaveAll with the row taken from the base name's extension.
 bool SaveAllItems(Collection& collection, const std::filesystem::path& baseWithExt, int mode, bool subdirs,
-                  OnExists onExists, int& savedCount);
+                  OnExists onExists, int& savedCount,
+                  std::string_view format = {});
 // A row from "385", "sfz" or a row's name, among writers fitting `typeMask`; -1 if none.
 int FindWriterRow(std::string_view text, uint32_t typeMask);
 

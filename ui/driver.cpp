@@ -125,7 +125,7 @@ bool RunSaveOptions(const std::string& saveOut, const std::string& saveItem, Sav
   }
   if (!saveAllBase.empty()) {
     int saved = 0;
-    if (!SaveAllItems(main, saveAllBase, mode, subdirs, policy, saved)) {
+    if (!SaveAllItems(main, saveAllBase, mode, subdirs, policy, saved, saveOptions.format)) {
       ShowErrorBox();
       ok = false;
     }
@@ -200,7 +200,7 @@ int RunDriver(std::vector<std::string> args) {
   bool saveAllSubdirs = Settings().sall.bSubDirs != 0;
   std::vector<std::string> replaceWaves;
   app.add_option("--save", saveOut, "Save the collection (or --item) to this file");
-  app.add_option("--format", saveOptions.format, "With --save: writer row number, extension or name");
+  app.add_option("--format", saveOptions.format, "With --save or --save-all: writer row number, extension or name");
   app.add_option("--data-format", saveOptions.dataFormat, "With --save: sample coding, e.g. \"PCM 16-bit\"");
   app.add_option("--channels", saveOptions.channels, "With --save: auto, mono or stereo");
   app.add_option("--rate", saveOptions.rateKbps, "With --save: kbit/s for compressed formats");
@@ -265,7 +265,7 @@ int RunDriver(std::vector<std::string> args) {
       if (!loaded) ShowErrorBox();
     }
     if (!loaded) BuildDemoCollection(main);
-    PrintItemTree(stdout, main);
+    PrintSummary(stdout, main);
   } else {
     if (OpenFileList(files) > 0) status = 1;
     for (int number : opt.commands) {

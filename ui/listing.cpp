@@ -63,4 +63,21 @@ void PrintItemTree(std::FILE* out, const Collection& c) {
   }
 }
 
+void PrintSummary(std::FILE* out, const Collection& c) {
+  std::fprintf(out, "Collection \"%s\"", c.name);
+  if (!c.sourcePath.empty()) std::fprintf(out, " from %s", c.sourcePath.c_str());
+  std::fprintf(out, "\n");
+  static const ItemType kShown[] = {ItemType::Instrument, ItemType::Layer, ItemType::Region, ItemType::Waveform,
+                                    ItemType::Song, ItemType::Track};
+  for (ItemType t : kShown)
+    if (c.Count(t)) std::fprintf(out, "  %u %s%s\n", c.Count(t), TypeWord(t), c.Count(t) == 1 ? "" : "s");
+  std::vector<Instrument*> instruments = c.All<Instrument>();
+  std::stable_sort(instruments.begin(), instruments.end(),
+                   [](const Instrument* a, const Instrument* b) { return a->location < b->location; });
+  for (Instrument* inst : instruments)
+    std::fprintf(out, "  %s%3u:%-3u %3u  %s\n", LocationIsDrum(inst->location) ? "drum " : "bank ",
+                 LocationMajorBank(inst->location), LocationMinorBank(inst->location), LocationProgram(inst->location),
+                 inst->name);
+}
+
 }  // namespace kv

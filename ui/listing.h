@@ -11,4 +11,8 @@ namespace kv {
 // key=value facts (location for instruments, ranges and wave for regions).
 void PrintItemTree(std::FILE* out, const Collection& c);
 
+// What a collection holds in a few lines: its name and source, the count of
+// each item type, and one line per instrument.
+void PrintSummary(std::FILE* out, const Collection& c);
+
 }  // namespace kv
