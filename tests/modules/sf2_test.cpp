@@ -19,6 +19,7 @@
 #include "core/wavestore.h"
 #include "formats/modules/sf2.h"
 #include "formats/registry.h"
+#include "support/render.h"
 #include "support/testsupport.h"
 
 namespace kv {
@@ -422,55 +423,20 @@ TEST(Sf2Write, OtherItemsAreRefused) {
 
 // ---- peers ----
 
-// A format-0 MIDI file: a few notes on several programs and on the drum channel.
+// A few notes on several programs and on the drum channel.
 std::string TestSong() {
-  std::string track;
-  auto delta = [&](uint32_t ticks) {
-    uint8_t buf[4];
-    int n = 0;
-    buf[n++] = ticks & 0x7F;
-    while (ticks >>= 7) buf[n++] = 0x80 | (ticks & 0x7F);
-    while (n) track += static_cast<char>(buf[--n]);
-  };
-  auto ev = [&](uint32_t ticks, std::initializer_list<int> bytes) {
-    delta(ticks);
-    for (int b : bytes) track += static_cast<char>(b);
-  };
+  test::SmfTrack t;
   const int programs[4] = {0, 24, 48, 73};
-  for (int ch = 0; ch < 4; ++ch) ev(0, {0xC0 | ch, programs[ch]});
+  for (int ch = 0; ch < 4; ++ch) t.Event(0, {0xC0 | ch, programs[ch]});
   for (int ch = 0; ch < 4; ++ch) {
     for (int n = 0; n < 3; ++n) {
-      ev(0, {0x90 | ch, 48 + 7 * n + ch * 5, 100});
-      ev(0, {0x99, n == 0 ? 36 : n == 1 ? 38 : 42, 110});
-      ev(240, {0x89, n == 0 ? 36 : n == 1 ? 38 : 42, 0});
-      ev(0, {0x80 | ch, 48 + 7 * n + ch * 5, 0});
+      t.Event(0, {0x90 | ch, 48 + 7 * n + ch * 5, 100});
+      t.Event(0, {0x99, n == 0 ? 36 : n == 1 ? 38 : 42, 110});
+      t.Event(240, {0x89, n == 0 ? 36 : n == 1 ? 38 : 42, 0});
+      t.Event(0, {0x80 | ch, 48 + 7 * n + ch * 5, 0});
     }
   }
-  ev(960, {0xFF, 0x2F, 0});
-  std::string s = "MThd";
-  s += std::string("\0\0\0\x06\0\0\0\x01\x01\xE0", 10);
-  s += "MTrk";
-  const uint32_t size = static_cast<uint32_t>(track.size());
-  for (int i = 3; i >= 0; --i) s += static_cast<char>(size >> (8 * i));
-  return s + track;
-}
-
-std::vector<double> ReadWav16(const fs::path& path) {
-  const std::string bytes = test::ReadFile(path);
-  std::vector<double> out;
-  for (std::size_t pos = 12; pos + 8 <= bytes.size();) {
-    const uint32_t size = static_cast<uint8_t>(bytes[pos + 4]) | static_cast<uint8_t>(bytes[pos + 5]) << 8 |
-                          static_cast<uint8_t>(bytes[pos + 6]) << 16 | uint32_t{static_cast<uint8_t>(bytes[pos + 7])} << 24;
-    if (bytes.compare(pos, 4, "data") == 0) {
-      for (std::size_t i = pos + 8; i + 1 < std::min<std::size_t>(bytes.size(), pos + 8 + size); i += 2) {
-        out.push_back(static_cast<int16_t>(static_cast<uint8_t>(bytes[i]) | (static_cast<uint8_t>(bytes[i + 1]) << 8)) /
-                      32768.0);
-      }
-      break;
-    }
-    pos += 8 + size + (size & 1);
-  }
-  return out;
+  return t.File();
 }
 
 TEST(Sf2Peers, TimGMRoundTripLoadsAndRendersLikeTheOriginal) {
@@ -506,9 +472,7 @@ TEST(Sf2Peers, TimGMRoundTripLoadsAndRendersLikeTheOriginal) {
 
   test::WriteFile(dir / "song.mid", TestSong());
   auto render = [&](const fs::path& bank, const fs::path& wav, std::string& log) {
-    return test::RunCommand("fluidsynth -ni -F '" + wav.string() + "' -r 44100 '" + bank.string() + "' '" +
-                                (dir / "song.mid").string() + "' 2>&1",
-                            &log);
+    return test::RenderWithFluidSynth(bank, dir / "song.mid", wav, log);
   };
   std::string logA, logB;
   ASSERT_EQ(render(kTimGM, dir / "a.wav", logA), 0) << logA;
@@ -521,17 +485,10 @@ TEST(Sf2Peers, TimGMRoundTripLoadsAndRendersLikeTheOriginal) {
   };
   EXPECT_LE(count(logB, "warning"), count(logA, "warning")) << logB;
 
-  const auto a = ReadWav16(dir / "a.wav"), b = ReadWav16(dir / "b.wav");
+  const auto a = test::ReadWav16(dir / "a.wav"), b = test::ReadWav16(dir / "b.wav");
   ASSERT_GT(a.size(), 44100u);
-  const std::size_t n = std::min(a.size(), b.size());
-  EXPECT_LT(std::max(a.size(), b.size()) - n, 4410u);
-  double dot = 0, aa = 0, bb = 0, diff = 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    dot += a[i] * b[i], aa += a[i] * a[i], bb += b[i] * b[i];
-    diff += (a[i] - b[i]) * (a[i] - b[i]);
-  }
-  const double correlation = dot / std::sqrt(aa * bb);
-  const double differenceDb = 10 * std::log10(diff / aa);
+  EXPECT_LT(std::max(a.size(), b.size()) - std::min(a.size(), b.size()), 4410u);
+  const auto [correlation, differenceDb] = test::CompareRenders(a, b);
   RecordProperty("correlation", std::to_string(correlation));
   RecordProperty("difference_db", std::to_string(differenceDb));
   std::printf("render: correlation %.5f, difference %.1f dB\n", correlation, differenceDb);
