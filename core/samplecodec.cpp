@@ -103,7 +103,16 @@ __attribute__((target("ssse3"))) std::size_t Pcm24Ssse3(const uint8_t* s, float*
   const __m128i flips = _mm_set1_epi32(static_cast<int32_t>(flip));
   const __m128 scale = _mm_set1_ps(kScale32);
   std::size_t i = 0;
-  // A 16-byte load at 3 * i stays inside the data while i + 6 <= n.
+  // A 16-byte load at 3 * i stays inside the data while i + 6 <= n; two per
+  // round keep both shuffle ports busy.
+  for (; i + 10 <= n; i += 8) {
+    __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 3 * i));
+    __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 3 * i + 12));
+    __m128i wa = _mm_xor_si128(_mm_shuffle_epi8(a, shuffle), flips);
+    __m128i wb = _mm_xor_si128(_mm_shuffle_epi8(b, shuffle), flips);
+    _mm_storeu_ps(d + i, _mm_mul_ps(_mm_cvtepi32_ps(wa), scale));
+    _mm_storeu_ps(d + i + 4, _mm_mul_ps(_mm_cvtepi32_ps(wb), scale));
+  }
   for (; i + 6 <= n; i += 4) {
     __m128i raw = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 3 * i));
     __m128i words = _mm_xor_si128(_mm_shuffle_epi8(raw, shuffle), flips);
@@ -114,6 +123,44 @@ __attribute__((target("ssse3"))) std::size_t Pcm24Ssse3(const uint8_t* s, float*
 
 bool HaveSsse3() {
   static const bool have = __builtin_cpu_supports("ssse3");
+  return have;
+}
+
+// Byte order of 32-bit words reversed in place, four words per shuffle.
+__attribute__((target("ssse3"))) std::size_t Swap32Ssse3(float* d, std::size_t n) {
+  const __m128i shuffle = _mm_setr_epi8(3, 2, 1, 0, 7, 6, 5, 4, 11, 10, 9, 8, 15, 14, 13, 12);
+  std::size_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + i));
+    __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + i + 4));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), _mm_shuffle_epi8(a, shuffle));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + 4), _mm_shuffle_epi8(b, shuffle));
+  }
+  return i;
+}
+
+// The same eight lanes at a time where the processor has AVX2.
+__attribute__((target("avx2"))) std::size_t FloatTo16Avx2(const float* s, int16_t* d, std::size_t n) {
+  const __m256 scale = _mm256_set1_ps(32768.0f), lo = _mm256_set1_ps(-32768.0f), hi = _mm256_set1_ps(32767.0f);
+  const __m256 half = _mm256_set1_ps(0.5f), minusHalf = _mm256_set1_ps(-0.5f);
+  auto eight = [&](const float* p) {
+    __m256 x = _mm256_min_ps(_mm256_max_ps(_mm256_mul_ps(_mm256_loadu_ps(p), scale), lo), hi);
+    __m256i t = _mm256_cvttps_epi32(x);
+    __m256 frac = _mm256_sub_ps(x, _mm256_cvtepi32_ps(t));
+    t = _mm256_sub_epi32(t, _mm256_castps_si256(_mm256_cmp_ps(frac, half, _CMP_GE_OQ)));
+    return _mm256_add_epi32(t, _mm256_castps_si256(_mm256_cmp_ps(frac, minusHalf, _CMP_LT_OQ)));
+  };
+  std::size_t i = 0;
+  for (; i + 16 <= n; i += 16) {
+    // The pack works within 128-bit halves; the permute puts them in order.
+    __m256i packed = _mm256_packs_epi32(eight(s + i), eight(s + i + 8));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), _mm256_permute4x64_epi64(packed, 0xD8));
+  }
+  return i;
+}
+
+bool HaveAvx2() {
+  static const bool have = __builtin_cpu_supports("avx2");
   return have;
 }
 
@@ -328,7 +375,11 @@ void kvDecodePcm32InPlace(std::span<float> data, bool bigEndian, bool isUnsigned
 void kvDecodeFloat32InPlace(std::span<float> data, bool bigEndian) {
   if (!bigEndian) return;
   float* d = data.data();
-  for (std::size_t i = 0; i < data.size(); ++i) {
+  std::size_t i = 0;
+#if defined(__x86_64__)
+  if (HaveSsse3()) i = Swap32Ssse3(d, data.size());
+#endif
+  for (; i < data.size(); ++i) {
     uint32_t v;
     std::memcpy(&v, d + i, 4);
     v = __builtin_bswap32(v);
@@ -362,7 +413,8 @@ void kvFloatTo16(std::span<const float> in, std::span<int16_t> out) {
   const std::size_t n = in.size();
   std::size_t i = 0;
 #if defined(__x86_64__)
-  i = FloatTo16Sse2(s, d, n);
+  if (HaveAvx2()) i = FloatTo16Avx2(s, d, n);
+  i += FloatTo16Sse2(s + i, d + i, n - i);
 #endif
   for (; i < n; ++i) d[i] = FloatTo16(s[i]);
 }
