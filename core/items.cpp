@@ -81,7 +81,8 @@ Item* ItemMap::Find(ItemId id) const {
 
 void ItemMap::Insert(ItemId id, Item* item) {
   if (size_ + 1 > buckets_.size()) Rehash(buckets_.size() * 2);
-  auto* node = new Node{id, item, nullptr, tail_, nullptr};  // freed by Erase/Clear
+  pool_.push_back(std::make_unique<Node>(Node{id, item, nullptr, tail_, nullptr, pool_.size()}));
+  Node* node = pool_.back().get();
   Node*& bucket = buckets_[Hash(id) & (buckets_.size() - 1)];
   node->bucketNext = bucket;
   bucket = node;
@@ -98,17 +99,17 @@ bool ItemMap::Erase(ItemId id) {
   *link = node->bucketNext;
   if (node->prev) node->prev->next = node->next; else head_ = node->next;
   if (node->next) node->next->prev = node->prev; else tail_ = node->prev;
-  delete node;
+  // Free the node by moving the pool's last one into its place.
+  const std::size_t slot = node->slot;
+  pool_[slot] = std::move(pool_.back());
+  pool_[slot]->slot = slot;
+  pool_.pop_back();
   --size_;
   return true;
 }
 
 void ItemMap::Clear() {
-  for (Node* n = head_; n;) {
-    Node* next = n->next;
-    delete n;
-    n = next;
-  }
+  pool_.clear();
   head_ = tail_ = nullptr;
   size_ = 0;
   std::fill(buckets_.begin(), buckets_.end(), nullptr);
@@ -477,6 +478,7 @@ bool MergeCollections(Collection& destination, Collection& source) {
 // ---------------------------------------------------------------- clone
 
 Item* CloneItem(const Item& source, Collection& into, const char* newName, bool withData) {
+  // Each copy joins its collection's map in its constructor; the map owns it.
   auto owner = [&](ItemType t) -> Collection& { return *into.owners[static_cast<int>(t)]; };
   switch (source.Type()) {
     case ItemType::Waveform:

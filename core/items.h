@@ -431,9 +431,11 @@ class ItemMap {
     Node* bucketNext;
     Node* prev;
     Node* next;
+    std::size_t slot;  // place in pool_
   };
   void Rehash(std::size_t buckets);
 
+  std::vector<std::unique_ptr<Node>> pool_;  // owns the nodes, in no particular order
   std::vector<Node*> buckets_;
   Node* head_ = nullptr;
   Node* tail_ = nullptr;
