@@ -135,6 +135,31 @@ std::unique_ptr<T[]> TakeChannel(const T* stereo, uint32_t frames, int channel) 
   return out;
 }
 
+// Two mono halves make one stereo wave only when one loop serves both.
+bool SameLoop(const Waveform& a, const Waveform& b) {
+  return a.loopType == b.loopType && a.loopRelease == b.loopRelease && a.loopStart == b.loopStart &&
+         a.loopEnd == b.loopEnd && a.loopPitch == b.loopPitch && a.fineTune == b.fineTune;
+}
+
+// Whether region `b` plays exactly as `a` apart from its pan, so that `a`
+// alone can play both halves once they share a stereo wave.
+bool PlaysAlike(const Region& a, const Region& b) {
+  if (a.rootKey != b.rootKey || a.overrideMask != b.overrideMask || a.loopType != b.loopType ||
+      a.loopRelease != b.loopRelease || a.loopStart != b.loopStart || a.loopEnd != b.loopEnd ||
+      a.loopPitch != b.loopPitch || a.startOffset != b.startOffset || a.endOffset != b.endOffset)
+    return false;
+  const Layer* la = LayerOf(a);
+  const Layer* lb = LayerOf(b);
+  const Instrument* ia = la ? InstrumentOf(*la) : nullptr;
+  const Instrument* ib = lb ? InstrumentOf(*lb) : nullptr;
+  const Articulation none;
+  const Articulation ea = MergedArticulation(a.art, la ? la->art : none, ia ? ia->art : none);
+  const Articulation eb = MergedArticulation(b.art, lb ? lb->art : none, ib ? ib->art : none);
+  for (int i = 0; i < kArticulationCount; ++i)
+    if (i != kRowPan && ea.value[i] != eb.value[i]) return false;
+  return true;
+}
+
 bool FullPan(float a, float b) { return (a <= -0.9f && b >= 0.9f) || (a >= 0.9f && b <= -0.9f); }
 
 // Regions follow a wave whose loop moved: offsets stay inside the new loop's
@@ -222,11 +247,30 @@ int MergeStereoPairs(Collection& c) {
     Waveform* right = nullptr;
     for (Side& r : rights)
       if (!taken.count(r.wave) && r.stem == l.stem && r.wave->length == left->length &&
-          r.wave->sampleRate == left->sampleRate && r.wave->rootKey == left->rootKey) {
+          r.wave->sampleRate == left->sampleRate && r.wave->rootKey == left->rootKey && SameLoop(*r.wave, *left)) {
         right = r.wave;
         break;
       }
-    if (!right || !LoadForProcessing(*left) || !LoadForProcessing(*right)) continue;
+    if (!right) continue;
+    // The right half's regions: a partner on the left half with the same
+    // ranges in the same instrument absorbs it; any other plays the pair.
+    std::vector<Region*> regions = c.All<Region>();
+    auto partnerOf = [&](const Region& r) -> Region* {
+      Instrument* inst = InstrumentOfRegion(r);
+      for (Region* p : regions)
+        if (p != &r && RegionWaveform(*p) == left && InstrumentOfRegion(*p) == inst &&
+            p->trigger.SameRanges(r.trigger))
+          return p;
+      return nullptr;
+    };
+    // A partner set up differently (envelope, tuning, loop) would lose the
+    // right half's own settings when it absorbs it.
+    const bool alike = std::ranges::all_of(regions, [&](Region* r) {
+      if (RegionWaveform(*r) != right) return true;
+      const Region* p = partnerOf(*r);
+      return !p || PlaysAlike(*p, *r);
+    });
+    if (!alike || !LoadForProcessing(*left) || !LoadForProcessing(*right)) continue;
     if (!InterleaveInto(*left, *right)) {
       ClearError();
       continue;
@@ -234,19 +278,9 @@ int MergeStereoPairs(Collection& c) {
     taken.insert(right);
     left->SetName(l.stem);
 
-    // Regions of the right half: a partner on the left half with the same
-    // ranges in the same instrument absorbs it; any other plays the pair.
-    std::vector<Region*> regions = c.All<Region>();
-    for (Region* r : regions) {
+    for (Region* r : std::vector<Region*>(regions)) {
       if (RegionWaveform(*r) != right) continue;
-      Region* partner = nullptr;
-      Instrument* inst = InstrumentOfRegion(*r);
-      for (Region* p : regions)
-        if (p != r && RegionWaveform(*p) == left && InstrumentOfRegion(*p) == inst &&
-            p->trigger.SameRanges(r->trigger)) {
-          partner = p;
-          break;
-        }
+      Region* partner = partnerOf(*r);
       if (!partner) {
         SetRegionWaveform(*r, left->id);
         continue;

@@ -72,6 +72,29 @@ TEST_F(Ops, PairsNeedMatchingLengthRateAndRoot) {
   EXPECT_EQ(c.Count(ItemType::Waveform), 6u);
 }
 
+TEST_F(Ops, PairsNeedOneLoopAndHalvesThatPlayAlike) {
+  Wave(c, "A L", 10)->loopStart = 2;
+  Wave(c, "A R", 10)->loopStart = 3;  // loop differs
+  Waveform* bl = Wave(c, "B L", 10);
+  Waveform* br = Wave(c, "B R", 10);
+  auto* inst = Create<Instrument>(c, "B");
+  Region* l = RegionOn(*AddLayer(*inst), bl, 0, 127);
+  Region* r = RegionOn(*AddLayer(*inst), br, 0, 127);
+  l->art.Set(kRowPan, -1.0f);
+  r->art.Set(kRowPan, 1.0f);
+  const int attack = EnvRow(kEnvV, kEnvA1Time);
+  l->art.Set(attack, 0.03f);
+  r->art.Set(attack, 0.15f);  // the right half would lose its own attack
+  inst->FixUp();
+  EXPECT_EQ(MergeStereoPairs(c), 0);
+  EXPECT_EQ(c.Count(ItemType::Waveform), 4u);
+  EXPECT_EQ(c.Count(ItemType::Region), 2u);
+
+  r->art.Set(attack, 0.03f);
+  EXPECT_EQ(MergeStereoPairs(c), 1);
+  EXPECT_EQ(c.Count(ItemType::Region), 1u);
+}
+
 TEST_F(Ops, DuplicatesNeedIdenticalBitsAndFieldsAndRegionsFollowTheKeptWave) {
   Waveform* a = Wave(c, "A", 100);
   Waveform* b = Wave(c, "B", 100);          // same bits: goes

@@ -82,11 +82,17 @@ int RecordBox(const std::string& text, const std::string&, BoxButtons) {
   return kBoxOk;
 }
 struct BoxCapture {
+  // Other suites switch boxes off for the whole run; a capture needs them on.
+  const uint8_t enabled = MessageBoxesEnabled;
   BoxCapture() {
     Boxes().clear();
+    MessageBoxesEnabled = 1;
     SetBoxPresenter(RecordBox);
   }
-  ~BoxCapture() { SetBoxPresenter(nullptr); }
+  ~BoxCapture() {
+    SetBoxPresenter(nullptr);
+    MessageBoxesEnabled = enabled;
+  }
 };
 
 // The Python with soundfile the peer comparisons use, or "" when missing.
