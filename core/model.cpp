@@ -912,7 +912,8 @@ void Layer::FixUp() {
     }
     ++i;
   }
-  for (Region* r : RegionsOf(*this)) r->art.Inherit(art);
+  // No second Inherit here: sorting and resolving leave every articulation
+  // as the loop above made it.
 }
 
 bool Layer::NeedsSynthesis() const {
