@@ -139,21 +139,23 @@ __attribute__((target("ssse3"))) std::size_t Swap32Ssse3(float* d, std::size_t n
   return i;
 }
 
-// The same eight lanes at a time where the processor has AVX2.
+// The same eight lanes at a time where the processor has AVX2. A plain
+// function rather than a lambda: lambdas do not inherit the target attribute.
+__attribute__((target("avx2"))) static inline __m256i RoundEightAvx2(const float* p) {
+  const __m256 x = _mm256_min_ps(_mm256_max_ps(_mm256_mul_ps(_mm256_loadu_ps(p), _mm256_set1_ps(32768.0f)),
+                                               _mm256_set1_ps(-32768.0f)),
+                                 _mm256_set1_ps(32767.0f));
+  __m256i t = _mm256_cvttps_epi32(x);
+  const __m256 frac = _mm256_sub_ps(x, _mm256_cvtepi32_ps(t));
+  t = _mm256_sub_epi32(t, _mm256_castps_si256(_mm256_cmp_ps(frac, _mm256_set1_ps(0.5f), _CMP_GE_OQ)));
+  return _mm256_add_epi32(t, _mm256_castps_si256(_mm256_cmp_ps(frac, _mm256_set1_ps(-0.5f), _CMP_LT_OQ)));
+}
+
 __attribute__((target("avx2"))) std::size_t FloatTo16Avx2(const float* s, int16_t* d, std::size_t n) {
-  const __m256 scale = _mm256_set1_ps(32768.0f), lo = _mm256_set1_ps(-32768.0f), hi = _mm256_set1_ps(32767.0f);
-  const __m256 half = _mm256_set1_ps(0.5f), minusHalf = _mm256_set1_ps(-0.5f);
-  auto eight = [&](const float* p) {
-    __m256 x = _mm256_min_ps(_mm256_max_ps(_mm256_mul_ps(_mm256_loadu_ps(p), scale), lo), hi);
-    __m256i t = _mm256_cvttps_epi32(x);
-    __m256 frac = _mm256_sub_ps(x, _mm256_cvtepi32_ps(t));
-    t = _mm256_sub_epi32(t, _mm256_castps_si256(_mm256_cmp_ps(frac, half, _CMP_GE_OQ)));
-    return _mm256_add_epi32(t, _mm256_castps_si256(_mm256_cmp_ps(frac, minusHalf, _CMP_LT_OQ)));
-  };
   std::size_t i = 0;
   for (; i + 16 <= n; i += 16) {
     // The pack works within 128-bit halves; the permute puts them in order.
-    __m256i packed = _mm256_packs_epi32(eight(s + i), eight(s + i + 8));
+    __m256i packed = _mm256_packs_epi32(RoundEightAvx2(s + i), RoundEightAvx2(s + i + 8));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(d + i), _mm256_permute4x64_epi64(packed, 0xD8));
   }
   return i;
