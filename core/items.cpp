@@ -311,8 +311,9 @@ Item* Collection::Find(ItemId itemId) const {
 
 std::vector<Item*> Collection::ItemsOf(ItemType t) const {
   std::vector<Item*> out;
-  map_.ForEach([&](Item* item) {
-    if (item->Type() == t) out.push_back(item);
+  out.reserve(counts[static_cast<int>(t)]);
+  map_.ForEachEntry([&](ItemId id, Item* item) {
+    if (TypeOf(id) == t) out.push_back(item);
   });
   return out;
 }

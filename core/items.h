@@ -423,6 +423,11 @@ class ItemMap {
   void ForEach(Fn&& fn) const {
     for (Node* n = head_; n; n = n->next) fn(n->item);
   }
+  // The same walk with each id, which tells the type without touching the item.
+  template <typename Fn>
+  void ForEachEntry(Fn&& fn) const {
+    for (Node* n = head_; n; n = n->next) fn(n->id, n->item);
+  }
 
  private:
   struct Node {
@@ -590,8 +595,8 @@ template <typename T>
 std::vector<T*> Collection::All() const {
   std::vector<T*> out;
   out.reserve(counts[static_cast<int>(kTypeOf<T>)]);
-  map_.ForEach([&](Item* item) {
-    if (item->Type() == kTypeOf<T>) out.push_back(static_cast<T*>(item));
+  map_.ForEachEntry([&](ItemId id, Item* item) {
+    if (TypeOf(id) == kTypeOf<T>) out.push_back(static_cast<T*>(item));
   });
   return out;
 }

@@ -1,6 +1,7 @@
 #include "core/samplecodec.h"
 
 #include <array>
+#include <bit>
 #include <cstring>
 
 #if defined(__x86_64__)
@@ -433,9 +434,19 @@ void kvEncodePcm8(std::span<const int16_t> in, std::span<uint8_t> out, bool isUn
 }
 
 void kvEncodePcm16(std::span<const int16_t> in, std::span<uint8_t> out, bool bigEndian, bool isUnsigned) {
+  // The common case is the memory form itself; the others get a loop each so
+  // that none carries a per-sample branch.
+  const bool swap = bigEndian == (std::endian::native == std::endian::little);
   const uint16_t flip = isUnsigned ? 0x8000 : 0;
-  for (std::size_t i = 0; i < in.size(); ++i) {
-    Store16(out.data() + 2 * i, static_cast<uint16_t>(static_cast<uint16_t>(in[i]) ^ flip), bigEndian);
+  if (!swap && !flip) {
+    std::memcpy(out.data(), in.data(), in.size() * 2);
+    return;
+  }
+  uint8_t* d = out.data();
+  if (swap) {
+    for (std::size_t i = 0; i < in.size(); ++i) Store16(d + 2 * i, static_cast<uint16_t>(in[i]) ^ flip, true);
+  } else {
+    for (std::size_t i = 0; i < in.size(); ++i) Store16(d + 2 * i, static_cast<uint16_t>(in[i]) ^ flip, false);
   }
 }
 

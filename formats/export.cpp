@@ -301,7 +301,20 @@ bool ExportItem(Item* item, int row, const fs::path& path, ExportRequest request
 
 // ---------------------------------------------------------------- SaveFile
 
+namespace {
+uint64_t g_batchNumber = 0;
+int g_batchDepth = 0;
+}  // namespace
+
+// Nested batches (SaveFile inside SaveAll) share the outer one's number.
+ExportBatch::ExportBatch() {
+  if (g_batchDepth++ == 0) ++g_batchNumber;
+}
+ExportBatch::~ExportBatch() { --g_batchDepth; }
+uint64_t ExportBatch::Current() { return g_batchDepth > 0 ? g_batchNumber : 0; }
+
 bool SaveFile(Item* item, const fs::path& path, int row, ExportRequest request, bool report) {
+  const ExportBatch batch;
   if (report) StatusText("Saving...");
   std::error_code ec;
   // A symbolic link stays a link: its target is what gets saved.
@@ -499,6 +512,7 @@ std::string SaveAllName(const Item& item, int number, int mode, const std::strin
 
 bool SaveAll(Collection& c, const fs::path& baseWithExt, int row, ExportRequest request, int mode, bool subdirs,
              OnExists onExists, int& savedCount) {
+  const ExportBatch batch;
   savedCount = 0;
   const FormatEntry* entry = FormatAt(row);
   if (!entry || !RowWriteFunction(row)) return Fail(kExportContext, "Invalid export format selected");

@@ -34,6 +34,19 @@ void ReleaseAdaptedWave(const Waveform& original, Waveform* adapted);
 // the recent lists take the path.
 bool SaveFile(Item* item, const std::filesystem::path& path, int row, ExportRequest request, bool report);
 
+// Saves that belong together: a SaveAll and everything it writes, or one
+// SaveFile on its own. Writers of external files use the number to skip a
+// file that the same batch has already written with the same content.
+class ExportBatch {
+ public:
+  ExportBatch();
+  ~ExportBatch();
+  ExportBatch(const ExportBatch&) = delete;
+  ExportBatch& operator=(const ExportBatch&) = delete;
+  // The batch under way, or 0 outside any.
+  static uint64_t Current();
+};
+
 // ---- choosing the target, without a dialog ----
 
 // Type flags a row must hold to take the item; every row fits no item.

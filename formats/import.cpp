@@ -111,10 +111,14 @@ void DropDeadChildren(Item& item) {
     if (!item.collection->Find(item.children[i])) item.children.erase(i);
 }
 
-std::vector<ItemId> IdsOf(const Collection& c, ItemType t) {
-  std::vector<ItemId> ids;
-  for (Item* item : c.ItemsOf(t)) ids.push_back(item->id);
-  return ids;
+using IdLists = std::array<std::vector<ItemId>, kItemTypeCount>;
+
+// Every id of the collection by type, in list order, in one walk of the map.
+IdLists IdsByType(const Collection& c) {
+  IdLists lists;
+  for (int t = 0; t < kItemTypeCount; ++t) lists[t].reserve(c.Count(static_cast<ItemType>(t)));
+  c.Map().ForEachEntry([&](ItemId id, Item*) { lists[static_cast<int>(TypeOf(id))].push_back(id); });
+  return lists;
 }
 
 // Deletes what `doomed` picks among the given items of one type; gathered
@@ -131,11 +135,11 @@ bool RemoveWhere(Collection& c, const std::vector<ItemId>& ids, Pred doomed) {
 
 // The ids FixUpItems works on, by type, asked for at each type's turn (a
 // layer's fix-up may delete regions).
-using IdSource = std::function<std::vector<ItemId>(ItemType)>;
+using IdSource = std::function<const std::vector<ItemId>&(ItemType)>;
 
 // The items of an item's own tree, and the waveforms its regions play.
 IdSource TreeIds(Item& root) {
-  auto lists = std::make_shared<std::array<std::vector<ItemId>, kItemTypeCount>>();
+  auto lists = std::make_shared<IdLists>();
   Collection& c = *root.collection;
   auto add = [&](auto& self, Item& item) -> void {
     (*lists)[static_cast<int>(item.Type())].push_back(item.id);
@@ -151,7 +155,7 @@ IdSource TreeIds(Item& root) {
     }
   };
   add(add, root);
-  return [lists](ItemType t) { return (*lists)[static_cast<int>(t)]; };
+  return [lists](ItemType t) -> const std::vector<ItemId>& { return (*lists)[static_cast<int>(t)]; };
 }
 
 // Phases 1 and 2 of the fix-up over the items `ids` gives; true if any item
@@ -416,20 +420,24 @@ bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, boo
     for (ItemId id : ids(t)) {
       Item* item = c.Find(id);
       if (!item) continue;
-      if (auto* wave = dynamic_cast<Waveform*>(item); wave && loadOptions) {
+      if (t == ItemType::Waveform && loadOptions) {
         // Before FixUp, which turns "Default" into 16-bit or float.
-        if (wave->preferredFormat == kPreferredDefault && IsGeneric(*wave)) {
-          int preferred = PreferredFormatFor(SourceDataFormat(wave->sourceFormat));
-          if (preferred >= 0) wave->preferredFormat = static_cast<uint8_t>(preferred);
+        auto& wave = static_cast<Waveform&>(*item);
+        if (wave.preferredFormat == kPreferredDefault && IsGeneric(wave)) {
+          int preferred = PreferredFormatFor(SourceDataFormat(wave.sourceFormat));
+          if (preferred >= 0) wave.preferredFormat = static_cast<uint8_t>(preferred);
         }
       }
       item->FixUp();
-      if (auto* inst = dynamic_cast<Instrument*>(item)) ReduceArticulation(inst->art, features);
-      else if (auto* layer = dynamic_cast<Layer*>(item)) ReduceArticulation(layer->art, features);
-      else if (auto* region = dynamic_cast<Region*>(item)) {
-        ReduceArticulation(region->art, features);
+      if (t == ItemType::Instrument) {
+        ReduceArticulation(static_cast<Instrument&>(*item).art, features);
+      } else if (t == ItemType::Layer) {
+        ReduceArticulation(static_cast<Layer&>(*item).art, features);
+      } else if (t == ItemType::Region) {
+        auto& region = static_cast<Region&>(*item);
+        ReduceArticulation(region.art, features);
         if (loadOptions)
-          if (Waveform* wave = RegionWaveform(*region)) DropRedundantOverrides(*region, *wave);
+          if (Waveform* wave = RegionWaveform(region)) DropRedundantOverrides(region, *wave);
       }
     }
   }
@@ -484,8 +492,12 @@ void FixUpItemTree(Item& root, uint8_t removal) {
 
 void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
   StatusText("Fixing up items...");
-  const bool deleted =
-      NormaliseAndRemove(c, [&c](ItemType t) { return IdsOf(c, t); }, removal, loadOptions);
+  // Ids are gathered once: fix-up deletes but never adds, and the look-ups
+  // skip what is gone.
+  const IdLists lists = IdsByType(c);
+  const bool deleted = NormaliseAndRemove(
+      c, [&lists](ItemType t) -> const std::vector<ItemId>& { return lists[static_cast<int>(t)]; }, removal,
+      loadOptions);
 
   // Phase 3: marks that repeat the level above go.
   if (loadOptions) DropRedundantMarks(c);

@@ -173,15 +173,27 @@ OpList ArticulationOpcodes(const Articulation& source, bool v2) {
 }
 
 // The opcodes of `child` whose text differs from `parent`'s.
+// Both lists come from ArticulationOpcodes and so mostly walk in step; the
+// search runs only where a conditional opcode puts them out of step.
 OpList Difference(const OpList& child, const OpList& parent) {
-  std::map<std::string, std::string> p(parent.begin(), parent.end());
   OpList out;
+  std::size_t next = 0;
   for (const auto& [name, value] : child) {
-    auto it = p.find(name);
-    if (it != p.end() && it->second == value) continue;
-    if (it == p.end() && value == "0") continue;
+    const std::string* inherited = nullptr;
+    if (next < parent.size() && parent[next].first == name) {
+      inherited = &parent[next++].second;
+    } else {
+      for (std::size_t k = 0; k < parent.size(); ++k) {
+        if (parent[k].first != name) continue;
+        inherited = &parent[k].second;
+        next = k + 1;
+        break;
+      }
+    }
+    if (inherited && *inherited == value) continue;
+    if (!inherited && value == "0") continue;
     if (name == "cutoff" && value == "off") {
-      if (it != p.end()) out.emplace_back("cutoff", "24000");
+      if (inherited) out.emplace_back("cutoff", "24000");
       continue;
     }
     out.emplace_back(name, value);
@@ -194,9 +206,16 @@ void Append(std::string& text, const OpList& ops) {
 }
 
 // Wave files written in this process, by path: a second instrument saved to
-// the same folder mustn't overwrite a different wave of the same name.
-std::unordered_map<std::string, ItemId>& WrittenWaves() {
-  static std::unordered_map<std::string, ItemId> written;
+// the same folder mustn't overwrite a different wave of the same name, and
+// needn't write again a wave the same batch has already put there.
+struct WrittenWave {
+  ItemId wave = kNoItem;
+  uint64_t batch = 0;
+  uint32_t request = 0;
+};
+
+std::unordered_map<std::string, WrittenWave>& WrittenWaves() {
+  static std::unordered_map<std::string, WrittenWave> written;
   return written;
 }
 
@@ -221,16 +240,24 @@ class WaveFiles {
       name = n == 1 ? stem + ".wav" : stem + " " + std::to_string(n) + ".wav";
       const std::string key = (folder_ / name).string();
       auto written = WrittenWaves().find(key);
-      const bool clash = used_.count(Lower(name)) || (written != WrittenWaves().end() && written->second != wave.id);
+      const bool clash =
+          used_.count(Lower(name)) || (written != WrittenWaves().end() && written->second.wave != wave.id);
       if (!clash) break;
     }
     used_.insert(Lower(name));
     const fs::path path = folder_ / name;
-    if (!WriteWaveFile(wave, path, request_)) {
-      if (ErrorMessage[0] == 0) Fail(kWriteContext, "Could not create file");
-      return false;
+    const uint64_t batch = ExportBatch::Current();
+    const auto written = WrittenWaves().find(path.string());
+    std::error_code ec;
+    const bool alreadyThere = batch != 0 && written != WrittenWaves().end() && written->second.batch == batch &&
+                              written->second.request == request_ && fs::is_regular_file(path, ec);
+    if (!alreadyThere) {
+      if (!WriteWaveFile(wave, path, request_)) {
+        if (ErrorMessage[0] == 0) Fail(kWriteContext, "Could not create file");
+        return false;
+      }
+      WrittenWaves()[path.string()] = {wave.id, batch, request_};
     }
-    WrittenWaves()[path.string()] = wave.id;
     names_[wave.id] = name;
     return true;
   }

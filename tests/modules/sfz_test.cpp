@@ -477,6 +477,30 @@ TEST(SfzWrite, DualMonoHalvesKeepTheirOwnLoopsThroughSoundFontAndBack) {
   }
 }
 
+// A wave that several instruments of one batch play lands in their shared
+// folder once; a later batch writes it afresh.
+TEST(SfzWrite, ABatchWritesASharedWaveOnce) {
+  Loaded t("<region> sample=a.wav\n", true);
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  Instrument& first = *t.c.All<Instrument>().front();
+  auto* second = static_cast<Instrument*>(CloneItem(first, t.c, "second"));
+  ASSERT_NE(second, nullptr);
+  TempDir out;
+  const fs::path wave = out / "tone.wav";
+  {
+    const ExportBatch batch;
+    SaveText(first, out / "one.sfz", 2);
+    ASSERT_TRUE(fs::exists(wave));
+    test::WriteFile(wave, "stand-in");
+    const std::string text = SaveText(*second, out / "two.sfz", 2);
+    EXPECT_NE(text.find("sample=tone.wav"), std::string::npos) << text;
+    EXPECT_EQ(test::ReadFile(wave), "stand-in");
+  }
+  SaveText(*second, out / "two.sfz", 2);
+  EXPECT_GT(fs::file_size(wave), 4410u * 2);
+  EXPECT_FALSE(fs::exists(out / "tone 2.wav"));
+}
+
 TEST(SfzWrite, OtherItemsAreRefused) {
   Collection c;
   Song* song = Create<Song>(c, "s");
