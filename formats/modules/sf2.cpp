@@ -167,14 +167,7 @@ std::vector<T> ReadRecords(FileRef& file, const ChunkRef& chunk) {
   return out;
 }
 
-struct Records {
-  std::vector<PhdrRec> phdr;
-  std::vector<BagRec> pbag, ibag;
-  std::vector<ModRec> pmod, imod;
-  std::vector<GenRec> pgen, igen;
-  std::vector<InstRec> inst;
-  std::vector<ShdrRec> shdr;
-};
+using Records = PdtaRecords;
 
 // One zone of a preset or an instrument: its values and what it refers to.
 struct Zone {

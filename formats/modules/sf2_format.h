@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 namespace kv {
 
@@ -63,6 +64,16 @@ static_assert(sizeof(ModRec) == 10);
 static_assert(sizeof(GenRec) == 4);
 static_assert(sizeof(InstRec) == 22);
 static_assert(sizeof(ShdrRec) == 46);
+
+// The nine record lists of a bank's pdta, as read or as to be written.
+struct PdtaRecords {
+  std::vector<PhdrRec> phdr;
+  std::vector<BagRec> pbag, ibag;
+  std::vector<ModRec> pmod, imod;
+  std::vector<GenRec> pgen, igen;
+  std::vector<InstRec> inst;
+  std::vector<ShdrRec> shdr;
+};
 
 // Sample type bits of shdr.
 inline constexpr uint16_t kMonoSample = 1;

@@ -34,14 +34,7 @@ void PutName(char (&field)[20], std::string_view name) {
   std::memcpy(field, text.data(), std::min(text.size(), sizeof field));
 }
 
-struct Pdta {
-  std::vector<PhdrRec> phdr;
-  std::vector<BagRec> pbag, ibag;
-  std::vector<ModRec> pmod, imod;
-  std::vector<GenRec> pgen, igen;
-  std::vector<InstRec> inst;
-  std::vector<ShdrRec> shdr;
-};
+using Pdta = PdtaRecords;
 
 GenRec MakeGen(int oper, int amount) {
   GenRec g;

@@ -59,24 +59,6 @@ Loaded LoadBytes(const test::TempDir& dir, const std::string& bytes) {
   return Load(dir / "t.aif");
 }
 
-std::string SoundfilePython() {
-  for (const char* py : {"/usr/bin/python3", "python3"})
-    if (test::RunCommand(std::string(py) + " -c 'import soundfile, numpy' 2>/dev/null") == 0) return py;
-  return {};
-}
-bool SoundfileSamples(const fs::path& path, std::vector<float>& out) {
-  const std::string py = SoundfilePython();
-  if (py.empty()) return false;
-  const fs::path raw = path.string() + ".raw";
-  const std::string cmd = py + " -c \"import soundfile as sf, sys; d, r = sf.read(sys.argv[1], dtype='float32', "
-                               "always_2d=True); d[:, :2].astype('<f4').tofile(sys.argv[2])\" '" +
-                          path.string() + "' '" + raw.string() + "'";
-  if (test::RunCommand(cmd) != 0) return false;
-  const std::string bytes = test::ReadFile(raw);
-  out.resize(bytes.size() / 4);
-  std::memcpy(out.data(), bytes.data(), out.size() * 4);
-  return true;
-}
 std::vector<float> OurSamples(Waveform& w) {
   const float* f = SamplesFloat(w);
   return f ? std::vector<float>(f, f + w.SampleCount()) : std::vector<float>();
@@ -135,7 +117,7 @@ TEST(AiffCorpus, EveryAiffLoadsAsThePeersSay) {
       }
     }
     std::vector<float> theirs;
-    if (SoundfileSamples(path, theirs)) {
+    if (test::SoundfileSamples(path, theirs)) {
       const std::vector<float> ours = OurSamples(w);
       ASSERT_EQ(ours.size(), theirs.size());
       for (std::size_t i = 0; i < ours.size(); ++i)
@@ -240,7 +222,7 @@ TEST(AiffWrite, EveryWidthOpensInThePeersWithTheSameSamples) {
       EXPECT_EQ(ours, OurSamples(*w));
     }
     std::vector<float> theirs;
-    if (SoundfileSamples(path, theirs)) {
+    if (test::SoundfileSamples(path, theirs)) {
       EXPECT_EQ(theirs, ours);
     }
     std::string soxOut;

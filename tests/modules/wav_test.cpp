@@ -95,34 +95,11 @@ struct BoxCapture {
   }
 };
 
-// The Python with soundfile the peer comparisons use, or "" when missing.
-std::string SoundfilePython() {
-  for (const char* py : {"/usr/bin/python3", "python3"}) {
-    if (test::RunCommand(std::string(py) + " -c 'import soundfile, numpy' 2>/dev/null") == 0) return py;
-  }
-  return {};
-}
-
-// The file's samples as libsndfile decodes them, float32, first two channels.
-bool SoundfileSamples(const fs::path& path, std::vector<float>& out) {
-  const std::string py = SoundfilePython();
-  if (py.empty()) return false;
-  const fs::path raw = path.string() + ".sf.raw";
-  const std::string cmd = py + " -c \"import soundfile as sf, numpy as np, sys; d, r = sf.read(sys.argv[1], "
-                               "dtype='float32', always_2d=True); d[:, :2].astype('<f4').tofile(sys.argv[2])\" '" +
-                          path.string() + "' '" + raw.string() + "'";
-  if (test::RunCommand(cmd) != 0) return false;
-  const std::string bytes = test::ReadFile(raw);
-  out.resize(bytes.size() / 4);
-  std::memcpy(out.data(), bytes.data(), out.size() * 4);
-  fs::remove(raw);
-  return true;
-}
-
 // The file's samples as sox decodes them, as 32-bit integers (no dither).
 bool SoxSamples(const fs::path& path, std::vector<int32_t>& out) {
   if (!test::HaveTool("sox")) return false;
-  const fs::path raw = path.string() + ".sox.raw";
+  const test::TempDir scratch;  // never beside the input: the corpus is read-only
+  const fs::path raw = scratch / "samples.raw";
   if (test::RunCommand("sox -D '" + path.string() + "' -t s32 '" + raw.string() + "' 2>/dev/null") != 0) return false;
   const std::string bytes = test::ReadFile(raw);
   out.resize(bytes.size() / 4);
@@ -205,7 +182,7 @@ TEST(WavCorpus, EveryWaveLoadsAsThePeersSay) {
 
     // Every decoded sample equals libsndfile's.
     std::vector<float> theirs;
-    if (SoundfileSamples(path, theirs)) {
+    if (test::SoundfileSamples(path, theirs)) {
       const std::vector<float> ours = OurSamples(w);
       ASSERT_EQ(ours.size(), theirs.size());
       for (std::size_t i = 0; i < ours.size(); ++i)
@@ -451,7 +428,7 @@ TEST(WavWrite, EveryEncodingOpensInThePeersWithTheSameSamples) {
   } cases[] = {{kPcm8, kWavNormal},     {kPcm16, kWavNormal},     {kPcm24, kWavNormal}, {kPcm32, kWavNormal},
                {kFloat32, kWavNormal},  {kMuLaw, kWavNormal},     {kALaw, kWavNormal},  {kPcm24, kWavExtensible},
                {kFloat32, kWavExtensible}, {kPcm16, kWavCwdt},    {kPcm16, kWavBare}};
-  const bool peers = !SoundfilePython().empty();
+  const bool peers = !test::SoundfilePython().empty();
   for (const auto& tc : cases) {
     SCOPED_TRACE(std::string(DataFormatName(tc.format)) + " variant " + std::to_string(tc.variant));
     const fs::path path = dir / ("out" + std::to_string(tc.format) + "_" + std::to_string(tc.variant) + ".wav");
@@ -475,7 +452,7 @@ TEST(WavWrite, EveryEncodingOpensInThePeersWithTheSameSamples) {
       }
     }
     std::vector<float> theirs;
-    if (peers && SoundfileSamples(path, theirs)) {
+    if (peers && test::SoundfileSamples(path, theirs)) {
       EXPECT_EQ(theirs, ours);
     }
     std::vector<int32_t> sox;
@@ -596,7 +573,7 @@ TEST(Wave64, WriteThenReadWithThePeers) {
     EXPECT_STREQ(back.wave->name, "Test tone");
     EXPECT_STREQ(back.wave->artist, "Ärtist");
     std::vector<float> theirs;
-    if (SoundfileSamples(path, theirs)) {
+    if (test::SoundfileSamples(path, theirs)) {
       const std::vector<float> ours = OurSamples(*back.wave);
       ASSERT_EQ(theirs.size(), ours.size());
       EXPECT_EQ(theirs, ours);

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -95,6 +96,28 @@ void WriteFile(const fs::path& path, const std::string& bytes) {
 std::string ReadFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::string SoundfilePython() {
+  for (const char* py : {"/usr/bin/python3", "python3"})
+    if (RunCommand(std::string(py) + " -c 'import soundfile, numpy' 2>/dev/null") == 0) return py;
+  return {};
+}
+
+bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out) {
+  const std::string py = SoundfilePython();
+  if (py.empty()) return false;
+  // Beside the test's own files, never beside the input: the corpus is read-only.
+  const TempDir scratch;
+  const std::filesystem::path raw = scratch.path() / "samples.raw";
+  const std::string cmd = py + " -c \"import soundfile as sf, sys; d, r = sf.read(sys.argv[1], dtype='float32', "
+                               "always_2d=True); d[:, :2].astype('<f4').tofile(sys.argv[2])\" '" +
+                          path.string() + "' '" + raw.string() + "'";
+  if (RunCommand(cmd) != 0) return false;
+  const std::string bytes = ReadFile(raw);
+  out.resize(bytes.size() / 4);
+  std::memcpy(out.data(), bytes.data(), out.size() * 4);
+  return true;
 }
 
 }  // namespace kv::test

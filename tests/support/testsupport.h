@@ -45,4 +45,10 @@ bool HaveTool(const std::string& name);
 void WriteFile(const std::filesystem::path& path, const std::string& bytes);
 std::string ReadFile(const std::filesystem::path& path);
 
+// A Python with the soundfile (libsndfile) and numpy modules; empty if none.
+std::string SoundfilePython();
+// The file's samples as libsndfile decodes them, float32, the first two
+// channels interleaved; false when libsndfile can't be asked or refuses.
+bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out);
+
 }  // namespace kv::test
