@@ -785,7 +785,7 @@ void ToArticulation(const Record& r, Articulation& a) {
 }
 
 // What a region record gives besides its articulation.
-struct RegionSpec {
+struct RegionDraft {
   Articulation art;
   Ranges ranges;
   int root = 60;  // 255: the sample's own
@@ -802,9 +802,9 @@ struct RegionSpec {
   std::string sample;
 };
 
-RegionSpec ToRegion(const Opcodes& o) {
+RegionDraft ToRegion(const Opcodes& o) {
   const Record r{o};
-  RegionSpec s;
+  RegionDraft s;
   ToArticulation(r, s.art);
   s.ranges = RangesOf(r);
   s.sample = std::string(r.Str("sample"));
@@ -1357,7 +1357,7 @@ struct LayerSlot {
   }
 };
 
-void ApplyRegion(Region& region, const RegionSpec& s, const Waveform* wave) {
+void ApplyRegion(Region& region, const RegionDraft& s, const Waveform* wave) {
   for (const auto& [p, v] : s.trigger) region.SetParam(p, v);
   const double rate = wave && wave->sampleRate ? wave->sampleRate : 44100.0;
   if (s.delaySamples >= 0) region.SetParam(201, static_cast<float>(std::min(100.0, s.delaySamples / rate)));
@@ -1425,13 +1425,13 @@ bool ReadSfz(Collection& c, FileRef& file) {
   std::vector<std::unique_ptr<LayerSlot>> layers;
   std::vector<int> layerGroup;  // the first group each layer was made for
   for (RegionRecord& rec : parsed.regions) {
-    RegionSpec spec = ToRegion(rec.ops);
+    RegionDraft draft = ToRegion(rec.ops);
     rec.ops.clear();
-    Ranges& r = spec.ranges;
+    Ranges& r = draft.ranges;
     r.lokey = std::max(r.lokey, 0), r.hikey = std::min(r.hikey, 127);
     r.lovel = std::max(r.lovel, 0), r.hivel = std::min(r.hivel, 127);
     if (r.lokey > r.hikey || r.lovel > r.hivel) continue;  // never plays (hikey=-1 and the like)
-    Waveform* wave = samples.Get(spec.sample);
+    Waveform* wave = samples.Get(draft.sample);
 
     // The layer of its group's ranges that has room for it.
     std::size_t chosen = layers.size();
@@ -1465,9 +1465,9 @@ bool ReadSfz(Collection& c, FileRef& file) {
     LayerSlot& slot = *layers[chosen];
     slot.Take(r);
     Region* region = AddRegion(*slot.layer, wave ? wave->id : kAllocateSerial - 1, MakeRange(r.lokey, r.hikey),
-                               MakeRange(r.lovel, r.hivel), static_cast<uint8_t>(spec.root));
-    ApplyRegion(*region, spec, wave);
-    built.push_back({region, spec.art, chosen});
+                               MakeRange(r.lovel, r.hivel), static_cast<uint8_t>(draft.root));
+    ApplyRegion(*region, draft, wave);
+    built.push_back({region, draft.art, chosen});
   }
 
   // Levels: a value all regions of a layer share goes to the layer unless
