@@ -864,8 +864,15 @@ void Layer::FixUp() {
     r->trigger.RefreshFrom(trigger);
     r->art.Inherit(art);
   }
-  // Insertion sort on (lo-key, lo-velocity) keeps equal regions in order.
-  for (std::size_t i = 1; i < children.size(); ++i) {
+  // A stable sort on (lo-key, lo-velocity) keeps equal regions in order.
+  if (regions.size() == children.size()) {
+    std::stable_sort(regions.begin(), regions.end(), [](const Region* a, const Region* b) {
+      return std::make_pair(a->trigger.loKey, a->trigger.loVel) < std::make_pair(b->trigger.loKey, b->trigger.loVel);
+    });
+    for (std::size_t i = 0; i < regions.size(); ++i) children[i] = regions[i]->id;
+  }
+  // Lists with other children sort around them as far as regions meet.
+  for (std::size_t i = 1; i < children.size() && regions.size() != children.size(); ++i) {
     ItemId id = children[i];
     auto* r = collection->FindAs<Region>(id);
     std::size_t j = i;
