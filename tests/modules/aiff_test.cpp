@@ -116,13 +116,7 @@ TEST(AiffCorpus, EveryAiffLoadsAsThePeersSay) {
         EXPECT_EQ(w.loopEnd, static_cast<float>(end));
       }
     }
-    std::vector<float> theirs;
-    if (test::SoundfileSamples(path, theirs)) {
-      const std::vector<float> ours = OurSamples(w);
-      ASSERT_EQ(ours.size(), theirs.size());
-      for (std::size_t i = 0; i < ours.size(); ++i)
-        if (ours[i] != theirs[i]) FAIL() << "sample " << i << ": " << ours[i] << " vs " << theirs[i];
-    }
+    test::ExpectSamplesAsLibsndfile(path, w);
     ++checked;
   }
   EXPECT_GE(checked, 14);

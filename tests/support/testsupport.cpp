@@ -1,5 +1,7 @@
 #include "testsupport.h"
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +10,10 @@
 #include <random>
 #include <sstream>
 #include <unistd.h>
+
+#include "core/error.h"
+#include "core/items.h"
+#include "core/wavestore.h"
 
 namespace kv::test {
 
@@ -118,6 +124,16 @@ bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out
   out.resize(bytes.size() / 4);
   std::memcpy(out.data(), bytes.data(), out.size() * 4);
   return true;
+}
+
+void ExpectSamplesAsLibsndfile(const std::filesystem::path& path, Waveform& wave) {
+  std::vector<float> theirs;
+  if (!SoundfileSamples(path, theirs)) return;
+  const float* ours = SamplesFloat(wave);
+  ASSERT_NE(ours, nullptr) << ErrorMessage;
+  ASSERT_EQ(wave.SampleCount(), theirs.size());
+  for (std::size_t i = 0; i < theirs.size(); ++i)
+    if (ours[i] != theirs[i]) FAIL() << "sample " << i << ": " << ours[i] << " vs " << theirs[i];
 }
 
 }  // namespace kv::test

@@ -7,6 +7,10 @@
 #include <string>
 #include <vector>
 
+namespace kv {
+class Waveform;
+}
+
 namespace kv::test {
 
 // A fresh folder removed at the end of the scope.
@@ -50,5 +54,8 @@ std::string SoundfilePython();
 // The file's samples as libsndfile decodes them, float32, the first two
 // channels interleaved; false when libsndfile can't be asked or refuses.
 bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out);
+// Every sample of `wave`, read from `path`, equals libsndfile's decoding of
+// the same file (when libsndfile can be asked).
+void ExpectSamplesAsLibsndfile(const std::filesystem::path& path, Waveform& wave);
 
 }  // namespace kv::test
