@@ -6,7 +6,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <charconv>
 #include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace kv {
 namespace {
@@ -109,29 +114,62 @@ bool Articulation::AnyOfEnvelope(int k) const {
   return false;
 }
 
+#if defined(__SSE2__)
+namespace {
+// Lane masks for four presence bits: lane k all ones when bit k is set.
+struct LaneMasks {
+  alignas(16) int32_t lanes[16][4];
+  constexpr LaneMasks() : lanes{} {
+    for (int bits = 0; bits < 16; ++bits)
+      for (int k = 0; k < 4; ++k) lanes[bits][k] = (bits >> k) & 1 ? -1 : 0;
+  }
+  __m128i operator[](uint64_t bits) const { return _mm_load_si128(reinterpret_cast<const __m128i*>(lanes[bits])); }
+};
+constexpr LaneMasks kLaneMasks;
+constexpr int kWholeGroups = kArticulationCount / 4;  // the last row is done on its own
+}  // namespace
+#endif
+
+// Inherit and Prune run over every region at every load: four rows at a
+// time, with the presence bits as lane masks.
 bool Articulation::Inherit(const Articulation& parent) {
-  // Rows set here are few: take the parent's whole record and put them back.
-  // Runs for every region of every load, so whole-record copies beat a walk.
-  float before[kArticulationCount];
-  std::memcpy(before, value, sizeof value);
-  std::memcpy(value, parent.value, sizeof value);
-  for (int w = 0; w < 3; ++w)
-    for (uint64_t bits = set[w]; bits; bits &= bits - 1) {
-      const int i = w * 64 + __builtin_ctzll(bits);
-      value[i] = before[i];
-    }
-  return std::memcmp(before, value, sizeof value) != 0;
+  bool changed = false;
+  int i = 0;
+#if defined(__SSE2__)
+  for (int g = 0; g < kWholeGroups; ++g, i += 4) {
+    const __m128i keep = kLaneMasks[(set[i >> 6] >> (i & 63)) & 0xF];
+    const __m128i own = _mm_loadu_si128(reinterpret_cast<const __m128i*>(value + i));
+    const __m128i from = _mm_loadu_si128(reinterpret_cast<const __m128i*>(parent.value + i));
+    const __m128i merged = _mm_or_si128(_mm_and_si128(keep, own), _mm_andnot_si128(keep, from));
+    changed |= _mm_movemask_epi8(_mm_cmpeq_epi32(merged, own)) != 0xFFFF;
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(value + i), merged);
+  }
+#endif
+  for (; i < kArticulationCount; ++i) {
+    if (IsSet(i) || std::memcmp(&value[i], &parent.value[i], sizeof(float)) == 0) continue;
+    value[i] = parent.value[i];
+    changed = true;
+  }
+  return changed;
 }
 
 bool Articulation::Prune(const Articulation& parent) {
   bool cleared = false;
-  for (int w = 0; w < 3; ++w)
-    for (uint64_t bits = set[w]; bits; bits &= bits - 1) {
-      const int i = w * 64 + __builtin_ctzll(bits);
-      if (value[i] == parent.value[i]) {
-        MarkUnset(i);
-        cleared = true;
-      }
+  int i = 0;
+#if defined(__SSE2__)
+  for (int g = 0; g < kWholeGroups; ++g, i += 4) {
+    const uint64_t bits = (set[i >> 6] >> (i & 63)) & 0xF;
+    if (!bits) continue;
+    const __m128 equal = _mm_cmpeq_ps(_mm_loadu_ps(value + i), _mm_loadu_ps(parent.value + i));
+    const uint64_t drop = bits & static_cast<uint64_t>(_mm_movemask_ps(equal));
+    set[i >> 6] &= ~(drop << (i & 63));
+    cleared |= drop != 0;
+  }
+#endif
+  for (; i < kArticulationCount; ++i)
+    if (IsSet(i) && value[i] == parent.value[i]) {
+      MarkUnset(i);
+      cleared = true;
     }
   return cleared;
 }
@@ -274,12 +312,19 @@ bool LeadingNumber(std::string_view text, double* v, std::string_view* rest) {
 
 }  // namespace
 
-std::string NoteName(int key, const ParamDisplay& display) {
-  if (!display.showNoteNames) return std::to_string(key);
+std::size_t NoteNameTo(char* out, int key, const ParamDisplay& display) {
+  char* end = out + kNoteNameSize;
+  if (!display.showNoteNames) return static_cast<std::size_t>(std::to_chars(out, end, key).ptr - out);
   // Keys below 0 wrap into the table with the octave lowered.
   const int octaveSteps = key >= 0 ? key / 12 : -((-key + 11) / 12);
-  const int note = key - octaveSteps * 12;
-  return std::string(kNoteLetters[note]) + std::to_string(display.octaveOfMiddleC - 5 + octaveSteps);
+  const std::string_view letter = kNoteLetters[key - octaveSteps * 12];
+  char* p = out + letter.copy(out, letter.size());
+  return static_cast<std::size_t>(std::to_chars(p, end, display.octaveOfMiddleC - 5 + octaveSteps).ptr - out);
+}
+
+std::string NoteName(int key, const ParamDisplay& display) {
+  char text[kNoteNameSize];
+  return std::string(text, NoteNameTo(text, key, display));
 }
 
 bool ParseNoteName(std::string_view text, const ParamDisplay& display, int* key) {

@@ -6,6 +6,7 @@
 // through Set(), which rounds by the row's kind and limits to its range.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -158,6 +159,9 @@ struct ParamDisplay {
 
 // "C4", "F#-1" or the plain number when note names are off.
 std::string NoteName(int key, const ParamDisplay& display);
+// The same into `out`, which must hold kNoteNameSize bytes; returns the length.
+inline constexpr std::size_t kNoteNameSize = 16;
+std::size_t NoteNameTo(char* out, int key, const ParamDisplay& display);
 // Accepts "C4", "c#4", "Db3", "E-1" and plain numbers; false if the text is
 // not a key 0-127.
 bool ParseNoteName(std::string_view text, const ParamDisplay& display, int* key);

@@ -60,7 +60,7 @@ bool ChildList::remove(ItemId id) {
 
 // ---------------------------------------------------------------- ItemMap
 
-ItemMap::ItemMap() : buckets_(8, nullptr) {}
+ItemMap::ItemMap() : buckets_(8, kNil) {}
 
 ItemMap::~ItemMap() { Clear(); }
 
@@ -75,53 +75,51 @@ uint64_t ItemMap::Hash(ItemId id) {
   return h;
 }
 
-Item* ItemMap::Find(ItemId id) const {
-  for (Node* n = buckets_[Hash(id) & (buckets_.size() - 1)]; n; n = n->bucketNext)
-    if (n->id == id) return n->item;
-  return nullptr;
-}
-
 void ItemMap::Insert(ItemId id, Item* item) {
   if (size_ + 1 > buckets_.size()) Rehash(buckets_.size() * 2);
-  pool_.push_back(std::make_unique<Node>(Node{id, item, nullptr, tail_, nullptr, pool_.size()}));
-  Node* node = pool_.back().get();
-  Node*& bucket = buckets_[Hash(id) & (buckets_.size() - 1)];
-  node->bucketNext = bucket;
-  bucket = node;
-  if (tail_) tail_->next = node; else head_ = node;
-  tail_ = node;
+  uint32_t n;
+  if (free_ != kNil) {
+    n = free_;
+    free_ = nodes_[n].bucketNext;
+  } else {
+    n = static_cast<uint32_t>(nodes_.size());
+    nodes_.emplace_back();
+  }
+  uint32_t& bucket = buckets_[Hash(id) & (buckets_.size() - 1)];
+  nodes_[n] = Node{id, bucket, item, tail_, kNil};
+  bucket = n;
+  if (tail_ != kNil) nodes_[tail_].next = n; else head_ = n;
+  tail_ = n;
   ++size_;
 }
 
 bool ItemMap::Erase(ItemId id) {
-  Node** link = &buckets_[Hash(id) & (buckets_.size() - 1)];
-  while (*link && (*link)->id != id) link = &(*link)->bucketNext;
-  Node* node = *link;
-  if (!node) return false;
-  *link = node->bucketNext;
-  if (node->prev) node->prev->next = node->next; else head_ = node->next;
-  if (node->next) node->next->prev = node->prev; else tail_ = node->prev;
-  // Free the node by moving the pool's last one into its place.
-  const std::size_t slot = node->slot;
-  pool_[slot] = std::move(pool_.back());
-  pool_[slot]->slot = slot;
-  pool_.pop_back();
-  --size_;
+  uint32_t* link = &buckets_[Hash(id) & (buckets_.size() - 1)];
+  while (*link != kNil && nodes_[*link].id != id) link = &nodes_[*link].bucketNext;
+  const uint32_t n = *link;
+  if (n == kNil) return false;
+  Node& node = nodes_[n];
+  *link = node.bucketNext;
+  if (node.prev != kNil) nodes_[node.prev].next = node.next; else head_ = node.next;
+  if (node.next != kNil) nodes_[node.next].prev = node.prev; else tail_ = node.prev;
+  node = Node{kNoItem, free_, nullptr, kNil, kNil};
+  free_ = n;
+  if (--size_ == 0) Clear();  // start the node array afresh
   return true;
 }
 
 void ItemMap::Clear() {
-  pool_.clear();
-  head_ = tail_ = nullptr;
+  nodes_.clear();
+  head_ = tail_ = free_ = kNil;
   size_ = 0;
-  std::fill(buckets_.begin(), buckets_.end(), nullptr);
+  std::fill(buckets_.begin(), buckets_.end(), kNil);
 }
 
 void ItemMap::Rehash(std::size_t count) {
-  buckets_.assign(count, nullptr);
-  for (Node* n = head_; n; n = n->next) {
-    Node*& bucket = buckets_[Hash(n->id) & (count - 1)];
-    n->bucketNext = bucket;
+  buckets_.assign(count, kNil);
+  for (uint32_t n = head_; n != kNil; n = nodes_[n].next) {
+    uint32_t& bucket = buckets_[Hash(nodes_[n].id) & (count - 1)];
+    nodes_[n].bucketNext = bucket;
     bucket = n;
   }
 }
@@ -129,7 +127,7 @@ void ItemMap::Rehash(std::size_t count) {
 std::vector<Item*> ItemMap::Snapshot() const {
   std::vector<Item*> out;
   out.reserve(size_);
-  for (Node* n = head_; n; n = n->next) out.push_back(n->item);
+  ForEach([&](Item* item) { out.push_back(item); });
   return out;
 }
 
@@ -237,6 +235,11 @@ Item::~Item() {
 }
 
 void Item::SetName(const char* text, std::size_t length, TextEncoding encoding) {
+  if (text && encoding == TextEncoding::Utf8) {
+    // Our own text needs no decoding, and regions are renamed often.
+    CopyText(name, sizeof name, TrimBlank(std::string_view(text, length ? strnlen(text, length) : std::strlen(text))));
+    return;
+  }
   std::string value = text ? DecodeText(text, length, encoding) : DefaultName();
   std::string_view trimmed = TrimBlank(value);
   CopyText(name, sizeof name, trimmed);
@@ -300,13 +303,6 @@ Collection::~Collection() {
     if (item != this && item->collection == this) DeleteItem(item);
   map_.Erase(id);
   collection = nullptr;  // the base destructor must not touch the map
-}
-
-Item* Collection::Find(ItemId itemId) const {
-  if (itemId == kNoItem) return nullptr;
-  const Collection* owner = owners[static_cast<int>(TypeOf(itemId))];
-  if (!owner) owner = this;
-  return owner->map_.Find(itemId);
 }
 
 std::vector<Item*> Collection::ItemsOf(ItemType t) const {

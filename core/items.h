@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "core/articulation.h"
+#include "core/item_arena.h"
 #include "core/types.h"
 
 namespace kv {
@@ -98,6 +99,10 @@ class Item {
 
   void SetName(std::string_view text) { SetName(text.data(), text.size(), TextEncoding::Utf8); }
   std::string_view Name() const { return name; }
+
+  // Items are carved from the item arena (see item_arena.h).
+  static void* operator new(std::size_t size) { return AllocateItemMemory(size); }
+  static void operator delete(void* block, std::size_t size) noexcept { FreeItemMemory(block, size); }
 
   ItemId id = kNoItem;
   ItemId parentId = kNoItem;
@@ -237,7 +242,10 @@ class Layer final : public Item {
   std::size_t Serialize(std::vector<uint8_t>& out) const override;
   std::size_t Deserialize(std::span<const uint8_t> in) override;
   std::size_t SerializedSize() const override;
-  void FixUp() override;
+  void FixUp() override { FixUpLevel(true); }
+  // FixUp; without refreshRegions the regions' articulation is left for
+  // their own FixUp, which a whole-tree fix-up runs next anyway.
+  void FixUpLevel(bool refreshRegions);
   bool NeedsSynthesis() const override;
   bool HasContent() const override;
   bool IsParamSet(int parameter) const override;
@@ -275,7 +283,9 @@ class Instrument final : public Item {
   std::size_t Serialize(std::vector<uint8_t>& out) const override;
   std::size_t Deserialize(std::span<const uint8_t> in) override;
   std::size_t SerializedSize() const override;
-  void FixUp() override;
+  void FixUp() override { FixUpLevel(true); }
+  // FixUp; without refreshRegions only the layers inherit, as for Layer.
+  void FixUpLevel(bool refreshRegions);
   bool NeedsSynthesis() const override;
   bool HasContent() const override;
   bool IsParamSet(int parameter) const override;
@@ -401,6 +411,8 @@ class Song final : public Item {
 // A hash map from ItemId to item, FNV-1a over the id's four bytes (low byte
 // first), 8 buckets at start, doubling at a load factor of 1. Nodes also form
 // a list in insertion order, which is the "item list" order walks use.
+// Nodes live in one array and link by index, so a look-up touches two small
+// arrays instead of chasing heap pointers.
 class ItemMap {
  public:
   ItemMap();
@@ -410,7 +422,11 @@ class ItemMap {
 
   static uint64_t Hash(ItemId id);
 
-  Item* Find(ItemId id) const;
+  Item* Find(ItemId id) const {
+    for (uint32_t n = buckets_[Hash(id) & (buckets_.size() - 1)]; n != kNil; n = nodes_[n].bucketNext)
+      if (nodes_[n].id == id) return nodes_[n].item;
+    return nullptr;
+  }
   void Insert(ItemId id, Item* item);
   bool Erase(ItemId id);
   void Clear();
@@ -421,29 +437,30 @@ class ItemMap {
 
   template <typename Fn>
   void ForEach(Fn&& fn) const {
-    for (Node* n = head_; n; n = n->next) fn(n->item);
+    for (uint32_t n = head_; n != kNil; n = nodes_[n].next) fn(nodes_[n].item);
   }
   // The same walk with each id, which tells the type without touching the item.
   template <typename Fn>
   void ForEachEntry(Fn&& fn) const {
-    for (Node* n = head_; n; n = n->next) fn(n->id, n->item);
+    for (uint32_t n = head_; n != kNil; n = nodes_[n].next) fn(nodes_[n].id, nodes_[n].item);
   }
 
  private:
+  static constexpr uint32_t kNil = 0xFFFFFFFFu;
   struct Node {
     ItemId id;
+    uint32_t bucketNext;  // next in the bucket's chain; on the free list, the next free node
     Item* item;
-    Node* bucketNext;
-    Node* prev;
-    Node* next;
-    std::size_t slot;  // place in pool_
+    uint32_t prev;
+    uint32_t next;
   };
   void Rehash(std::size_t buckets);
 
-  std::vector<std::unique_ptr<Node>> pool_;  // owns the nodes, in no particular order
-  std::vector<Node*> buckets_;
-  Node* head_ = nullptr;
-  Node* tail_ = nullptr;
+  std::vector<Node> nodes_;
+  std::vector<uint32_t> buckets_;
+  uint32_t head_ = kNil;
+  uint32_t tail_ = kNil;
+  uint32_t free_ = kNil;
   std::size_t size_ = 0;
 };
 
@@ -583,6 +600,13 @@ constexpr ItemType kTypeOf = [] {
   else if constexpr (std::is_same_v<T, Song>) return ItemType::Song;
   else return ItemType::Collection;
 }();
+
+inline Item* Collection::Find(ItemId itemId) const {
+  if (itemId == kNoItem) return nullptr;
+  const Collection* owner = owners[static_cast<int>(TypeOf(itemId))];
+  if (!owner) owner = this;
+  return owner->map_.Find(itemId);
+}
 
 template <typename T>
 T* Collection::FindAs(ItemId id) const {

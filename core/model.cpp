@@ -1,6 +1,7 @@
 // Item classes: constructors, flat records, the consistency rules of FixUp,
 // region ranges and names.
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -664,20 +665,32 @@ void ClipRegions(Layer& layer, uint16_t keyRange, uint16_t velocityRange, Region
 // ---------------------------------------------------------------- names
 
 void Region::RebuildName() {
-  std::string text = NoteName(trigger.loKey);
+  // Built in place: every region of every load is named, some more than once.
+  const auto& app = Settings().app;
+  const ParamDisplay display{app.bShowNoteNames != 0, app.cOctMidC};
+  char text[4 * kNoteNameSize + sizeof name];
+  char* p = text;
+  char* const end = text + sizeof text;
+  auto put = [&](std::string_view s) { p += s.copy(p, static_cast<std::size_t>(end - p)); };
+  auto number = [&](int v) { p = std::to_chars(p, end, v).ptr; };
+  p += NoteNameTo(p, trigger.loKey, display);
   if (trigger.hiKey != trigger.loKey) {
-    text += "..";
-    text += NoteName(trigger.hiKey);
+    put("..");
+    p += NoteNameTo(p, trigger.hiKey, display);
   }
   if (trigger.loVel > 1 || trigger.hiVel != 127) {
-    text += " : " + std::to_string(trigger.loVel);
-    if (trigger.hiVel != trigger.loVel) text += ".." + std::to_string(trigger.hiVel);
+    put(" : ");
+    number(trigger.loVel);
+    if (trigger.hiVel != trigger.loVel) {
+      put("..");
+      number(trigger.hiVel);
+    }
   }
-  text += " : ";
-  if (Waveform* w = RegionWaveform(*this)) text += w->name;
-  else if (SynthModel* m = RegionSynth(*this)) text += m->name;
-  else text += "unnamed";
-  SetName(text);
+  put(" : ");
+  if (Waveform* w = RegionWaveform(*this)) put(w->name);
+  else if (SynthModel* m = RegionSynth(*this)) put(m->name);
+  else put("unnamed");
+  SetName(std::string_view(text, static_cast<std::size_t>(p - text)));
 }
 
 namespace {
@@ -844,7 +857,7 @@ void Region::FixUp() {
 bool Region::NeedsSynthesis() const { return RegionSynth(*this) != nullptr; }
 bool Region::HasContent() const { return RegionWaveform(*this) != nullptr; }
 
-void Layer::FixUp() {
+void Layer::FixUpLevel(bool refreshRegions) {
   Item::FixUp();
   trigger.ApplyFeatures(Features());
   std::vector<Region*> regions = RegionsOf(*this);
@@ -862,7 +875,7 @@ void Layer::FixUp() {
   }
   for (Region* r : regions) {
     r->trigger.RefreshFrom(trigger);
-    r->art.Inherit(art);
+    if (refreshRegions) r->art.Inherit(art);
   }
   // A stable sort on (lo-key, lo-velocity) keeps equal regions in order.
   if (regions.size() == children.size()) {
@@ -944,7 +957,7 @@ std::vector<Layer*> LayersOf(const Instrument& inst) {
 }
 }  // namespace
 
-void Instrument::FixUp() {
+void Instrument::FixUpLevel(bool refreshRegions) {
   Item::FixUp();
   if (sourcePath.empty() && collection) sourcePath = collection->sourcePath;
   std::vector<Layer*> layers = LayersOf(*this);
@@ -953,7 +966,8 @@ void Instrument::FixUp() {
     layer->SetName(("Layer " + std::to_string(number++)).c_str(), 0, TextEncoding::Utf8);
     layer->drum = LocationIsDrum(location) ? 1 : 0;
     layer->art.Inherit(art);
-    for (Region* r : RegionsOf(*layer)) r->art.Inherit(layer->art);
+    if (refreshRegions)
+      for (Region* r : RegionsOf(*layer)) r->art.Inherit(layer->art);
   }
   // Phase groups: a master's articulation is matched into its group.
   for (Layer* masterLayer : layers) {

@@ -428,7 +428,11 @@ bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, boo
           if (preferred >= 0) wave.preferredFormat = static_cast<uint8_t>(preferred);
         }
       }
-      item->FixUp();
+      // Regions come after their layers here and inherit in their own
+      // FixUp, so the levels above don't refresh them on the way.
+      if (t == ItemType::Instrument) static_cast<Instrument&>(*item).FixUpLevel(false);
+      else if (t == ItemType::Layer) static_cast<Layer&>(*item).FixUpLevel(false);
+      else item->FixUp();
       if (t == ItemType::Instrument) {
         ReduceArticulation(static_cast<Instrument&>(*item).art, features);
       } else if (t == ItemType::Layer) {

@@ -552,6 +552,8 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
   uint16_t nextGroup = 1;
   const std::size_t presets = rec.phdr.empty() ? 0 : rec.phdr.size() - 1;
   std::vector<Zone> presetZones, instZones;
+  constexpr int kSendsReverb = 1, kSendsChorus = 2;
+  std::vector<int> instSends(rec.inst.size(), -1);  // per instrument: the sends its zones use, -1 not yet read
   for (std::size_t p = 0; p < presets; ++p) {
     const PhdrRec& ph = rec.phdr[p];
     auto* instrument = Create<Instrument>(c);
@@ -567,24 +569,27 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
               presetGlobal, hasPresetGlobal, presetZones);
     const ZoneValues* pG = hasPresetGlobal ? &presetGlobal.values : nullptr;
 
-    // Sends need an effect slot of their kind.
-    auto wants = [&](int gen) {
-      if (pG && pG->HasGen(gen)) return true;
-      for (const Zone& z : presetZones) {
-        if (z.values.HasGen(gen)) return true;
-        if (z.link >= 0 && static_cast<std::size_t>(z.link) + 1 < rec.inst.size()) {
-          Zone g;
-          bool hg;
-          std::vector<Zone> zs;
-          ReadZones(rec.ibag, rec.igen, rec.imod, rec.inst[z.link].bagIndex.get(), rec.inst[z.link + 1].bagIndex.get(),
-                    kSampleId, false, g, hg, zs);
-          if (hg && g.values.HasGen(gen)) return true;
-          for (const Zone& iz : zs)
-            if (iz.values.HasGen(gen)) return true;
-        }
-      }
-      return false;
+    // Sends need an effect slot of their kind. What an instrument's zones
+    // send is noted once per instrument: presets share instruments.
+    auto sendsOf = [&](const ZoneValues& v) {
+      return (v.HasGen(kReverbSend) ? kSendsReverb : 0) | (v.HasGen(kChorusSend) ? kSendsChorus : 0);
     };
+    int wanted = pG ? sendsOf(*pG) : 0;
+    for (const Zone& z : presetZones) {
+      wanted |= sendsOf(z.values);
+      if (z.link < 0 || static_cast<std::size_t>(z.link) + 1 >= rec.inst.size()) continue;
+      int& known = instSends[z.link];
+      if (known < 0) {
+        Zone g;
+        bool hg;
+        ReadZones(rec.ibag, rec.igen, rec.imod, rec.inst[z.link].bagIndex.get(), rec.inst[z.link + 1].bagIndex.get(),
+                  kSampleId, false, g, hg, instZones);
+        known = hg ? sendsOf(g.values) : 0;
+        for (const Zone& iz : instZones) known |= sendsOf(iz.values);
+      }
+      wanted |= known;
+    }
+    auto wants = [&](int gen) { return (wanted & (gen == kReverbSend ? kSendsReverb : kSendsChorus)) != 0; };
     SendSlots sends;
     if (wants(kReverbSend)) sends.reverb = EffectSlot(*instrument, kFxReverb);
     if (wants(kChorusSend)) sends.chorus = EffectSlot(*instrument, kFxChorus);

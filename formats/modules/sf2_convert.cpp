@@ -101,15 +101,16 @@ double RoundCutoff(double f) {
 struct Emitter {
   Articulation& out;
   bool baseline;
-  void put(int row, double v, bool touched) {
+  // The value is computed only when it will be stored: a region touches a
+  // handful of rows, and most of the formulas call exp2 or pow.
+  template <typename Value>
+  void put(int row, bool touched, Value&& value) {
+    if (!baseline && !touched) return;
     const ParameterRow* r = CatalogueRow(row);
     if (!r) return;
-    if (baseline) {
-      if (NormaliseForRow(*r, static_cast<float>(v)) == r->def) return;
-    } else if (!touched) {
-      return;
-    }
-    out.Set(row, static_cast<float>(v));
+    const float v = static_cast<float>(value());
+    if (baseline && NormaliseForRow(*r, v) == r->def) return;
+    out.Set(row, v);
   }
 };
 
@@ -282,20 +283,20 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
   };
 
   // Pitch.
-  e.put(kRowMasterTune, G[kFineTune] * 0.01 + G[kCoarseTune], tg({kFineTune, kCoarseTune}));
-  e.put(kRowKeyToPitch, G[kScaleTuning] * 0.01, tg({kScaleTuning}));
-  e.put(kRowBendToPitch, M[40] * 0.01 + 2.0, ts({40}));
+  e.put(kRowMasterTune, tg({kFineTune, kCoarseTune}), [&] { return G[kFineTune] * 0.01 + G[kCoarseTune]; });
+  e.put(kRowKeyToPitch, tg({kScaleTuning}), [&] { return G[kScaleTuning] * 0.01; });
+  e.put(kRowBendToPitch, ts({40}), [&] { return M[40] * 0.01 + 2.0; });
 
   // Vibrato LFO: the P-LFO.
   {
     const bool t = tg({kVibLfoToPitch, kDelayVibLfo, kFreqVibLfo}) || ts({44, 45, 46});
-    e.put(3, G[kVibLfoToPitch] * 0.01, tg({kVibLfoToPitch}));
-    e.put(4, M[44] * 0.01, ts({44}));
-    e.put(5, M[46] * 0.01, ts({46}));
-    e.put(6, M[45] * 0.01, ts({45}));
-    e.put(LfoRow(kLfoP, kLfoShape), 1, t);
-    e.put(LfoRow(kLfoP, kLfoFrequency), CentsToHz(G[kFreqVibLfo]), t);
-    e.put(LfoRow(kLfoP, kLfoDelay), TimecentsToSeconds(G[kDelayVibLfo]), t);
+    e.put(3, tg({kVibLfoToPitch}), [&] { return G[kVibLfoToPitch] * 0.01; });
+    e.put(4, ts({44}), [&] { return M[44] * 0.01; });
+    e.put(5, ts({46}), [&] { return M[46] * 0.01; });
+    e.put(6, ts({45}), [&] { return M[45] * 0.01; });
+    e.put(LfoRow(kLfoP, kLfoShape), t, [&] { return 1; });
+    e.put(LfoRow(kLfoP, kLfoFrequency), t, [&] { return CentsToHz(G[kFreqVibLfo]); });
+    e.put(LfoRow(kLfoP, kLfoDelay), t, [&] { return TimecentsToSeconds(G[kDelayVibLfo]); });
   }
 
   // Modulation LFO: placed on each of X (pitch), V (volume), F (cutoff) that
@@ -318,12 +319,12 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
       const double d[4] = {G[t.gen] * t.scale, M[t.slots[0]] * t.scale, M[t.slots[1]] * t.scale,
                            M[t.slots[2]] * t.scale};
       const bool td = tg({t.gen}) || ts({t.slots[0], t.slots[1], t.slots[2]});
-      e.put(t.rows[0], d[0], tg({t.gen}));
-      for (int i = 0; i < 3; ++i) e.put(t.rows[i + 1], d[i + 1], ts({t.slots[i]}));
+      e.put(t.rows[0], tg({t.gen}), [&] { return d[0]; });
+      for (int i = 0; i < 3; ++i) e.put(t.rows[i + 1], ts({t.slots[i]}), [&] { return d[i + 1]; });
       if (d[0] != 0 || d[1] != 0 || d[2] != 0 || d[3] != 0) {
-        e.put(LfoRow(t.lfo, kLfoShape), 1, td || timing);
-        e.put(LfoRow(t.lfo, kLfoFrequency), CentsToHz(G[kFreqModLfo]), td || timing);
-        e.put(LfoRow(t.lfo, kLfoDelay), TimecentsToSeconds(G[kDelayModLfo]), td || timing);
+        e.put(LfoRow(t.lfo, kLfoShape), td || timing, [&] { return 1; });
+        e.put(LfoRow(t.lfo, kLfoFrequency), td || timing, [&] { return CentsToHz(G[kFreqModLfo]); });
+        e.put(LfoRow(t.lfo, kLfoDelay), td || timing, [&] { return TimecentsToSeconds(G[kDelayModLfo]); });
       }
     }
   }
@@ -343,12 +344,12 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
   }
   const double r35 = G[kInitialFilterQ] * 0.1;
   if (filterOn) r14 -= r35 / 2.0;
-  e.put(kRowMasterVolume, r14, tg({kInitialAttenuation}) || ts({33, 34}) || tf);
-  e.put(15, M[32] * 0.04, ts({32}));
-  e.put(16, r16, ts({33, 34}));
-  e.put(17, M[35] * 0.04, ts({35}));
-  e.put(18, M[36] * 0.04, ts({36}));
-  e.put(kRowFilterType, filterOn ? 2 : 0, tf);
+  e.put(kRowMasterVolume, tg({kInitialAttenuation}) || ts({33, 34}) || tf, [&] { return r14; });
+  e.put(15, ts({32}), [&] { return M[32] * 0.04; });
+  e.put(16, ts({33, 34}), [&] { return r16; });
+  e.put(17, ts({35}), [&] { return M[35] * 0.04; });
+  e.put(18, ts({36}), [&] { return M[36] * 0.04; });
+  e.put(kRowFilterType, tf, [&] { return filterOn ? 2 : 0; });
   if (filterOn) {
     double f = cutoffHz;
     double r25 = M[49] * -0.01;
@@ -364,23 +365,23 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
       r26 = M[50] * 0.0009375;
       f *= std::exp(r26 * 5.0 * kLn2 / 12.0);
     }
-    e.put(kRowCutoff, RoundCutoff(f), tf || ts({49, 50, 51}));
-    e.put(25, r25, tf || ts({49}));
-    e.put(26, r26, tf || ts({50, 51}));
-    e.put(27, M[52] * 0.01, tf || ts({52}));
-    e.put(28, M[53] * 0.01, tf || ts({53}));
-    e.put(kRowResonance, r35, tf);
-    e.put(36, M[63] * 0.1, tf || ts({63}));
-    e.put(37, M[64] * 0.1, tf || ts({64}));
-    e.put(38, M[65] * 0.1, tf || ts({65}));
+    e.put(kRowCutoff, tf || ts({49, 50, 51}), [&] { return RoundCutoff(f); });
+    e.put(25, tf || ts({49}), [&] { return r25; });
+    e.put(26, tf || ts({50, 51}), [&] { return r26; });
+    e.put(27, tf || ts({52}), [&] { return M[52] * 0.01; });
+    e.put(28, tf || ts({53}), [&] { return M[53] * 0.01; });
+    e.put(kRowResonance, tf, [&] { return r35; });
+    e.put(36, tf || ts({63}), [&] { return M[63] * 0.1; });
+    e.put(37, tf || ts({64}), [&] { return M[64] * 0.1; });
+    e.put(38, tf || ts({65}), [&] { return M[65] * 0.1; });
   }
 
   // Pan and sends.
-  e.put(51, G[kPan] * 0.002, tg({kPan}));
-  e.put(52, M[60] * 0.002, ts({60}));
-  e.put(53, M[59] * 0.000375, ts({59}));
-  if (sends.reverb >= 0) e.put(57 + 2 * sends.reverb, G[kReverbSend] * 0.001, tg({kReverbSend}));
-  if (sends.chorus >= 0) e.put(57 + 2 * sends.chorus, G[kChorusSend] * 0.001, tg({kChorusSend}));
+  e.put(51, tg({kPan}), [&] { return G[kPan] * 0.002; });
+  e.put(52, ts({60}), [&] { return M[60] * 0.002; });
+  e.put(53, ts({59}), [&] { return M[59] * 0.000375; });
+  if (sends.reverb >= 0) e.put(57 + 2 * sends.reverb, tg({kReverbSend}), [&] { return G[kReverbSend] * 0.001; });
+  if (sends.chorus >= 0) e.put(57 + 2 * sends.chorus, tg({kChorusSend}), [&] { return G[kChorusSend] * 0.001; });
 
   // Envelopes.
   auto envelope = [&](int k, const EnvSource& s, bool place) {
@@ -416,24 +417,24 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
         if (touched.HasSlot(b + sl)) return true;
       return false;
     };
-    e.put(row(kEnvA1Time), TimecentsToSeconds(G[s.delay]) * mulDelay, T({s.delay}, {5, 13}));
-    e.put(row(kEnvA1Vel), vel(0, 8), T({}, {0, 8}));
-    e.put(row(kEnvA1Key), kDelay, T({}, {5, 13}));
-    e.put(row(kEnvA2Time), TimecentsToSeconds(G[s.attack]) * mulAttack, T({s.attack}, {6, 14}));
-    e.put(row(kEnvA2Vel), vel(1, 9), T({}, {1, 9}));
-    e.put(row(kEnvA2Key), kAttack, T({}, {6, 14}));
-    e.put(row(kEnvD1Time), TimecentsToSeconds(G[s.hold]), T({s.hold}, {}));
-    e.put(row(kEnvD1Vel), vel(2, 10), T({}, {2, 10}));
-    e.put(row(kEnvD1Key), std::exp2(-G[s.keyHold] / 100.0), T({s.keyHold}, {}));
+    e.put(row(kEnvA1Time), T({s.delay}, {5, 13}), [&] { return TimecentsToSeconds(G[s.delay]) * mulDelay; });
+    e.put(row(kEnvA1Vel), T({}, {0, 8}), [&] { return vel(0, 8); });
+    e.put(row(kEnvA1Key), T({}, {5, 13}), [&] { return kDelay; });
+    e.put(row(kEnvA2Time), T({s.attack}, {6, 14}), [&] { return TimecentsToSeconds(G[s.attack]) * mulAttack; });
+    e.put(row(kEnvA2Vel), T({}, {1, 9}), [&] { return vel(1, 9); });
+    e.put(row(kEnvA2Key), T({}, {6, 14}), [&] { return kAttack; });
+    e.put(row(kEnvD1Time), T({s.hold}, {}), [&] { return TimecentsToSeconds(G[s.hold]); });
+    e.put(row(kEnvD1Vel), T({}, {2, 10}), [&] { return vel(2, 10); });
+    e.put(row(kEnvD1Key), T({s.keyHold}, {}), [&] { return std::exp2(-G[s.keyHold] / 100.0); });
     // The standard's decay is the time of the whole range; the model's is the
     // time it takes to reach the sustain level.
-    e.put(row(kEnvD2Time), TimecentsToSeconds(G[s.decay]) * (1.0 - sustain), T({s.decay, s.sustain}, {}));
-    e.put(row(kEnvD2Vel), vel(3, 11), T({}, {3, 11}));
-    e.put(row(kEnvD2Key), std::exp2(-G[s.keyDecay] / 100.0), T({s.keyDecay}, {}));
-    e.put(row(kEnvSustain), sustain, T({s.sustain}, {}));
-    e.put(row(kEnvR1Rate), TimecentsToSeconds(G[s.release]) * mulRelease, T({s.release}, {7, 15}));
-    e.put(row(kEnvRelVel), vel(4, 12), T({}, {4, 12}));
-    e.put(row(kEnvRelKey), kRelease, T({}, {7, 15}));
+    e.put(row(kEnvD2Time), T({s.decay, s.sustain}, {}), [&] { return TimecentsToSeconds(G[s.decay]) * (1.0 - sustain); });
+    e.put(row(kEnvD2Vel), T({}, {3, 11}), [&] { return vel(3, 11); });
+    e.put(row(kEnvD2Key), T({s.keyDecay}, {}), [&] { return std::exp2(-G[s.keyDecay] / 100.0); });
+    e.put(row(kEnvSustain), T({s.sustain}, {}), [&] { return sustain; });
+    e.put(row(kEnvR1Rate), T({s.release}, {7, 15}), [&] { return TimecentsToSeconds(G[s.release]) * mulRelease; });
+    e.put(row(kEnvRelVel), T({}, {4, 12}), [&] { return vel(4, 12); });
+    e.put(row(kEnvRelKey), T({}, {7, 15}), [&] { return kRelease; });
   };
   envelope(kEnvV, kVolEnv, false);
 
@@ -455,12 +456,12 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
   }
   const bool tp = tg({kModEnvToPitch}) || ts({47, 48});
   const bool tcut = tg({kModEnvToFilterFc}) || ts({57, 58}) || tf;
-  e.put(11, r11, tp);
-  e.put(12, r12, tp);
+  e.put(11, tp, [&] { return r11; });
+  e.put(12, tp, [&] { return r12; });
   if (r11 != 0 || r12 != 0) envelope(kEnvP, kModEnv, tp && !baseline);
   if (filterOn) {
-    e.put(33, r33, tcut);
-    e.put(34, r34, tcut);
+    e.put(33, tcut, [&] { return r33; });
+    e.put(34, tcut, [&] { return r34; });
     if (r33 != 0 || r34 != 0) envelope(kEnvF, kModEnv, tcut && !baseline);
   }
 }

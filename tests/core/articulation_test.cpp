@@ -103,6 +103,47 @@ TEST(ArticulationPresence, PruneDropsTypedValuesEqualToParent) {
   EXPECT_FALSE(child.Prune(parent));
 }
 
+// Inherit and Prune work on several rows at once; every row, including the
+// last one and those beside the 64-bit word edges, must follow the row rule.
+TEST(ArticulationPresence, InheritAndPruneFollowTheRowRuleOnEveryRow) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 200; ++round) {
+    Articulation parent, child;
+    for (int i = 0; i < kArticulationCount; ++i) {
+      parent.value[i] = static_cast<float>(random() % 4);
+      child.value[i] = static_cast<float>(random() % 4);
+      if (random() % 3 == 0) child.MarkSet(i);
+    }
+    const Articulation before = child;
+    Articulation inherited = child;
+    const bool changed = inherited.Inherit(parent);
+    bool expectChanged = false;
+    for (int i = 0; i < kArticulationCount; ++i) {
+      const float expected = before.IsSet(i) ? before.value[i] : parent.value[i];
+      ASSERT_EQ(inherited.value[i], expected) << "row " << i;
+      expectChanged |= expected != before.value[i];
+    }
+    ASSERT_EQ(changed, expectChanged);
+
+    Articulation pruned = child;
+    const bool cleared = pruned.Prune(parent);
+    bool expectCleared = false;
+    for (int i = 0; i < kArticulationCount; ++i) {
+      const bool drop = before.IsSet(i) && before.value[i] == parent.value[i];
+      ASSERT_EQ(pruned.IsSet(i), before.IsSet(i) && !drop) << "row " << i;
+      ASSERT_EQ(pruned.value[i], before.value[i]);
+      expectCleared |= drop;
+    }
+    ASSERT_EQ(cleared, expectCleared);
+  }
+  // NaN is never equal to itself, so a set NaN survives pruning.
+  Articulation parent, child;
+  parent.value[kRowCutoff] = std::nanf("");
+  child.value[kRowCutoff] = std::nanf("");
+  child.MarkSet(kRowCutoff);
+  EXPECT_FALSE(child.Prune(parent));
+}
+
 TEST(ArticulationPresence, MergedRecordTakesNearestLevel) {
   Articulation inst, layer, region;
   inst.Set(kRowCutoff, 500);
