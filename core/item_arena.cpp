@@ -1,7 +1,6 @@
 #include "core/item_arena.h"
 
 #include <sys/mman.h>
-#include <cstdlib>
 
 #include <array>
 #include <cstdint>
@@ -68,7 +67,7 @@ class Arena {
     const std::uintptr_t start = (base + kBlock - 1) & ~(kBlock - 1);
     if (start > base) ::munmap(raw, start - base);
     if (start + kBlock < base + 2 * kBlock) ::munmap(reinterpret_cast<void*>(start + kBlock), base + kBlock - start);
-    if (!getenv("KVNOHUGE")) ::madvise(reinterpret_cast<void*>(start), kBlock, MADV_HUGEPAGE);
+    ::madvise(reinterpret_cast<void*>(start), kBlock, MADV_HUGEPAGE);
     next_ = reinterpret_cast<char*>(start);
     end_ = next_ + kBlock;
     return true;
