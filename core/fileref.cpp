@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -108,6 +110,34 @@ uint64_t FileRef::Size() const {
   struct stat st {};
   if (::fstat(fd_, &st) != 0) return 0;
   return static_cast<uint64_t>(st.st_size);
+}
+
+bool PlaceFileWithoutCopy(const std::filesystem::path& from, const std::filesystem::path& to, bool allowHardLink) {
+  // Made beside the target under a hidden name, then renamed over it, so an
+  // existing file is never left half replaced.
+  std::filesystem::path temp = to;
+  temp.replace_filename("." + to.filename().string() + ".kvnew");
+  ::unlink(temp.c_str());
+  bool placed = false;
+  const int source = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+  if (source >= 0) {
+    const int target = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (target >= 0) {
+      placed = ::ioctl(target, FICLONE, source) == 0;
+      struct stat info {};
+      if (placed && ::fstat(source, &info) == 0) ::fchmod(target, info.st_mode & 07777);
+      ::close(target);
+      if (!placed) ::unlink(temp.c_str());
+    }
+    ::close(source);
+  }
+  if (!placed && allowHardLink) placed = ::link(from.c_str(), temp.c_str()) == 0;
+  if (placed) {
+    placed = ::rename(temp.c_str(), to.c_str()) == 0;
+    // Also when `to` already was a link to `from`: rename then does nothing.
+    ::unlink(temp.c_str());
+  }
+  return placed;
 }
 
 }  // namespace kv

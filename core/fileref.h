@@ -55,4 +55,12 @@ class FileRef {
   bool owns_ = false;
 };
 
+// Puts at `to` a file with the content of `from` without copying its data:
+// a copy-on-write clone where the file system offers one, else, when
+// `allowHardLink`, a second name for the same file. `to` is replaced only
+// once the new one stands. False, with nothing changed, when neither works
+// (other file systems, or `from` and `to` on different ones); the caller
+// then writes the file itself.
+bool PlaceFileWithoutCopy(const std::filesystem::path& from, const std::filesystem::path& to, bool allowHardLink);
+
 }  // namespace kv

@@ -313,6 +313,12 @@ ExportBatch::ExportBatch() {
 ExportBatch::~ExportBatch() { --g_batchDepth; }
 uint64_t ExportBatch::Current() { return g_batchDepth > 0 ? g_batchNumber : 0; }
 
+namespace {
+bool g_hardLinkShared = false;
+}  // namespace
+void SetHardLinkSharedFiles(bool allow) { g_hardLinkShared = allow; }
+bool HardLinkSharedFiles() { return g_hardLinkShared; }
+
 bool SaveFile(Item* item, const fs::path& path, int row, ExportRequest request, bool report) {
   const ExportBatch batch;
   if (report) StatusText("Saving...");

@@ -47,6 +47,13 @@ class ExportBatch {
   static uint64_t Current();
 };
 
+// Whether a file that several outputs of one batch share (a wave that each
+// SFZ keeps in its own folder) may become hard links to one file where the
+// file system can't clone it. Off by default: a linked file edited in place
+// changes in every folder.
+void SetHardLinkSharedFiles(bool allow);
+bool HardLinkSharedFiles();
+
 // ---- choosing the target, without a dialog ----
 
 // Type flags a row must hold to take the item; every row fits no item.

@@ -208,6 +208,10 @@ int RunDriver(std::vector<std::string> args) {
   app.add_option("--save-all", saveAllBase, "Save all items in multiple files named from BASE.EXT");
   app.add_option("--mode", saveAllMode, "With --save-all: naming mode 210-218");
   app.add_flag("--subdirs", saveAllSubdirs, "With --save-all: each file in a folder of its own name");
+  bool linkShared = false;
+  app.add_flag("--link-shared-waves", linkShared,
+               "With --save-all: a wave that several files keep in their own folders is one file hard-linked into "
+               "each, where the file system can't clone it (an in-place edit then shows in every folder)");
   app.add_option("--on-exists", onExistsText, "When a target exists: overwrite, skip or cancel");
   app.add_option("--replace-waves", replaceWaves, "Replace loaded waveforms by those of the same name in these files");
   try {
@@ -274,6 +278,7 @@ int RunDriver(std::vector<std::string> args) {
         status = 1;
       }
     }
+    SetHardLinkSharedFiles(linkShared);
     if (!RunSaveOptions(saveOut, saveItem, saveOptions, saveAllBase, saveAllMode, saveAllSubdirs, onExistsText,
                         replaceWaves))
       status = 1;

@@ -219,6 +219,19 @@ std::unordered_map<std::string, WrittenWave>& WrittenWaves() {
   return written;
 }
 
+// Where a batch first wrote each wave, by wave and request: the next folder
+// that needs the same wave gets it without a second copy of its data where
+// the file system allows (see PlaceFileWithoutCopy).
+struct FirstCopy {
+  uint64_t batch = 0;
+  std::map<std::pair<ItemId, uint32_t>, fs::path> paths;
+};
+
+FirstCopy& FirstCopies() {
+  static FirstCopy copies;
+  return copies;
+}
+
 std::string Lower(std::string s) {
   for (char& c : s) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
   return s;
@@ -252,11 +265,17 @@ class WaveFiles {
     const bool alreadyThere = batch != 0 && written != WrittenWaves().end() && written->second.batch == batch &&
                               written->second.request == request_ && fs::is_regular_file(path, ec);
     if (!alreadyThere) {
-      if (!WriteWaveFile(wave, path, request_)) {
+      FirstCopy& copies = FirstCopies();
+      if (copies.batch != batch) copies = FirstCopy{batch, {}};
+      const auto first = batch != 0 ? copies.paths.find({wave.id, request_}) : copies.paths.end();
+      const bool placed = first != copies.paths.end() && fs::is_regular_file(first->second, ec) &&
+                          PlaceFileWithoutCopy(first->second, path, HardLinkSharedFiles());
+      if (!placed && !WriteWaveFile(wave, path, request_)) {
         if (ErrorMessage[0] == 0) Fail(kWriteContext, "Could not create file");
         return false;
       }
       WrittenWaves()[path.string()] = {wave.id, batch, request_};
+      if (batch != 0 && first == copies.paths.end()) copies.paths[{wave.id, request_}] = path;
     }
     names_[wave.id] = name;
     return true;

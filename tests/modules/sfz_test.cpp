@@ -3,6 +3,7 @@
 // inheritance), unit conversions, and an SF2 -> SFZ -> SF2 round trip
 // rendered by FluidSynth.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cmath>
 #include <cstdio>
@@ -499,6 +500,48 @@ TEST(SfzWrite, ABatchWritesASharedWaveOnce) {
   SaveText(*second, out / "two.sfz", 2);
   EXPECT_GT(fs::file_size(wave), 4410u * 2);
   EXPECT_FALSE(fs::exists(out / "tone 2.wav"));
+}
+
+// Each SFZ of the sub-folder variants keeps its own copy of a shared wave;
+// only when asked does a batch make the copies one hard-linked file.
+TEST(SfzWrite, WavesSharedAcrossSubFoldersAreLinkedOnlyWhenAllowed) {
+  Loaded t("<region> sample=a.wav\n", true);
+  ASSERT_TRUE(t.ok) << ErrorMessage;
+  Instrument& first = *t.c.All<Instrument>().front();
+  auto* second = static_cast<Instrument*>(CloneItem(first, t.c, "second"));
+  ASSERT_NE(second, nullptr);
+  auto inode = [](const fs::path& p) {
+    struct stat info {};
+    return ::stat(p.c_str(), &info) == 0 ? info.st_ino : 0;
+  };
+  for (const bool link : {false, true}) {
+    SCOPED_TRACE(link ? "linked" : "copied");
+    TempDir out;
+    SetHardLinkSharedFiles(link);
+    {
+      const ExportBatch batch;
+      SaveText(first, out / "one.sfz", 3);
+      SaveText(*second, out / "two.sfz", 3);
+    }
+    SetHardLinkSharedFiles(false);
+    const fs::path a = out / "one" / "tone.wav", b = out / "two" / "tone.wav";
+    ASSERT_TRUE(fs::exists(a) && fs::exists(b));
+    EXPECT_EQ(test::ReadFile(a), test::ReadFile(b));
+    // A copy-on-write clone, where the file system has them, is always a
+    // file of its own; a hard link only when allowed.
+    if (!link) {
+      EXPECT_NE(inode(a), inode(b));
+    } else {
+      test::WriteFile(out / "probe", "x");
+      const bool clones = PlaceFileWithoutCopy(out / "probe", out / "probe2", false);
+      EXPECT_TRUE(clones || inode(a) == inode(b));
+    }
+    // Each folder's wave reads back on its own.
+    Collection back;
+    ASSERT_TRUE(ImportFile(back, out / "two.sfz", true)) << ErrorMessage;
+    ASSERT_EQ(back.All<Waveform>().size(), 1u);
+    EXPECT_EQ(back.All<Waveform>().front()->sourcePath, b);
+  }
 }
 
 TEST(SfzWrite, OtherItemsAreRefused) {
