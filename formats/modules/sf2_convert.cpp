@@ -428,7 +428,8 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
     e.put(row(kEnvD1Key), T({s.keyHold}, {}), [&] { return std::exp2(-G[s.keyHold] / 100.0); });
     // The standard's decay is the time of the whole range; the model's is the
     // time it takes to reach the sustain level.
-    e.put(row(kEnvD2Time), T({s.decay, s.sustain}, {}), [&] { return TimecentsToSeconds(G[s.decay]) * (1.0 - sustain); });
+    e.put(row(kEnvD2Time), T({s.decay, s.sustain}, {}),
+          [&] { return TimecentsToSeconds(G[s.decay]) * (1.0 - sustain); });
     e.put(row(kEnvD2Vel), T({}, {3, 11}), [&] { return vel(3, 11); });
     e.put(row(kEnvD2Key), T({s.keyDecay}, {}), [&] { return std::exp2(-G[s.keyDecay] / 100.0); });
     e.put(row(kEnvSustain), T({s.sustain}, {}), [&] { return sustain; });
