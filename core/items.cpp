@@ -88,6 +88,8 @@ void ItemMap::Insert(ItemId id, Item* item) {
   uint32_t& bucket = buckets_[Hash(id) & (buckets_.size() - 1)];
   nodes_[n] = Node{id, bucket, item, tail_, kNil};
   bucket = n;
+  uint32_t& top = topSerial_[static_cast<int>(TypeOf(id))];
+  top = std::max(top, SerialOf(id));
   if (tail_ != kNil) nodes_[tail_].next = n; else head_ = n;
   tail_ = n;
   ++size_;
@@ -110,6 +112,7 @@ bool ItemMap::Erase(ItemId id) {
 
 void ItemMap::Clear() {
   nodes_.clear();
+  std::fill(std::begin(topSerial_), std::end(topSerial_), 0u);
   head_ = tail_ = free_ = kNil;
   size_ = 0;
   std::fill(buckets_.begin(), buckets_.end(), kNil);
@@ -148,7 +151,7 @@ uint32_t AllocateSerial(const ItemMap& map, ItemType type, bool checkMap) {
     serial = (serial + 1) & kSerialMask;
     ItemId id = MakeId(type, serial);
     if (id == kNoItem) continue;
-    if (!checkMap || !map.Find(id)) return serial;
+    if (!checkMap || serial > map.TopSerial(type) || !map.Find(id)) return serial;
   }
   return serial;
 }

@@ -432,6 +432,9 @@ class ItemMap {
   void Clear();
   std::size_t Size() const { return size_; }
   std::size_t BucketCount() const { return buckets_.size(); }
+  // No id of the type with a higher serial than this was ever inserted
+  // since the last Clear, so a higher one is certainly free.
+  uint32_t TopSerial(ItemType type) const { return topSerial_[static_cast<int>(type)]; }
   // Items in list order; a copy, so callers may change the map as they go.
   std::vector<Item*> Snapshot() const;
 
@@ -462,6 +465,7 @@ class ItemMap {
   uint32_t tail_ = kNil;
   uint32_t free_ = kNil;
   std::size_t size_ = 0;
+  uint32_t topSerial_[kItemTypeCount] = {};
 };
 
 class Collection final : public Item {
