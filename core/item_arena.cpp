@@ -1,5 +1,7 @@
 #include "core/item_arena.h"
 
+#include "core/sanitizers.h"
+
 #include <sys/mman.h>
 
 #include <array>
@@ -7,20 +9,10 @@
 #include <mutex>
 #include <new>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define KV_ITEM_ARENA 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
-#define KV_ITEM_ARENA 0
-#endif
-#endif
-#ifndef KV_ITEM_ARENA
-#define KV_ITEM_ARENA 1
-#endif
 
 namespace kv {
 
-#if KV_ITEM_ARENA
+#if !KV_SANITIZED
 
 namespace {
 

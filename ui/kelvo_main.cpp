@@ -3,18 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/sanitizers.h"
 #include "ui/driver.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define KV_FAST_EXIT 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
-#define KV_FAST_EXIT 0
-#endif
-#endif
-#ifndef KV_FAST_EXIT
-#define KV_FAST_EXIT 1
-#endif
 
 int main(int argc, char** argv) {
   // Conversions allocate and free one wave-sized buffer after another. Kept
@@ -24,7 +15,7 @@ int main(int argc, char** argv) {
   mallopt(M_TRIM_THRESHOLD, 256 << 20);
   mallopt(M_TOP_PAD, 16 << 20);
   const int code = kv::RunDriver(std::vector<std::string>(argv, argv + argc));
-#if KV_FAST_EXIT
+#if !KV_SANITIZED
   // Every file is written and closed by now. Taking a bank of thousands of
   // items apart one by one would only keep the shell waiting; sanitizer
   // builds still do it, so that leaks stay visible.
