@@ -330,6 +330,11 @@ bool SaveFile(Item* item, const fs::path& path, int row, ExportRequest request, 
     if (!ec) target = resolved;
   }
   const bool existed = fs::exists(fs::symlink_status(target, ec));
+  // A folder of that name is never moved aside for a file.
+  if (existed && fs::is_directory(fs::symlink_status(target, ec))) {
+    StatusText("Failed to Save.");
+    return Fail(kExportContext, "Could not create file");
+  }
   fs::path backup;
   struct stat oldInfo {};
   if (existed) {
@@ -517,9 +522,10 @@ std::string SaveAllName(const Item& item, int number, int mode, const std::strin
 }
 
 bool SaveAll(Collection& c, const fs::path& baseWithExt, int row, ExportRequest request, int mode, bool subdirs,
-             OnExists onExists, int& savedCount) {
+             OnExists onExists, int& savedCount, int* failedCount) {
   const ExportBatch batch;
   savedCount = 0;
+  if (failedCount) *failedCount = 0;
   const FormatEntry* entry = FormatAt(row);
   if (!entry || !RowWriteFunction(row)) return Fail(kExportContext, "Invalid export format selected");
   std::error_code ec;
@@ -584,7 +590,10 @@ bool SaveAll(Collection& c, const fs::path& baseWithExt, int row, ExportRequest 
         return true;
       }
     }
-    if (!SaveFile(item, path, row, request, false)) ShowErrorBox();
+    if (!SaveFile(item, path, row, request, false)) {
+      ShowErrorBox();
+      if (failedCount) ++*failedCount;
+    }
   }
   StatusText("Done: Saved %d files.", savedCount);
   return true;
@@ -676,7 +685,17 @@ bool SaveAllItems(Collection& c, const fs::path& baseWithExt, int mode, bool sub
   if (row < 0) return Fail(kSaveAllContext, "Can't 'Save all...' with this file format!");
   Settings().sall.iMode = mode;
   Settings().sall.bSubDirs = subdirs ? 1 : 0;
-  return SaveAll(c, baseWithExt, row, ExportRequest{}, mode, subdirs, onExists, savedCount);
+  // The folder named on the command line is made, as a dialog would offer.
+  std::error_code ec;
+  if (const fs::path folder = baseWithExt.parent_path(); !folder.empty() && !fs::is_directory(folder, ec)) {
+    fs::create_directories(folder, ec);
+    if (ec) return Fail(kSaveAllContext, "Could not create file");
+  }
+  int failed = 0;
+  if (!SaveAll(c, baseWithExt, row, ExportRequest{}, mode, subdirs, onExists, savedCount, &failed)) return false;
+  // Each failure has been reported; a script still needs to know.
+  if (failed > 0) return Fail(kSaveAllContext, "%d of %d files could not be saved", failed, savedCount);
+  return true;
 }
 
 }  // namespace kv

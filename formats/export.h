@@ -85,7 +85,7 @@ bool ParseOnExists(std::string_view text, OnExists& out);
 // `mode` is sall.iMode (210-218), `subdirs` sall.bSubDirs. Items whose file
 // exists follow `onExists`; `savedCount` takes the items reached.
 bool SaveAll(Collection& collection, const std::filesystem::path& baseWithExt, int row, ExportRequest request,
-             int mode, bool subdirs, OnExists onExists, int& savedCount);
+             int mode, bool subdirs, OnExists onExists, int& savedCount, int* failedCount = nullptr);
 // The file name SaveAll gives item number `number` (from 1), without folder.
 std::string SaveAllName(const Item& item, int number, int mode, const std::string& baseStem);
 

@@ -262,6 +262,28 @@ TEST_F(ExportTest, SaveAllNamesFilesByModeAndFollowsTheExistsPolicy) {
   EXPECT_STREQ(ErrorMessage, "Can't 'Save all...' with this file format!");
 }
 
+TEST_F(ExportTest, CommandLineSaveAllMakesItsFolderAndFailsWhenAFileFails) {
+  Collection c;
+  Waveform* w = MakeWave(c, "Wave", 4);
+  MakeInstrument(c, "Lead", {w}, 5);
+  MakeInstrument(c, "Bass", {w}, 6);
+  int count = 0;
+  ASSERT_TRUE(SaveAllItems(c, dir_ / "new" / "deeper" / "set.sfz", 213, false, OnExists::Overwrite, count))
+      << ErrorMessage;
+  EXPECT_TRUE(Exists(dir_ / "new" / "deeper" / "Lead.sfz"));
+  EXPECT_TRUE(Exists(dir_ / "new" / "deeper" / "Bass.sfz"));
+
+  // A folder where one file should go: that item fails, the other is saved,
+  // and the whole call says so.
+  fs::create_directories(dir_ / "out" / "Lead.sfz");
+  EXPECT_FALSE(SaveAllItems(c, dir_ / "out" / "set.sfz", 213, false, OnExists::Overwrite, count));
+  EXPECT_STREQ(ErrorContext, "Save all in multiple files");
+  EXPECT_STREQ(ErrorMessage, "1 of 2 files could not be saved");
+  EXPECT_TRUE(Exists(dir_ / "out" / "Bass.sfz"));
+  EXPECT_TRUE(fs::is_directory(dir_ / "out" / "Lead.sfz"));  // never moved aside for a file
+  EXPECT_EQ(LastStatusText(), "Done: Saved 2 files.");
+}
+
 TEST_F(ExportTest, CommandLineSaveChecksOptionsAgainstTheRow) {
   Collection c;
   Waveform* st = MakeWave(c, "St", 4, 2);
