@@ -653,13 +653,7 @@ void ToArticulation(const Record& r, Articulation& a) {
       set(row(kEnvInitial), num(e + "start", 0) / 100.0);
       set(row(kEnvA1Level), num(e + "start", 0) / 100.0);
     }
-    struct Seg {
-      const char* word;
-      int timeRow, velRow, keyRow;
-    };
-    for (const Seg& s : {Seg{"delay", kEnvA1Time, kEnvA1Vel, kEnvA1Key}, Seg{"attack", kEnvA2Time, kEnvA2Vel, kEnvA2Key},
-                         Seg{"hold", kEnvD1Time, kEnvD1Vel, kEnvD1Key}, Seg{"decay", kEnvD2Time, kEnvD2Vel, kEnvD2Key},
-                         Seg{"release", kEnvR1Rate, kEnvRelVel, kEnvRelKey}}) {
+    for (const sfz::EnvSegment& s : sfz::kEnvSegments) {
       const std::string w = s.word;
       if (r.Has(e + w)) set(row(s.timeRow), time(s.word));
       const std::string vel = e + "vel2" + w, velCc = e + w + "cc131", keyCc = e + w + "cc133";

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/articulation.h"
+
 namespace kv::sfz {
 
 // Filter type number (0-12) from an SFZ name: the first letter and the
@@ -20,5 +22,17 @@ std::string FormatNumber(double value);
 // Q of a peaking band from its width in octaves, and back.
 double BandwidthToQ(double octaves);
 double QToBandwidth(double q);
+
+// The time segments of an SFZ envelope ("ampeg_delay", ...) and the rows of
+// an envelope they map to: time, velocity factor, key factor.
+struct EnvSegment {
+  const char* word;
+  int timeRow, velRow, keyRow;
+};
+inline constexpr EnvSegment kEnvSegments[] = {
+    {"delay", kEnvA1Time, kEnvA1Vel, kEnvA1Key}, {"attack", kEnvA2Time, kEnvA2Vel, kEnvA2Key},
+    {"hold", kEnvD1Time, kEnvD1Vel, kEnvD1Key},  {"decay", kEnvD2Time, kEnvD2Vel, kEnvD2Key},
+    {"release", kEnvR1Rate, kEnvRelVel, kEnvRelKey},
+};
 
 }  // namespace kv::sfz

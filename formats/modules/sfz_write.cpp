@@ -120,18 +120,12 @@ OpList ArticulationOpcodes(const Articulation& source, bool v2) {
     const EnvGroup& g = env[d.k];
     const std::string p = d.prefix;
     w.Put(p + "start", g.row[kEnvInitial] * 100.0);
-    struct Seg {
-      const char* word;
-      int time, vel, key;
-    };
-    for (const Seg& s : {Seg{"delay", kEnvA1Time, kEnvA1Vel, kEnvA1Key}, Seg{"attack", kEnvA2Time, kEnvA2Vel, kEnvA2Key},
-                         Seg{"hold", kEnvD1Time, kEnvD1Vel, kEnvD1Key}, Seg{"decay", kEnvD2Time, kEnvD2Vel, kEnvD2Key},
-                         Seg{"release", kEnvR1Rate, kEnvRelVel, kEnvRelKey}}) {
-      const double t = g.row[s.time];
+    for (const sfz::EnvSegment& s : sfz::kEnvSegments) {
+      const double t = g.row[s.timeRow];
       w.Put(p + s.word, t);
       // Velocity and key amounts are seconds added at the top of their range.
-      w.Put(p + "vel2" + s.word, t > 0 ? t * (g.row[s.vel] - 1.0) : 0.0);
-      if (v2) w.Put(p + s.word + "_oncc133", t > 0 ? t * (g.row[s.key] - 1.0) * 127.0 / 12.0 : 0.0);
+      w.Put(p + "vel2" + s.word, t > 0 ? t * (g.row[s.velRow] - 1.0) : 0.0);
+      if (v2) w.Put(p + s.word + "_oncc133", t > 0 ? t * (g.row[s.keyRow] - 1.0) * 127.0 / 12.0 : 0.0);
     }
     w.Put(p + "sustain", g.row[kEnvSustain] * 100.0);
     if (d.k != kEnvV && g.depthCount >= 2) {
