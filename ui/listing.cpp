@@ -1,7 +1,11 @@
 #include "ui/listing.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cinttypes>
+#include <cstdio>
+#include <string>
+#include <string_view>
 
 namespace kv {
 
@@ -12,53 +16,117 @@ const char* TypeWord(ItemType t) {
   return kWords[static_cast<int>(t)];
 }
 
-void Line(std::FILE* out, int depth, const Item& item) {
-  std::fprintf(out, "%*s%s %08" PRIx32 " \"%s\"", depth * 2, "", TypeWord(item.Type()), item.id, item.name);
-}
+// The listing of a large bank runs to ten thousand lines: they are built in
+// one buffer and written in large pieces rather than through printf.
+class Lines {
+ public:
+  explicit Lines(std::FILE* out) : out_(out) { text_.reserve(kFlushAt + 1024); }
+  ~Lines() { Flush(); }
+  Lines(const Lines&) = delete;
+  Lines& operator=(const Lines&) = delete;
+
+  Lines& operator<<(std::string_view s) {
+    text_.append(s);
+    return *this;
+  }
+  Lines& operator<<(const char* s) { return *this << std::string_view(s); }
+  Lines& operator<<(char c) {
+    text_.push_back(c);
+    return *this;
+  }
+  Lines& operator<<(unsigned v) {
+    char digits[16];
+    text_.append(digits, std::to_chars(digits, digits + sizeof digits, v).ptr);
+    return *this;
+  }
+  Lines& operator<<(int v) {
+    char digits[16];
+    text_.append(digits, std::to_chars(digits, digits + sizeof digits, v).ptr);
+    return *this;
+  }
+  Lines& Hex8(uint32_t v) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    for (int shift = 28; shift >= 0; shift -= 4) text_.push_back(kHex[(v >> shift) & 0xF]);
+    return *this;
+  }
+  // printf's %.6g, for the rare loop points.
+  Lines& General(float v) {
+    char digits[32];
+    const int n = std::snprintf(digits, sizeof digits, "%.6g", v);
+    text_.append(digits, static_cast<std::size_t>(std::max(n, 0)));
+    return *this;
+  }
+  void EndLine() {
+    text_.push_back('\n');
+    if (text_.size() >= kFlushAt) Flush();
+  }
+  void Flush() {
+    if (!text_.empty()) std::fwrite(text_.data(), 1, text_.size(), out_);
+    text_.clear();
+  }
+
+  // Indent, type word, id and quoted name: the head of every line.
+  Lines& Head(int depth, const Item& item) {
+    text_.append(static_cast<std::size_t>(depth) * 2, ' ');
+    *this << TypeWord(item.Type()) << ' ';
+    Hex8(item.id) << " \"" << item.name << '"';
+    return *this;
+  }
+
+ private:
+  static constexpr std::size_t kFlushAt = 64 * 1024;
+  std::FILE* out_;
+  std::string text_;
+};
 
 }  // namespace
 
 void PrintItemTree(std::FILE* out, const Collection& c) {
-  Line(out, 0, c);
-  std::fprintf(out, "\n");
+  Lines lines(out);
+  lines.Head(0, c).EndLine();
   // Instruments in bank and program order, as a sampler shows them.
   std::vector<Instrument*> instruments = c.All<Instrument>();
   std::stable_sort(instruments.begin(), instruments.end(),
                    [](const Instrument* a, const Instrument* b) { return a->location < b->location; });
   for (Instrument* inst : instruments) {
-    Line(out, 1, *inst);
-    std::fprintf(out, " bank=%u:%u program=%u drum=%d\n", LocationMajorBank(inst->location),
-                 LocationMinorBank(inst->location), LocationProgram(inst->location),
-                 LocationIsDrum(inst->location) ? 1 : 0);
+    lines.Head(1, *inst) << " bank=" << unsigned{LocationMajorBank(inst->location)} << ':'
+                         << unsigned{LocationMinorBank(inst->location)}
+                         << " program=" << unsigned{LocationProgram(inst->location)}
+                         << " drum=" << (LocationIsDrum(inst->location) ? 1 : 0);
+    lines.EndLine();
     for (ItemId layerId : inst->children) {
       auto* layer = c.FindAs<Layer>(layerId);
       if (!layer) continue;
-      Line(out, 2, *layer);
-      std::fprintf(out, "\n");
+      lines.Head(2, *layer).EndLine();
       for (ItemId regionId : layer->children) {
         auto* region = c.FindAs<Region>(regionId);
         if (!region) continue;
-        Line(out, 3, *region);
+        const TriggerRecord& t = region->trigger;
         Waveform* wave = RegionWaveform(*region);
-        std::fprintf(out, " key=%d-%d vel=%d-%d wave=\"%s\"\n", region->trigger.loKey, region->trigger.hiKey,
-                     region->trigger.loVel, region->trigger.hiVel, wave ? wave->name : "");
+        lines.Head(3, *region) << " key=" << int{t.loKey} << '-' << int{t.hiKey} << " vel=" << int{t.loVel} << '-'
+                               << int{t.hiVel} << " wave=\"" << (wave ? wave->name : "") << '"';
+        lines.EndLine();
       }
     }
   }
   for (Waveform* wave : c.All<Waveform>()) {
-    Line(out, 1, *wave);
-    std::fprintf(out, " frames=%u rate=%u channels=%u bits=%u root=%u", wave->length, wave->sampleRate,
-                 wave->channels, wave->bits, wave->rootKey);
-    if (wave->loopType) std::fprintf(out, " loop=%d:%.6g-%.6g", wave->loopType, wave->loopStart, wave->loopEnd);
-    std::fprintf(out, "\n");
+    lines.Head(1, *wave) << " frames=" << unsigned{wave->length} << " rate=" << unsigned{wave->sampleRate}
+                         << " channels=" << unsigned{wave->channels} << " bits=" << unsigned{wave->bits}
+                         << " root=" << unsigned{wave->rootKey};
+    if (wave->loopType) {
+      lines << " loop=" << int{wave->loopType} << ':';
+      lines.General(wave->loopStart) << '-';
+      lines.General(wave->loopEnd);
+    }
+    lines.EndLine();
   }
   for (Song* song : c.All<Song>()) {
-    Line(out, 1, *song);
-    std::fprintf(out, " format=%u division=%u\n", song->format, song->division);
+    lines.Head(1, *song) << " format=" << unsigned{song->format} << " division=" << unsigned{song->division};
+    lines.EndLine();
     for (ItemId trackId : song->children)
       if (auto* track = c.FindAs<Track>(trackId)) {
-        Line(out, 2, *track);
-        std::fprintf(out, " events=%u port=%u\n", track->EventCount(), track->port);
+        lines.Head(2, *track) << " events=" << unsigned{track->EventCount()} << " port=" << unsigned{track->port};
+        lines.EndLine();
       }
   }
 }
