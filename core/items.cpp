@@ -302,8 +302,7 @@ Collection::Collection() : Item(*this, ItemType::Collection, kAllocateSerial, "N
 
 Collection::~Collection() {
   Clear();
-  for (Item* item : map_.Snapshot())
-    if (item != this && item->collection == this) DeleteItem(item);
+  DeleteRemaining();
   map_.Erase(id);
   collection = nullptr;  // the base destructor must not touch the map
 }
@@ -317,13 +316,23 @@ std::vector<Item*> Collection::ItemsOf(ItemType t) const {
   return out;
 }
 
+// Orphans a reader left without an owner. An orphan layer takes its regions
+// along, so each id is looked up again at its turn.
+void Collection::DeleteRemaining() {
+  std::vector<ItemId> ids;
+  ids.reserve(map_.Size());
+  map_.ForEachEntry([&](ItemId other, Item*) {
+    if (other != id) ids.push_back(other);
+  });
+  for (ItemId other : ids)
+    if (Item* item = map_.Find(other); item && item->collection == this) DeleteItem(item);
+}
+
 void Collection::Clear() {
   // Each destructor changes the map, so delete from snapshots.
   for (ItemType t : {ItemType::Song, ItemType::Instrument, ItemType::Waveform})
     for (Item* item : ItemsOf(t)) DeleteItem(item);
-  // Orphans a reader left without an owner.
-  for (Item* item : map_.Snapshot())
-    if (item != this) DeleteItem(item);
+  DeleteRemaining();
   engineer[0] = copyright[0] = comment[0] = 0;
   sourcePath.clear();
   formatIndex = -1;

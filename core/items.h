@@ -244,8 +244,11 @@ class Layer final : public Item {
   std::size_t SerializedSize() const override;
   void FixUp() override { FixUpLevel(true); }
   // FixUp; without refreshRegions the regions' articulation is left for
-  // their own FixUp, which a whole-tree fix-up runs next anyway.
-  void FixUpLevel(bool refreshRegions);
+  // their own FixUp, which a whole-tree fix-up runs next anyway. With
+  // `deferredDeletes`, a region hidden by the one before it only leaves the
+  // child list and its id goes there for the caller to delete: fix-ups that
+  // run side by side must not change the collection's map.
+  void FixUpLevel(bool refreshRegions, std::vector<ItemId>* deferredDeletes = nullptr);
   bool NeedsSynthesis() const override;
   bool HasContent() const override;
   bool IsParamSet(int parameter) const override;
@@ -515,6 +518,7 @@ class Collection final : public Item {
  private:
   friend class Item;
   friend bool MergeCollections(Collection& destination, Collection& source);
+  void DeleteRemaining();
   ItemMap map_;
 };
 

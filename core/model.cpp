@@ -857,7 +857,7 @@ void Region::FixUp() {
 bool Region::NeedsSynthesis() const { return RegionSynth(*this) != nullptr; }
 bool Region::HasContent() const { return RegionWaveform(*this) != nullptr; }
 
-void Layer::FixUpLevel(bool refreshRegions) {
+void Layer::FixUpLevel(bool refreshRegions, std::vector<ItemId>* deferredDeletes) {
   Item::FixUp();
   trigger.ApplyFeatures(Features());
   std::vector<Region*> regions = RegionsOf(*this);
@@ -917,7 +917,12 @@ void Layer::FixUpLevel(bool refreshRegions) {
       int cKW = ct.hiKey - ct.loKey + 1, cVW = ct.hiVel - ct.loVel + 1;
       if (pVW * kOv <= pKW * vOv || vOv >= cVW) {
         if (kOv >= cKW) {
-          DeleteItem(c);  // also leaves the child list
+          if (deferredDeletes) {
+            children.erase(i);
+            deferredDeletes->push_back(c->id);
+          } else {
+            DeleteItem(c);  // also leaves the child list
+          }
           continue;
         }
         ct.loKey = static_cast<uint8_t>(pt.hiKey + 1);

@@ -19,6 +19,7 @@
 #include "core/error.h"
 #include "core/fileref.h"
 #include "core/instrument_ops.h"
+#include "core/parallel.h"
 #include "core/settings.h"
 #include "core/wavestore.h"
 
@@ -158,9 +159,96 @@ IdSource TreeIds(Item& root) {
   return [lists](ItemType t) -> const std::vector<ItemId>& { return (*lists)[static_cast<int>(t)]; };
 }
 
+// Serials of one item type that a walk has claimed, as bits from the
+// lowest serial of the type in the collection.
+class SerialSet {
+ public:
+  explicit SerialSet(const std::vector<ItemId>& ids) {
+    if (ids.empty()) return;
+    auto [lo, hi] = std::minmax_element(ids.begin(), ids.end(),
+                                        [](ItemId a, ItemId b) { return SerialOf(a) < SerialOf(b); });
+    base_ = SerialOf(*lo);
+    bits_.resize(SerialOf(*hi) - base_ + 1);
+  }
+  // False when the serial was claimed before or lies outside the type's.
+  bool Claim(ItemId id) {
+    const uint32_t at = SerialOf(id) - base_;
+    if (SerialOf(id) < base_ || at >= bits_.size() || bits_[at]) return false;
+    bits_[at] = true;
+    return true;
+  }
+  bool Holds(ItemId id) const {
+    const uint32_t at = SerialOf(id) - base_;
+    return SerialOf(id) >= base_ && at < bits_.size() && bits_[at];
+  }
+
+ private:
+  uint32_t base_ = 0;
+  std::vector<bool> bits_;
+};
+
+// The instruments of a collection as trees that share nothing: every layer
+// listed by exactly one instrument, its parent, and every region by exactly
+// one layer, its parent. Such trees can be fixed up side by side; anything
+// less tidy is left to the one-by-one walk.
+struct Forest {
+  std::vector<Instrument*> roots;
+  unsigned threads = 0;  // for ParallelFor: 0 all the machine has
+  SerialSet layers;
+  SerialSet regions;
+
+  Forest(const IdLists& lists)
+      : layers(lists[static_cast<int>(ItemType::Layer)]), regions(lists[static_cast<int>(ItemType::Region)]) {}
+
+  // Null when the collection isn't such a forest.
+  static std::unique_ptr<Forest> Of(Collection& c, const IdLists& lists);
+
+  bool Holds(ItemType t, ItemId id) const {
+    if (t == ItemType::Instrument) return true;
+    if (t == ItemType::Layer) return layers.Holds(id);
+    if (t == ItemType::Region) return regions.Holds(id);
+    return false;
+  }
+};
+
+bool g_sideBySide = true;
+
+std::unique_ptr<Forest> Forest::Of(Collection& c, const IdLists& lists) {
+  if (!g_sideBySide) return nullptr;
+  auto forest = std::make_unique<Forest>(lists);
+  // Below this many regions, starting threads costs more than it saves.
+  constexpr std::size_t kWorthThreads = 1024;
+  forest->threads = lists[static_cast<int>(ItemType::Region)].size() < kWorthThreads ? 1 : 0;
+  std::vector<Item*> regions;
+  for (ItemId instId : lists[static_cast<int>(ItemType::Instrument)]) {
+    auto* inst = c.FindAs<Instrument>(instId);
+    if (!inst) continue;
+    forest->roots.push_back(inst);
+    for (ItemId layerId : inst->children) {
+      Item* layer = c.Find(layerId);
+      if (!layer) continue;  // dangling ids are the fix-up's to drop
+      if (TypeOf(layerId) != ItemType::Layer || layer->parentId != inst->id || !forest->layers.Claim(layerId))
+        return nullptr;
+      // Each region is looked at once here, long after the reader made it.
+      regions.clear();
+      for (ItemId regionId : layer->children)
+        if (Item* region = c.Find(regionId)) {
+          __builtin_prefetch(&region->parentId);
+          regions.push_back(region);
+        }
+      for (Item* region : regions)
+        if (TypeOf(region->id) != ItemType::Region || region->parentId != layerId || !forest->regions.Claim(region->id))
+          return nullptr;
+    }
+  }
+  return forest;
+}
+
 // Phases 1 and 2 of the fix-up over the items `ids` gives; true if any item
-// was deleted.
-bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, bool loadOptions);
+// was deleted. A forest's trees are settled side by side first, phase 3
+// included when `loadOptions` asks for it.
+bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, bool loadOptions,
+                        const Forest* forest = nullptr);
 
 // "C4..G5" and " : 1..100" in the manner of a region name.
 std::string RangeText(const TriggerRecord& t) {
@@ -178,31 +266,30 @@ void PruneTrigger(TriggerRecord& record, const TriggerRecord& reference) {
     if (record.IsSet(p) && record.Get(p) == reference.Get(p)) record.MarkUnset(p);
 }
 
-// Phase 3: marks that repeat what the level above says are dropped, top down.
-void DropRedundantMarks(Collection& c) {
-  Articulation defaults;
+// Phase 3 for one instrument's tree: marks that repeat what the level above
+// says are dropped, top down.
+void DropRedundantMarks(Collection& c, Instrument& inst) {
+  static const Articulation defaults;
   const TriggerRecord defaultTrigger;
-  for (Instrument* inst : c.All<Instrument>()) {
-    for (int i = 0; i < kArticulationCount; ++i)
-      if (inst->art.IsSet(i) && inst->art.value[i] == defaults.value[i]) inst->art.MarkUnset(i);
-    for (ItemId layerId : inst->children) {
-      auto* layer = c.FindAs<Layer>(layerId);
-      if (!layer) continue;
-      PruneTrigger(layer->trigger, defaultTrigger);
-      layer->art.Prune(inst->art);
-      for (ItemId regionId : layer->children) {
-        auto* region = c.FindAs<Region>(regionId);
-        if (!region) continue;
-        PruneTrigger(region->trigger, layer->trigger);
-        region->art.Prune(layer->art);
-        region->RebuildName();
-      }
-      std::string name(layer->Name());
-      if (std::size_t colon = name.find(':'); colon != std::string::npos) name.resize(colon);
-      const TriggerRecord& t = layer->trigger;
-      if (t.loKey != 0 || t.hiKey != 127 || t.loVel != 0 || t.hiVel != 127) name += ": " + RangeText(t);
-      layer->SetName(name);
+  for (int i = 0; i < kArticulationCount; ++i)
+    if (inst.art.IsSet(i) && inst.art.value[i] == defaults.value[i]) inst.art.MarkUnset(i);
+  for (ItemId layerId : inst.children) {
+    auto* layer = c.FindAs<Layer>(layerId);
+    if (!layer) continue;
+    PruneTrigger(layer->trigger, defaultTrigger);
+    layer->art.Prune(inst.art);
+    for (ItemId regionId : layer->children) {
+      auto* region = c.FindAs<Region>(regionId);
+      if (!region) continue;
+      PruneTrigger(region->trigger, layer->trigger);
+      region->art.Prune(layer->art);
+      region->RebuildName();
     }
+    std::string name(layer->Name());
+    if (std::size_t colon = name.find(':'); colon != std::string::npos) name.resize(colon);
+    const TriggerRecord& t = layer->trigger;
+    if (t.loKey != 0 || t.hiKey != 127 || t.loVel != 0 || t.hiVel != 127) name += ": " + RangeText(t);
+    layer->SetName(name);
   }
 }
 
@@ -411,38 +498,99 @@ void ResetRawImportQuestion() {
 
 namespace {
 
-bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, bool loadOptions) {
-  const uint64_t features = Settings().features;
-
-  // Phase 1: normalise, type by type.
-  for (ItemType t : {ItemType::Instrument, ItemType::Layer, ItemType::Region, ItemType::SynthModel,
-                     ItemType::Waveform, ItemType::Song, ItemType::Track}) {
-    for (ItemId id : ids(t)) {
-      Item* item = c.Find(id);
-      if (!item) continue;
-      if (t == ItemType::Waveform && loadOptions) {
+// Phase 1 for one item.
+void Normalise(Item& item, uint64_t features, bool loadOptions, std::vector<ItemId>* deferredDeletes) {
+  switch (item.Type()) {
+    case ItemType::Instrument: {
+      // Regions come after their layers and inherit in their own FixUp, so
+      // the levels above don't refresh them on the way.
+      auto& inst = static_cast<Instrument&>(item);
+      inst.FixUpLevel(false);
+      ReduceArticulation(inst.art, features);
+      return;
+    }
+    case ItemType::Layer: {
+      auto& layer = static_cast<Layer&>(item);
+      layer.FixUpLevel(false, deferredDeletes);
+      ReduceArticulation(layer.art, features);
+      return;
+    }
+    case ItemType::Region: {
+      auto& region = static_cast<Region&>(item);
+      region.FixUp();
+      ReduceArticulation(region.art, features);
+      if (loadOptions)
+        if (Waveform* wave = RegionWaveform(region)) DropRedundantOverrides(region, *wave);
+      return;
+    }
+    case ItemType::Waveform:
+      if (loadOptions) {
         // Before FixUp, which turns "Default" into 16-bit or float.
-        auto& wave = static_cast<Waveform&>(*item);
+        auto& wave = static_cast<Waveform&>(item);
         if (wave.preferredFormat == kPreferredDefault && IsGeneric(wave)) {
           int preferred = PreferredFormatFor(SourceDataFormat(wave.sourceFormat));
           if (preferred >= 0) wave.preferredFormat = static_cast<uint8_t>(preferred);
         }
       }
-      // Regions come after their layers here and inherit in their own
-      // FixUp, so the levels above don't refresh them on the way.
-      if (t == ItemType::Instrument) static_cast<Instrument&>(*item).FixUpLevel(false);
-      else if (t == ItemType::Layer) static_cast<Layer&>(*item).FixUpLevel(false);
-      else item->FixUp();
-      if (t == ItemType::Instrument) {
-        ReduceArticulation(static_cast<Instrument&>(*item).art, features);
-      } else if (t == ItemType::Layer) {
-        ReduceArticulation(static_cast<Layer&>(*item).art, features);
-      } else if (t == ItemType::Region) {
-        auto& region = static_cast<Region&>(*item);
-        ReduceArticulation(region.art, features);
-        if (loadOptions)
-          if (Waveform* wave = RegionWaveform(region)) DropRedundantOverrides(region, *wave);
-      }
+      item.FixUp();
+      return;
+    default:
+      item.FixUp();
+      return;
+  }
+}
+
+// Pulls an item's lines towards the cache ahead of its turn: regions are
+// large and were last touched when the reader made them.
+template <typename T>
+void Prefetch(const T* item) {
+  const char* p = reinterpret_cast<const char*>(item);
+  for (std::size_t at = 0; at < sizeof(T); at += 64) __builtin_prefetch(p + at, 1);
+}
+
+// Phases 1 and 3 for one tree of a forest, in the type order of the whole
+// walk: the instrument, its layers, then their regions. Writes nothing
+// outside the tree (waveforms are only read) and leaves the map alone. Phase 3 comes straight after
+// while the tree is in the cache: removal in between only takes items away,
+// and the marks of those that stay don't depend on it.
+void SettleTree(Collection& c, Instrument& inst, uint64_t features, bool loadOptions,
+                std::vector<ItemId>& deferredDeletes) {
+  Normalise(inst, features, loadOptions, &deferredDeletes);
+  std::vector<Layer*> layers;
+  for (ItemId id : inst.children)
+    if (auto* layer = c.FindAs<Layer>(id)) layers.push_back(layer);
+  for (Layer* layer : layers) Normalise(*layer, features, loadOptions, &deferredDeletes);
+  std::vector<Region*> regions;
+  for (Layer* layer : layers)
+    for (ItemId id : layer->children)
+      if (auto* region = c.FindAs<Region>(id)) regions.push_back(region);
+  constexpr std::size_t kAhead = 2;
+  for (std::size_t i = 0; i < std::min(kAhead, regions.size()); ++i) Prefetch(regions[i]);
+  for (std::size_t i = 0; i < regions.size(); ++i) {
+    if (i + kAhead < regions.size()) Prefetch(regions[i + kAhead]);
+    Normalise(*regions[i], features, loadOptions, &deferredDeletes);
+  }
+  if (loadOptions) DropRedundantMarks(c, inst);
+}
+
+bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, bool loadOptions,
+                        const Forest* forest) {
+  const uint64_t features = Settings().features;
+
+  // Phase 1: normalise, type by type; a forest's trees first, side by side.
+  if (forest) {
+    std::vector<std::vector<ItemId>> deferred(forest->roots.size());
+    ParallelFor(forest->roots.size(), [&](std::size_t i) {
+      SettleTree(c, *forest->roots[i], features, loadOptions, deferred[i]);
+    }, forest->threads);
+    for (const auto& list : deferred)
+      for (ItemId id : list) DeleteItem(c.Find(id));
+  }
+  for (ItemType t : {ItemType::Instrument, ItemType::Layer, ItemType::Region, ItemType::SynthModel,
+                     ItemType::Waveform, ItemType::Song, ItemType::Track}) {
+    for (ItemId id : ids(t)) {
+      if (forest && forest->Holds(t, id)) continue;
+      if (Item* item = c.Find(id)) Normalise(*item, features, loadOptions, nullptr);
     }
   }
 
@@ -485,6 +633,8 @@ bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, boo
 
 }  // namespace
 
+void SetSideBySideFixUp(bool enabled) { g_sideBySide = enabled; }
+
 void FixUpItemTree(Item& root, uint8_t removal) {
   if (!root.collection) return;
   if (root.Type() == ItemType::Collection) {
@@ -499,18 +649,20 @@ void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
   // Ids are gathered once: fix-up deletes but never adds, and the look-ups
   // skip what is gone.
   const IdLists lists = IdsByType(c);
-  const bool deleted = NormaliseAndRemove(
+  const std::unique_ptr<Forest> forest = Forest::Of(c, lists);  const bool deleted = NormaliseAndRemove(
       c, [&lists](ItemType t) -> const std::vector<ItemId>& { return lists[static_cast<int>(t)]; }, removal,
-      loadOptions);
+      loadOptions, forest.get());
 
-  // Phase 3: marks that repeat the level above go.
-  if (loadOptions) DropRedundantMarks(c);
+    // Phase 3: marks that repeat the level above go; a forest's trees are
+  // done.
+  if (loadOptions && !forest)
+    for (Instrument* inst : c.All<Instrument>()) DropRedundantMarks(c, *inst);
 
   // Phase 4, flattening levels whose feature bits are clear, is left out:
   // every level is on by default, and a cleared level's values are already
   // folded by ReduceArticulation in phase 1.
 
-  // Phase 5: the load options, in this order.
+    // Phase 5: the load options, in this order.
   if (loadOptions) {
     const auto& load = Settings().load;
     if (load.bEnsureUniqueNames) {

@@ -55,6 +55,11 @@ std::filesystem::path ResolveImportPath(const std::filesystem::path& name);
 // below the saved item's own. `loadOptions` applies the load settings.
 void FixUpItems(Collection& collection, uint8_t removal, bool loadOptions);
 
+// A large collection whose instruments share no layers or regions has its
+// instrument trees fixed up side by side on the machine's cores. Turned off,
+// every item goes one by one; the results are the same either way.
+void SetSideBySideFixUp(bool enabled);
+
 // The same normalising and removal for one item's own tree (an instrument
 // with its layers and regions, and the waveforms it plays) when only that
 // item is about to be written: a save of one instrument needn't walk the

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <random>
 #include <string>
 
 #include "core/instrument_ops.h"
@@ -270,6 +271,96 @@ TEST_F(ImportTest, LoadOptionsRunInOrderAndCanBeTurnedOff) {
   for (Waveform* w : c.All<Waveform>()) EXPECT_EQ(w->channels, 1);
   EXPECT_EQ(CollectionSortMode(), 1);
   EXPECT_EQ(WaveformSortMode(), 2);
+}
+
+// A bank big enough for the fix-up to spread over threads, holding what the
+// fix-up repairs: regions hidden by or overlapping their neighbours, layer
+// exclusions to push down, phase groups, marks that repeat the level above
+// or the defaults, overrides equal to the wave, a wave of no length whose
+// regions must go, and a layer no instrument lists. `tidy` false also lists
+// one layer under two instruments, which the side-by-side walk must refuse.
+void BuildMessyBank(Collection& c, bool tidy) {
+  std::mt19937 rng(20261121);
+  auto pick = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  std::vector<Waveform*> waves;
+  for (int i = 0; i < 40; ++i) {
+    Waveform* w = MakeWave(c, ("W" + std::to_string(i)).c_str(), i == 7 ? 0 : 500 + 13 * i);
+    if (i % 3 == 0) {
+      w->loopType = 1;
+      w->loopStart = 10.0f * i;
+      w->loopEnd = 400.0f;
+    }
+    w->rootKey = static_cast<uint8_t>(40 + i);
+    waves.push_back(w);
+  }
+  Articulation defaults;
+  std::vector<Layer*> allLayers;
+  for (int n = 0; n < 40; ++n) {
+    auto* inst = Create<Instrument>(c, ("I" + std::to_string(n)).c_str());
+    inst->location = MakeLocation(0, 0, static_cast<uint32_t>(n), n % 9 == 0);
+    inst->art.Set(51, n % 2 ? 0.25f : defaults.value[51]);  // sometimes the default
+    inst->art.Set(5, static_cast<float>(pick(-1200, 1200)));
+    for (int l = 0; l < 3; ++l) {
+      Layer* layer = AddLayer(*inst);
+      allLayers.push_back(layer);
+      if (pick(0, 3) == 0) layer->SetParam(202, static_cast<float>(pick(1, 9)));
+      layer->art.Set(5, pick(0, 1) ? inst->art.value[5] : 100.0f);  // sometimes as the instrument
+      layer->art.Set(60, static_cast<float>(pick(0, 10)));
+      int key = 0;
+      for (int r = 0; r < 10; ++r) {
+        Waveform* w = waves[static_cast<std::size_t>(pick(0, 39))];
+        const int lo = std::max(0, key - pick(0, 6));  // often into the one before
+        const int hi = std::min(127, lo + pick(0, 14));
+        key = hi + 1;
+        const int vlo = pick(0, 1) ? 0 : pick(1, 60);
+        Region* region = AddRegion(*layer, w->id, MakeRange(static_cast<uint8_t>(lo), static_cast<uint8_t>(hi)),
+                                   MakeRange(static_cast<uint8_t>(vlo), 127),
+                                   pick(0, 2) ? 255 : static_cast<uint8_t>(w->rootKey));
+        region->art.Set(60, pick(0, 1) ? layer->art.value[60] : static_cast<float>(pick(11, 20)));
+        region->art.Set(70, static_cast<float>(pick(-50, 50)));
+        if (pick(0, 4) == 0) {
+          region->overrideMask |= kOverrideLoopStart;
+          region->loopStart = pick(0, 1) ? w->loopStart : 5.0f;
+        }
+        if (r < 2) {
+          region->phaseGroup = static_cast<uint16_t>(n * 10 + r + 1);
+          region->phaseMaster = l == 0;
+        }
+      }
+    }
+  }
+  // A layer with regions that no instrument lists.
+  auto* stray = Create<Layer>(c);
+  AddRegion(*stray, waves[1]->id, MakeRange(0, 60), MakeRange(0, 127), 255);
+  AddRegion(*stray, waves[2]->id, MakeRange(30, 90), MakeRange(0, 127), 255);
+  if (!tidy) AddChild(*c.All<Instrument>().back(), allLayers.front()->id);
+}
+
+long LineOfFirstDifference(const std::string& a, const std::string& b) {
+  auto at = std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first;
+  return 1 + std::count(a.begin(), at, '\n');
+}
+
+TEST_F(ImportTest, SideBySideFixUpEndsAsTheOneByOneWalk) {
+  for (bool tidy : {true, false}) {
+    std::string text[2];
+    for (bool sideBySide : {true, false}) {
+      SetSideBySideFixUp(sideBySide);
+      Collection c;
+      BuildMessyBank(c, tidy);
+      FixUpItems(c, 0xFF, true);
+      text[sideBySide] = test::TreeText(c);
+      if (tidy) {
+        // What the walk was for happened.
+        EXPECT_LT(c.Count(ItemType::Region), 40u * 3 * 10);
+        EXPECT_EQ(c.Count(ItemType::Waveform), 39u);
+        EXPECT_EQ(c.Count(ItemType::Layer), 40u * 3 + 1);
+      }
+    }
+    SetSideBySideFixUp(true);
+    EXPECT_TRUE(text[1] == text[0]) << (tidy ? "tidy" : "shared layer") << ", first difference on line "
+                                    << LineOfFirstDifference(text[0], text[1]);
+  }
 }
 
 }  // namespace

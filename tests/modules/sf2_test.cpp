@@ -17,6 +17,7 @@
 #include "core/fileref.h"
 #include "core/items.h"
 #include "core/wavestore.h"
+#include "formats/import.h"
 #include "formats/modules/sf2.h"
 #include "formats/registry.h"
 #include "support/render.h"
@@ -242,6 +243,20 @@ TEST(Sf2Corpus, OpeningALargeBankReadsNoSampleData) {
   for (Waveform* w : c.All<Waveform>()) ASSERT_FALSE(w->HasData());
   std::printf("FluidR3_GM.sf2 read in %.3f s\n", seconds);
   EXPECT_LT(seconds, 2.0);
+}
+
+TEST(Sf2Corpus, LargeBankFixUpSideBySideEndsAsOneByOne) {
+  if (!fs::exists(kFluidR3)) GTEST_SKIP() << "fluid-soundfont-gm not installed";
+  std::string text[2];
+  for (bool sideBySide : {true, false}) {
+    SetSideBySideFixUp(sideBySide);
+    Collection c;
+    ASSERT_TRUE(ImportFile(c, kFluidR3, true)) << ErrorMessage;
+    text[sideBySide] = test::TreeText(c);
+  }
+  SetSideBySideFixUp(true);
+  EXPECT_GT(text[0].size(), 1000000u);
+  EXPECT_TRUE(text[0] == text[1]);
 }
 
 // ---- unit conversions ----

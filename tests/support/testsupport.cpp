@@ -136,4 +136,56 @@ void ExpectSamplesAsLibsndfile(const std::filesystem::path& path, Waveform& wave
     if (ours[i] != theirs[i]) FAIL() << "sample " << i << ": " << ours[i] << " vs " << theirs[i];
 }
 
+namespace {
+
+void ArticulationText(std::ostringstream& out, const Articulation& a) {
+  out << " set=" << a.set[0] << ',' << a.set[1] << ',' << a.set[2] << " values=";
+  for (float v : a.value) {
+    uint32_t bits;
+    std::memcpy(&bits, &v, 4);
+    out << bits << ',';
+  }
+}
+
+void TriggerText(std::ostringstream& out, const TriggerRecord& t) {
+  out << " trigger=" << t.setMask;
+  for (int p = TriggerRecord::kFirst; p <= TriggerRecord::kLast; ++p) out << ',' << t.Get(p);
+}
+
+}  // namespace
+
+std::string TreeText(const Collection& c) {
+  std::ostringstream out;
+  for (Instrument* inst : c.All<Instrument>()) {
+    out << "instrument " << inst->Name() << " at " << inst->location;
+    ArticulationText(out, inst->art);
+    out << '\n';
+    for (ItemId layerId : inst->children) {
+      auto* layer = c.FindAs<Layer>(layerId);
+      if (!layer) continue;
+      out << " layer " << layer->Name() << " drum=" << int{layer->drum};
+      TriggerText(out, layer->trigger);
+      ArticulationText(out, layer->art);
+      out << '\n';
+      for (ItemId regionId : layer->children) {
+        auto* r = c.FindAs<Region>(regionId);
+        if (!r) continue;
+        const Waveform* w = RegionWaveform(*r);
+        out << "  region " << r->Name() << " wave=" << (w ? w->Name() : "-") << " root=" << int{r->rootKey}
+            << " overrides=" << int{r->overrideMask} << " loop=" << int{r->loopType} << ',' << r->loopStart << ','
+            << r->loopEnd << " offsets=" << r->startOffset << ',' << r->endOffset << " phase=" << r->phaseGroup << ','
+            << int{r->phaseMaster};
+        TriggerText(out, r->trigger);
+        ArticulationText(out, r->art);
+        out << '\n';
+      }
+    }
+  }
+  for (Waveform* w : c.All<Waveform>())
+    out << "waveform " << w->Name() << " length=" << w->length << " loop=" << int{w->loopType} << ','
+        << w->loopStart << ',' << w->loopEnd << " format=" << int{w->preferredFormat} << '\n';
+  for (int t = 0; t < kItemTypeCount; ++t) out << c.Count(static_cast<ItemType>(t)) << ' ';
+  return out.str();
+}
+
 }  // namespace kv::test

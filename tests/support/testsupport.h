@@ -8,6 +8,7 @@
 #include <vector>
 
 namespace kv {
+class Collection;
 class Waveform;
 }
 
@@ -57,5 +58,11 @@ bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out
 // Every sample of `wave`, read from `path`, equals libsndfile's decoding of
 // the same file (when libsndfile can be asked).
 void ExpectSamplesAsLibsndfile(const std::filesystem::path& path, Waveform& wave);
+
+// Everything a fix-up decides, as text without item ids: each instrument's
+// tree in child order (names, trigger, articulation values and marks, the
+// region's own fields) and every waveform. Two collections built alike give
+// the same text whatever serials they drew.
+std::string TreeText(const Collection& c);
 
 }  // namespace kv::test
