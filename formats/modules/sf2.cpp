@@ -258,7 +258,7 @@ ZoneValues Union(const ZoneValues& a, const ZoneValues& b) {
 }
 
 struct SampleInfo {
-  ItemId wave = kNoItem;
+  Waveform* wave = nullptr;
   bool unpitched = false;
   uint16_t type = 0;
   uint16_t link = 0;
@@ -357,7 +357,7 @@ void MarkStereoPairs(Collection& c, Instrument& instrument, const std::vector<Sa
     const Waveform* w = RegionWaveform(r);
     if (!w) return -1;
     for (std::size_t i = 0; i < samples.size(); ++i)
-      if (samples[i].wave == w->id) return static_cast<int>(i);
+      if (samples[i].wave == w) return static_cast<int>(i);
     return -1;
   };
   auto pan = [&](const Region& r, const Layer& l) {
@@ -457,7 +457,7 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
     w->SetName(s.name, sizeof s.name, TextEncoding::Foreign);
     w->sourcePath = file.Path();
     w->sampleRate = s.rate.get();
-    samples[i].wave = w->id;
+    samples[i].wave = w;
     if (s.originalKey == 255) {
       samples[i].unpitched = true;
       w->rootKey = 60;
@@ -525,7 +525,7 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
       if (valid) {
         // ROM samples are matched to the ROM set's waves by name.
         for (auto& info : samples) {
-          auto* w = c.FindWave(info.wave);
+          Waveform* w = info.wave;
           if (!w || w->readCallback) continue;
           for (Waveform* src : romBank.All<Waveform>()) {
             if (EqualsNoCase(src->Name(), w->Name()) && src->readCallback) {
@@ -623,7 +623,7 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
       for (const Zone& iz : instZones) {
         if (iz.link < 0 || static_cast<std::size_t>(iz.link) >= samples.size()) continue;
         const SampleInfo& info = samples[iz.link];
-        Waveform* wave = c.FindWave(info.wave);
+        Waveform* wave = info.wave;
         if (!wave) continue;  // missing sample
         const ZoneValues* iL = &iz.values;
         auto instValue = [&](int gen) {
