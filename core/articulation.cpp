@@ -153,6 +153,23 @@ bool Articulation::Inherit(const Articulation& parent) {
   return changed;
 }
 
+void Articulation::MatchPitchOf(const Articulation& master) {
+  auto take = [&](int first, int count) {
+    for (int i = first; i < first + count; ++i) {
+      value[i] = master.value[i];
+      if (master.IsSet(i)) MarkSet(i);
+      else MarkUnset(i);
+    }
+  };
+  constexpr int kPitchRows = 14;  // Master tuning through Random to Pitch
+  take(0, kPitchRows);
+  take(LfoRow(kLfoP, 0), 4);
+  if (master.value[11] != 0.0f || master.value[12] != 0.0f) take(EnvRow(kEnvP, 0), kEnvRows);
+  const bool xMovesPitch = master.value[7] != 0.0f || master.value[8] != 0.0f || master.value[9] != 0.0f ||
+                           master.value[10] != 0.0f;
+  if (master.value[54] == 0.0f && xMovesPitch) take(LfoRow(kLfoX, 0), 4);
+}
+
 bool Articulation::Prune(const Articulation& parent) {
   bool cleared = false;
   int i = 0;

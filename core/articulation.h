@@ -128,6 +128,12 @@ struct Articulation {
   // was cleared.
   bool Prune(const Articulation& parent);
 
+  // Takes from a phase master what keeps a group pitch-locked to it: the
+  // pitch rows 0-13 and the P-LFO always, the P-ENV when the master's envelope
+  // reaches pitch, the X-LFO when it moves pitch and not pan. Levels, pan and
+  // filter stay each member's own: the two sides of a stereo pair differ there.
+  void MatchPitchOf(const Articulation& master);
+
   LfoGroup ReadLfo(int n) const;
   void WriteLfo(int n, const LfoGroup& g);
   EnvGroup ReadEnvelope(int k) const;

@@ -974,7 +974,7 @@ void Instrument::FixUpLevel(bool refreshRegions) {
     if (refreshRegions)
       for (Region* r : RegionsOf(*layer)) r->art.Inherit(layer->art);
   }
-  // Phase groups: a master's articulation is matched into its group.
+  // Phase groups: a master's pitch articulation is matched into its group.
   for (Layer* masterLayer : layers) {
     for (Region* master : RegionsOf(*masterLayer)) {
       if (!master->phaseMaster || master->phaseGroup == 0) continue;
@@ -985,10 +985,10 @@ void Instrument::FixUpLevel(bool refreshRegions) {
           if (r == master || r->phaseMaster || r->phaseGroup != master->phaseGroup ||
               !SameTrigger(r->trigger, master->trigger))
             continue;
-          r->art = master->art;
+          r->art.MatchPitchOf(master->art);
           ++matched;
         }
-        if (layer != masterLayer && matched && matched == regions.size()) layer->art = masterLayer->art;
+        if (layer != masterLayer && matched && matched == regions.size()) layer->art.MatchPitchOf(masterLayer->art);
       }
     }
   }

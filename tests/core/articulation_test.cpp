@@ -157,6 +157,38 @@ TEST(ArticulationPresence, MergedRecordTakesNearestLevel) {
   EXPECT_FLOAT_EQ(m.value[kRowBendToPitch], 2);
 }
 
+TEST(ArticulationGroups, PhaseMembersTakeThePitchRowsAndKeepTheirPan) {
+  Articulation master, member;
+  master.Set(kRowMasterTune, 0.3f);
+  master.Set(51, -1.0f);                      // pan
+  master.Set(kRowMasterVolume, -6.0f);
+  master.Set(LfoRow(kLfoP, kLfoFrequency), 7.0f);
+  master.Set(EnvRow(kEnvP, kEnvA2Time), 0.5f);  // P-ENV, reaching no pitch
+  master.Set(LfoRow(kLfoX, kLfoFrequency), 3.0f);
+  master.Set(7, 0.5f);                        // X-LFO to pitch
+  member.Set(51, 1.0f);
+  member.Set(kRowKeyToPitch, 0.5f);
+  member.MatchPitchOf(master);
+  EXPECT_FLOAT_EQ(member.value[kRowMasterTune], 0.3f);
+  EXPECT_TRUE(member.IsSet(kRowMasterTune));
+  EXPECT_FLOAT_EQ(member.value[kRowKeyToPitch], 1.0f);  // the master's default, unmarked
+  EXPECT_FALSE(member.IsSet(kRowKeyToPitch));
+  EXPECT_FLOAT_EQ(member.value[LfoRow(kLfoP, kLfoFrequency)], 7.0f);
+  EXPECT_FLOAT_EQ(member.value[LfoRow(kLfoX, kLfoFrequency)], 3.0f);
+  EXPECT_FALSE(member.IsSet(EnvRow(kEnvP, kEnvA2Time)));
+  EXPECT_FLOAT_EQ(member.value[51], 1.0f);
+  EXPECT_FALSE(member.IsSet(kRowMasterVolume));
+
+  // An X-LFO that also pans stays the member's own, and a P-ENV that
+  // reaches pitch comes along.
+  master.Set(54, 0.5f);
+  master.Set(11, 2.0f);
+  Articulation other;
+  other.MatchPitchOf(master);
+  EXPECT_FALSE(other.IsSet(LfoRow(kLfoX, kLfoFrequency)));
+  EXPECT_FLOAT_EQ(other.value[EnvRow(kEnvP, kEnvA2Time)], 0.5f);
+}
+
 TEST(ArticulationGroups, LfoShapeSplitAndDepthRows) {
   Articulation a;
   LfoGroup g;
