@@ -417,9 +417,11 @@ int CompactLayers(Collection& c) {
         ++merged;
         changed = true;
       }
-      if (changed) base->FixUp();
+      // The moved regions inherited from an articulation equal to the one
+      // they inherit from now: sorting and renaming are all that is left.
+      if (changed) base->FixUpLevel(false);
     }
-    if (changed) inst->FixUp();
+    if (changed) inst->FixUpLevel(false);
   }
   return merged;
 }

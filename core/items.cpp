@@ -76,7 +76,9 @@ uint64_t ItemMap::Hash(ItemId id) {
 }
 
 void ItemMap::Insert(ItemId id, Item* item) {
-  if (size_ + 1 > buckets_.size()) Rehash(buckets_.size() * 2);
+  const bool rehash = size_ + 1 > buckets_.size();
+  if (rehash || (free_ == kNil && nodes_.size() == nodes_.capacity())) Guard();
+  if (rehash) Rehash(buckets_.size() * 2);
   uint32_t n;
   if (free_ != kNil) {
     n = free_;
@@ -87,7 +89,7 @@ void ItemMap::Insert(ItemId id, Item* item) {
   }
   uint32_t& bucket = buckets_[Hash(id) & (buckets_.size() - 1)];
   nodes_[n] = Node{id, bucket, item, tail_, kNil};
-  bucket = n;
+  std::atomic_ref<uint32_t>(bucket).store(n, std::memory_order_release);
   uint32_t& top = topSerial_[static_cast<int>(TypeOf(id))];
   top = std::max(top, SerialOf(id));
   if (tail_ != kNil) nodes_[tail_].next = n; else head_ = n;
@@ -96,6 +98,7 @@ void ItemMap::Insert(ItemId id, Item* item) {
 }
 
 bool ItemMap::Erase(ItemId id) {
+  Guard();
   uint32_t* link = &buckets_[Hash(id) & (buckets_.size() - 1)];
   while (*link != kNil && nodes_[*link].id != id) link = &nodes_[*link].bucketNext;
   const uint32_t n = *link;
@@ -111,11 +114,21 @@ bool ItemMap::Erase(ItemId id) {
 }
 
 void ItemMap::Clear() {
+  Guard();
   nodes_.clear();
   std::fill(std::begin(topSerial_), std::end(topSerial_), 0u);
   head_ = tail_ = free_ = kNil;
   size_ = 0;
   std::fill(buckets_.begin(), buckets_.end(), kNil);
+}
+
+void ItemMap::Reserve(std::size_t more) {
+  const std::size_t want = size_ + more;
+  if (want > buckets_.size() || want > nodes_.capacity()) Guard();
+  std::size_t count = buckets_.size();
+  while (count < want) count *= 2;
+  if (count != buckets_.size()) Rehash(count);
+  nodes_.reserve(want);
 }
 
 void ItemMap::Rehash(std::size_t count) {

@@ -7,6 +7,7 @@
 // what is left when it goes.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -425,14 +426,29 @@ class ItemMap {
 
   static uint64_t Hash(ItemId id);
 
+  // Bucket heads are read and published atomically: while a bank loads,
+  // other threads look up finished instruments' items as the reader inserts.
   Item* Find(ItemId id) const {
-    for (uint32_t n = buckets_[Hash(id) & (buckets_.size() - 1)]; n != kNil; n = nodes_[n].bucketNext)
-      if (nodes_[n].id == id) return nodes_[n].item;
+    const Node* nodes = nodes_.data();
+    uint32_t& head = const_cast<uint32_t&>(buckets_[Hash(id) & (buckets_.size() - 1)]);
+    for (uint32_t n = std::atomic_ref<uint32_t>(head).load(std::memory_order_acquire); n != kNil;
+         n = nodes[n].bucketNext)
+      if (nodes[n].id == id) return nodes[n].item;
     return nullptr;
   }
   void Insert(ItemId id, Item* item);
   bool Erase(ItemId id);
   void Clear();
+  // Room for `more` items beyond those held: inserting that many neither
+  // moves the node array nor rehashes, so look-ups on other threads may go
+  // on meanwhile. Anything else that would move or unlink nodes (growing
+  // further, erasing, clearing) first calls the guard, once, which must see
+  // to it that no other thread is looking up.
+  void Reserve(std::size_t more);
+  void SetGuard(void (*guard)(void* context), void* context) {
+    guard_ = guard;
+    guardContext_ = context;
+  }
   std::size_t Size() const { return size_; }
   std::size_t BucketCount() const { return buckets_.size(); }
   // No id of the type with a higher serial than this was ever inserted
@@ -461,6 +477,12 @@ class ItemMap {
     uint32_t next;
   };
   void Rehash(std::size_t buckets);
+  void Guard() {
+    if (!guard_) return;
+    auto* guard = guard_;
+    guard_ = nullptr;
+    guard(guardContext_);
+  }
 
   std::vector<Node> nodes_;
   std::vector<uint32_t> buckets_;
@@ -469,6 +491,8 @@ class ItemMap {
   uint32_t free_ = kNil;
   std::size_t size_ = 0;
   uint32_t topSerial_[kItemTypeCount] = {};
+  void (*guard_)(void*) = nullptr;
+  void* guardContext_ = nullptr;
 };
 
 class Collection final : public Item {
@@ -505,6 +529,9 @@ class Collection final : public Item {
   void Clear();
 
   const ItemMap& Map() const { return map_; }
+  // See ItemMap::Reserve and ItemMap::SetGuard.
+  void ReserveItems(std::size_t more) { map_.Reserve(more); }
+  void SetMapGuard(void (*guard)(void*), void* context) { map_.SetGuard(guard, context); }
 
   uint32_t counts[kItemTypeCount] = {};
   char engineer[129] = {};

@@ -3,12 +3,16 @@
 // dangling: everything here repairs that, so modules stay small.
 #include "formats/import.h"
 
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <cstring>
 #include <string>
 #include <system_error>
@@ -193,6 +197,7 @@ class SerialSet {
 // less tidy is left to the one-by-one walk.
 struct Forest {
   std::vector<Instrument*> roots;
+  std::vector<Instrument*> pending;  // the roots still to settle
   unsigned threads = 0;  // for ParallelFor: 0 all the machine has
   SerialSet layers;
   SerialSet regions;
@@ -344,52 +349,6 @@ int& CollectionSortMode() { return g_collectionSortMode; }
 int& WaveformSortMode() { return g_waveformSortMode; }
 
 // ---------------------------------------------------------------- ImportFile
-
-bool ImportFile(Collection& collection, const fs::path& path, bool strict) {
-  // Referenced files resolve against the file's folder. The process's
-  // working directory stays as it is: relative command-line paths given
-  // after this one must keep their meaning.
-  const fs::path absolute = AbsolutePath(path);
-
-  FileRef file;
-  struct stat info {};
-  if (!file.OpenRead(absolute) || ::fstat(file.Fd(), &info) != 0 || !S_ISREG(info.st_mode)) {
-    ForgetRecentFile(path);
-    return Fail(kImportContext, "Could not open file");
-  }
-  if (file.Size() == 0) return Fail(kImportContext, "File is of zero size");
-
-  int confidence = 0;
-  const int row = DetectFormat(absolute, file, confidence);
-  if (row < 0) return Fail(kImportContext, "Not a supported import file type");
-  if (!strict && confidence == 0) return Fail(kImportContext, "Not detected as any supported file type");
-  const FormatReadFn read = RowReadFunction(row);
-  // Rows are detected before their readers are built; say which one is missing.
-  if (!read) return Fail(kImportContext, "Reading \"%s\" files is not available yet", FormatName(row));
-
-  collection.Clear();
-  collection.sourcePath = absolute;
-  collection.formatIndex = row;
-  collection.SetName(absolute.stem().string());
-
-  bool ok;
-  {
-    ImportFolderScope folder(absolute.parent_path());
-    const bool wasBusy = App().busy;
-    App().busy = true;  // instrument constructors report their names
-    ok = read(collection, file, FormatAt(row)->parameter);
-    App().busy = wasBusy;
-  }
-  file.Close();
-
-  if (!ok) {
-    collection.Clear();
-    collection.SetName("Empty collection");
-    return false;
-  }
-  FixUpItems(collection, 0xFF, true);
-  return true;
-}
 
 bool CanImport(const fs::path& path) {
   FileRef file;
@@ -573,15 +532,132 @@ void SettleTree(Collection& c, Instrument& inst, uint64_t features, bool loadOpt
   if (loadOptions) DropRedundantMarks(c, inst);
 }
 
+// Instrument trees that a reader has finished, settled (phases 1 and 3) on
+// the other cores while it reads on. The reader's inserts go into room the
+// map set aside, so the workers' look-ups stay valid; should the map have to
+// move anything after all, its guard stops the workers first, and the trees
+// not yet settled wait for the fix-up.
+class EarlySettle {
+ public:
+  explicit EarlySettle(Collection& c) : c_(c) {}
+  ~EarlySettle() { Stop(); }
+  EarlySettle(const EarlySettle&) = delete;
+  EarlySettle& operator=(const EarlySettle&) = delete;
+
+  Collection& Target() const { return c_; }
+
+  // Starts the workers when `items` are worth them.
+  void Start(std::size_t items) {
+    if (running_ || stopped_ || !g_sideBySide) return;
+    const unsigned threads = ParallelThreads(items / kItemsPerWorker + 1, kMaxWorkers + 1);
+    if (threads < 2) return;
+    c_.ReserveItems(items + items / 8);  // readers may split what they counted
+    c_.SetMapGuard([](void* self) { static_cast<EarlySettle*>(self)->Stop(); }, this);
+    features_ = Settings().features;
+    running_ = true;
+    for (unsigned t = 1; t < threads; ++t) {
+      pthread_t thread;
+      if (pthread_create(&thread, nullptr, &EarlySettle::Run, this) != 0) break;
+      workers_.push_back(thread);
+    }
+    if (workers_.empty()) Stop();
+  }
+
+  void Offer(Instrument& inst) {
+    if (!running_) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    queue_.push_back(&trees_.emplace_back(Tree{&inst, inst.id, {}, false}));
+    ready_.notify_one();
+  }
+
+  // Settles what is still queued on this thread as well, then stops.
+  void Finish() {
+    while (Tree* tree = Next(false)) Settle(*tree);
+    Stop();
+  }
+
+  // Workers end after the tree in hand; queued trees stay unsettled.
+  void Stop() {
+    if (!running_) return;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopped_ = true;
+    }
+    ready_.notify_all();
+    for (pthread_t thread : workers_) pthread_join(thread, nullptr);
+    workers_.clear();
+    running_ = false;
+    c_.SetMapGuard(nullptr, nullptr);
+    for (const Tree& tree : trees_)
+      if (tree.done) settled_.push_back(tree.id);
+    std::sort(settled_.begin(), settled_.end());
+  }
+
+  // After Stop: whether the tree of `root` is settled, and the deletions the
+  // settled trees left, in the order they were offered.
+  bool Settled(ItemId root) const { return std::binary_search(settled_.begin(), settled_.end(), root); }
+  void ApplyDeletions() const {
+    for (const Tree& tree : trees_)
+      for (ItemId id : tree.deletions) DeleteItem(c_.Find(id));
+  }
+
+ private:
+  static constexpr std::size_t kItemsPerWorker = 1024;
+  static constexpr unsigned kMaxWorkers = 3;
+
+  struct Tree {
+    Instrument* root;
+    ItemId id;
+    std::vector<ItemId> deletions;
+    bool done;
+  };
+
+  static void* Run(void* self) {
+    auto* me = static_cast<EarlySettle*>(self);
+    while (Tree* tree = me->Next(true)) me->Settle(*tree);
+    return nullptr;
+  }
+
+  // The next queued tree; null once stopped, or at once when the queue is
+  // empty and `wait` is false.
+  Tree* Next(bool wait) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (wait) ready_.wait(lock, [this] { return stopped_ || !queue_.empty(); });
+    if (stopped_ || queue_.empty()) return nullptr;
+    Tree* tree = queue_.front();
+    queue_.pop_front();
+    return tree;
+  }
+
+  void Settle(Tree& tree) {
+    SettleTree(c_, *tree.root, features_, true, tree.deletions);
+    tree.done = true;  // read after the workers are joined
+  }
+
+  Collection& c_;
+  uint64_t features_ = 0;
+  bool running_ = false;
+  bool stopped_ = false;
+  std::vector<pthread_t> workers_;
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::deque<Tree> trees_;  // grows at the back without moving the trees in work
+  std::deque<Tree*> queue_;
+  std::vector<ItemId> settled_;  // sorted, once stopped
+};
+
+// The load in progress on this thread, for the readers' hand-overs.
+thread_local EarlySettle* t_load = nullptr;
+
 bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, bool loadOptions,
                         const Forest* forest) {
   const uint64_t features = Settings().features;
 
   // Phase 1: normalise, type by type; a forest's trees first, side by side.
   if (forest) {
-    std::vector<std::vector<ItemId>> deferred(forest->roots.size());
-    ParallelFor(forest->roots.size(), [&](std::size_t i) {
-      SettleTree(c, *forest->roots[i], features, loadOptions, deferred[i]);
+    std::vector<std::vector<ItemId>> deferred(forest->pending.size());
+    ParallelFor(forest->pending.size(), [&](std::size_t i) {
+      SettleTree(c, *forest->pending[i], features, loadOptions, deferred[i]);
     }, forest->threads);
     for (const auto& list : deferred)
       for (ItemId id : list) DeleteItem(c.Find(id));
@@ -631,6 +707,8 @@ bool NormaliseAndRemove(Collection& c, const IdSource& ids, uint8_t removal, boo
   return deleted;
 }
 
+void FixUpAll(Collection& c, uint8_t removal, bool loadOptions, const EarlySettle* early);
+
 }  // namespace
 
 void SetSideBySideFixUp(bool enabled) { g_sideBySide = enabled; }
@@ -644,12 +722,29 @@ void FixUpItemTree(Item& root, uint8_t removal) {
   if (NormaliseAndRemove(*root.collection, TreeIds(root), removal, false)) App().refresh = true;
 }
 
-void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
+void ExpectItems(Collection& c, std::size_t count) {
+  if (t_load && &t_load->Target() == &c) t_load->Start(count);
+}
+
+void InstrumentDone(Collection& c, Instrument& inst) {
+  if (t_load && &t_load->Target() == &c) t_load->Offer(inst);
+}
+
+void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) { FixUpAll(c, removal, loadOptions, nullptr); }
+
+namespace {
+
+void FixUpAll(Collection& c, uint8_t removal, bool loadOptions, const EarlySettle* early) {
   StatusText("Fixing up items...");
+  if (early) early->ApplyDeletions();
   // Ids are gathered once: fix-up deletes but never adds, and the look-ups
   // skip what is gone.
   const IdLists lists = IdsByType(c);
-  const std::unique_ptr<Forest> forest = Forest::Of(c, lists);  const bool deleted = NormaliseAndRemove(
+  const std::unique_ptr<Forest> forest = Forest::Of(c, lists);
+  if (forest)
+    for (Instrument* root : forest->roots)
+      if (!early || !early->Settled(root->id)) forest->pending.push_back(root);
+  const bool deleted = NormaliseAndRemove(
       c, [&lists](ItemType t) -> const std::vector<ItemId>& { return lists[static_cast<int>(t)]; }, removal,
       loadOptions, forest.get());
 
@@ -688,6 +783,62 @@ void FixUpItems(Collection& c, uint8_t removal, bool loadOptions) {
   StatusText("%s", "");
   if (deleted) App().refresh = true;
   if (loadOptions) App().currentItem = c.id;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- ImportFile
+
+bool ImportFile(Collection& collection, const fs::path& path, bool strict) {
+  // Referenced files resolve against the file's folder. The process's
+  // working directory stays as it is: relative command-line paths given
+  // after this one must keep their meaning.
+  const fs::path absolute = AbsolutePath(path);
+
+  FileRef file;
+  struct stat info {};
+  if (!file.OpenRead(absolute) || ::fstat(file.Fd(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    ForgetRecentFile(path);
+    return Fail(kImportContext, "Could not open file");
+  }
+  if (file.Size() == 0) return Fail(kImportContext, "File is of zero size");
+
+  int confidence = 0;
+  const int row = DetectFormat(absolute, file, confidence);
+  if (row < 0) return Fail(kImportContext, "Not a supported import file type");
+  if (!strict && confidence == 0) return Fail(kImportContext, "Not detected as any supported file type");
+  const FormatReadFn read = RowReadFunction(row);
+  // Rows are detected before their readers are built; say which one is missing.
+  if (!read) return Fail(kImportContext, "Reading \"%s\" files is not available yet", FormatName(row));
+
+  collection.Clear();
+  collection.sourcePath = absolute;
+  collection.formatIndex = row;
+  collection.SetName(absolute.stem().string());
+
+  bool ok;
+  EarlySettle early(collection);
+  {
+    ImportFolderScope folder(absolute.parent_path());
+    EarlySettle* const outer = t_load;
+    t_load = &early;
+    const bool wasBusy = App().busy;
+    App().busy = true;  // instrument constructors report their names
+    ok = read(collection, file, FormatAt(row)->parameter);
+    App().busy = wasBusy;
+    t_load = outer;
+  }
+  if (ok) early.Finish();
+  else early.Stop();
+  file.Close();
+
+  if (!ok) {
+    collection.Clear();
+    collection.SetName("Empty collection");
+    return false;
+  }
+  FixUpAll(collection, 0xFF, true, &early);
+  return true;
 }
 
 }  // namespace kv

@@ -3,6 +3,7 @@
 // file into what is loaded and replacing waveforms by name.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 
@@ -54,6 +55,15 @@ std::filesystem::path ResolveImportPath(const std::filesystem::path& name);
 // Removal bits are 1 << ItemType; an import passes 0xFF, an export the types
 // below the saved item's own. `loadOptions` applies the load settings.
 void FixUpItems(Collection& collection, uint8_t removal, bool loadOptions);
+
+// For readers of large banks, to be called while their read function runs.
+// ExpectItems tells about how many items the reader is about to make;
+// InstrumentDone hands over an instrument whose layers and regions are
+// complete and that the reader won't touch again. While it reads on, the
+// fix-up settles such trees on the machine's other cores. Outside a load, or
+// for a collection other than the one loading, both do nothing.
+void ExpectItems(Collection& collection, std::size_t count);
+void InstrumentDone(Collection& collection, Instrument& instrument);
 
 // A large collection whose instruments share no layers or regions has its
 // instrument trees fixed up side by side on the machine's cores. Turned off,

@@ -19,6 +19,7 @@
 #include "core/samplecodec.h"
 #include "core/text.h"
 #include "core/wavestore.h"
+#include "formats/import.h"
 #include "formats/modules/sf2_format.h"
 
 namespace kv {
@@ -408,6 +409,100 @@ constexpr uint8_t kFxReverb = 2;
 // the 1 MB General MIDI ROM.
 constexpr uint32_t kRomBound = 0x80000;
 
+// All zones of a SoundFont instrument that match a note sound together, but
+// the regions of a layer must not overlap: a zone that overlaps one already
+// placed goes into a further layer alike to the first, so that nothing is
+// lost (the two sides of stereo samples, above all). Past a bound on layers
+// the last one takes the rest, and the fix-up resolves them as it would.
+class LayerStack {
+ public:
+  LayerStack(Instrument& instrument, Layer& first) : instrument_(instrument) { levels_.push_back({&first, {}}); }
+
+  Layer& For(uint16_t keys, uint16_t vels) {
+    const Box box{Span(keys), Span(vels)};
+    for (Level& level : levels_) {
+      if (level.used.Overlaps(box)) continue;
+      level.used.Add(box);
+      return *level.layer;
+    }
+    if (levels_.size() >= kMaxLayers) return *levels_.back().layer;
+    Layer* layer = AddLayer(instrument_);
+    layer->trigger = levels_.front().layer->trigger;
+    layer->art = levels_.front().layer->art;
+    levels_.push_back({layer, {}});
+    levels_.back().used.Add(box);
+    return *layer;
+  }
+
+ private:
+  static constexpr std::size_t kMaxLayers = 32;
+  struct Box {
+    std::pair<int, int> keys, vels;
+  };
+  // Which key and velocity cells the layer's regions cover.
+  struct Cells {
+    uint64_t row[128][2] = {};
+    static void Mask(std::pair<int, int> v, uint64_t out[2]) {
+      for (int w = 0; w < 2; ++w) {
+        const int lo = std::max(v.first, 64 * w), hi = std::min(v.second, 64 * w + 63);
+        out[w] = lo > hi ? 0 : (~uint64_t{0} >> (63 - (hi - lo))) << (lo - 64 * w);
+      }
+    }
+    bool Overlaps(const Box& b) const {
+      uint64_t m[2];
+      Mask(b.vels, m);
+      for (int k = b.keys.first; k <= b.keys.second; ++k)
+        if ((row[k][0] & m[0]) | (row[k][1] & m[1])) return true;
+      return false;
+    }
+    void Add(const Box& b) {
+      uint64_t m[2];
+      Mask(b.vels, m);
+      for (int k = b.keys.first; k <= b.keys.second; ++k) {
+        row[k][0] |= m[0];
+        row[k][1] |= m[1];
+      }
+    }
+  };
+  struct Level {
+    Layer* layer;
+    Cells used;
+  };
+  // A generator's range as the region will hold it: absent or out of MIDI
+  // range is all of 0-127.
+  static std::pair<int, int> Span(uint16_t range) {
+    const int lo = range & 0xFF, hi = range >> 8;
+    if (range == kNoRange || lo > 127 || hi > 127) return {0, 127};
+    return {std::min(lo, hi), std::max(lo, hi)};
+  }
+
+  Instrument& instrument_;
+  std::vector<Level> levels_;
+};
+
+// About how many instruments, layers and regions the presets will make: a
+// layer per preset zone and a region per zone of the instrument it plays.
+// Only a hint for the item map, so it is capped.
+std::size_t ExpectedItems(const Records& rec, std::size_t presets) {
+  constexpr std::size_t kCap = std::size_t{1} << 20;
+  std::size_t items = presets;
+  const std::size_t instruments = rec.inst.empty() ? 0 : rec.inst.size() - 1;
+  for (std::size_t bag = 0; bag + 1 < rec.pbag.size() && items < kCap; ++bag) {
+    ++items;
+    const std::size_t last = std::min<std::size_t>(rec.pbag[bag + 1].genIndex.get(), rec.pgen.size());
+    for (std::size_t g = rec.pbag[bag].genIndex.get(); g < last; ++g) {
+      if (rec.pgen[g].oper.get() != kInstrument) continue;
+      const std::size_t i = rec.pgen[g].amount.get();
+      if (i < instruments) {
+        const std::size_t first = rec.inst[i].bagIndex.get(), end = rec.inst[i + 1].bagIndex.get();
+        if (end > first) items += end - first;
+      }
+      break;
+    }
+  }
+  return std::min(items, kCap);
+}
+
 bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1) {
   const char* const badForm = soundFont1 ? "Not a Sound Font file" : "Not a SoundFont2 file";
   BankLayout bank;
@@ -551,6 +646,7 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
   // Instruments, one per preset header but the terminal one.
   uint16_t nextGroup = 1;
   const std::size_t presets = rec.phdr.empty() ? 0 : rec.phdr.size() - 1;
+  ExpectItems(c, ExpectedItems(rec, presets));
   std::vector<Zone> presetZones, instZones;
   constexpr int kSendsReverb = 1, kSendsChorus = 2;
   std::vector<int> instSends(rec.inst.size(), -1);  // per instrument: the sends its zones use, -1 not yet read
@@ -603,6 +699,7 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
 
     if (presetZones.empty()) {
       AddLayer(*instrument);
+      InstrumentDone(c, *instrument);
       continue;
     }
     for (const Zone& pz : presetZones) {
@@ -615,10 +712,11 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
       const ZoneValues* iG = hasInstGlobal ? &instGlobal.values : nullptr;
       const ZoneValues* pL = &pz.values;
 
-      Layer* layer = AddLayer(*instrument);
-      SetRange(*layer, 190, pz.keyRange);
-      SetRange(*layer, 192, pz.velRange);
-      GensToArticulation(SumZones(iG, nullptr, pG, pL), Union(iG ? *iG : ZoneValues{}, *pL), false, sends, layer->art);
+      Layer* first = AddLayer(*instrument);
+      SetRange(*first, 190, pz.keyRange);
+      SetRange(*first, 192, pz.velRange);
+      GensToArticulation(SumZones(iG, nullptr, pG, pL), Union(iG ? *iG : ZoneValues{}, *pL), false, sends, first->art);
+      LayerStack stack(*instrument, *first);
 
       for (const Zone& iz : instZones) {
         if (iz.link < 0 || static_cast<std::size_t>(iz.link) >= samples.size()) continue;
@@ -630,11 +728,12 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
           return iL->HasGen(gen) ? iL->g[gen] : (iG && iG->HasGen(gen)) ? iG->g[gen] : GenDefault(gen);
         };
         auto instHas = [&](int gen) { return iL->HasGen(gen) || (iG && iG->HasGen(gen)); };
-        const int root = instValue(kOverridingRootKey);
-        Region* region = AddRegion(*layer, wave->id, kNoRange, kNoRange, root >= 0 && root <= 127 ? root : 255);
         uint16_t keys = iz.keyRange, vels = iz.velRange;
         if (keys == kNoRange && hasInstGlobal) keys = instGlobal.keyRange;
         if (vels == kNoRange && hasInstGlobal) vels = instGlobal.velRange;
+        Layer* layer = &stack.For(keys, vels);
+        const int root = instValue(kOverridingRootKey);
+        Region* region = AddRegion(*layer, wave->id, kNoRange, kNoRange, root >= 0 && root <= 127 ? root : 255);
         SetRange(*region, 190, keys);
         SetRange(*region, 192, vels);
         GensToArticulation(SumZones(iG, iL, pG, pL), *iL, false, sends, region->art);
@@ -666,6 +765,7 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
       }
     }
     MarkStereoPairs(c, *instrument, samples, nextGroup);
+    InstrumentDone(c, *instrument);
   }
   return true;
 }

@@ -74,6 +74,9 @@ struct MiniBank {
   };
   std::vector<Mod> instMods;
   uint8_t originalKey = 60;
+  // Further instrument zones, each with its own generators; sample 1 is the
+  // right side of a stereo pair whose left side is sample 0.
+  std::vector<std::vector<std::pair<uint16_t, int16_t>>> moreZones;
 };
 
 void Put16(std::string& s, uint32_t v) {
@@ -122,7 +125,7 @@ std::string BuildBank(const MiniBank& b) {
   std::string inst = Name20("Inst");
   Put16(inst, 0);
   inst += Name20("EOI");
-  Put16(inst, 1);
+  Put16(inst, static_cast<uint32_t>(1 + b.moreZones.size()));
   std::string ibag, igen, imod;
   Put16(ibag, 0), Put16(ibag, 0);
   for (auto [oper, amount] : b.instGens) Put16(igen, oper), Put16(igen, static_cast<uint16_t>(amount));
@@ -131,17 +134,27 @@ std::string BuildBank(const MiniBank& b) {
     Put16(imod, m.src), Put16(imod, m.dest), Put16(imod, static_cast<uint16_t>(m.amount)), Put16(imod, 0),
         Put16(imod, 0);
   }
-  Put16(ibag, static_cast<uint32_t>(b.instGens.size() + 1)), Put16(ibag, static_cast<uint32_t>(b.instMods.size()));
+  std::size_t gens = b.instGens.size() + 1;
+  for (const auto& zone : b.moreZones) {
+    Put16(ibag, static_cast<uint32_t>(gens)), Put16(ibag, static_cast<uint32_t>(b.instMods.size()));
+    for (auto [oper, amount] : zone) Put16(igen, oper), Put16(igen, static_cast<uint16_t>(amount));
+    gens += zone.size();
+  }
+  Put16(ibag, static_cast<uint32_t>(gens)), Put16(ibag, static_cast<uint32_t>(b.instMods.size()));
   igen += std::string(4, '\0');
   imod += std::string(10, '\0');
 
-  std::string shdr = Name20("Sine");
-  Put32(shdr, 0), Put32(shdr, kFrames), Put32(shdr, 50), Put32(shdr, 150), Put32(shdr, 22050);
-  shdr += static_cast<char>(b.originalKey);
-  shdr += '\0';
-  Put16(shdr, 0), Put16(shdr, 1);
+  const bool stereo = !b.moreZones.empty();
+  std::string shdr;
+  for (int side = 0; side < (stereo ? 2 : 1); ++side) {
+    shdr += Name20(stereo ? (side ? "Sine(R)" : "Sine(L)") : "Sine");
+    Put32(shdr, 0), Put32(shdr, kFrames), Put32(shdr, 50), Put32(shdr, 150), Put32(shdr, 22050);
+    shdr += static_cast<char>(b.originalKey);
+    shdr += '\0';
+    Put16(shdr, stereo ? 1 - side : 0), Put16(shdr, stereo ? (side ? 2 : 4) : 1);
+  }
   shdr += std::string(46, '\0');
-  std::memcpy(shdr.data() + 46, "EOS", 3);
+  std::memcpy(shdr.data() + shdr.size() - 46, "EOS", 3);
 
   std::string ifil;
   Put16(ifil, 2), Put16(ifil, 1);
@@ -366,6 +379,47 @@ TEST(Sf2Read, StructureAndLocations) {
     EXPECT_FALSE(Load(c, dir / "bad.sf2"));
     EXPECT_STREQ(ErrorContext, "sf2_Imp");
     EXPECT_STREQ(ErrorMessage, "Not a SoundFont2 file");
+  }
+}
+
+TEST(Sf2Read, OverlappingZonesAllSoundInLayersOfTheirOwn) {
+  // The left and right sides of a stereo sample over the same keys, and a
+  // zone that overlaps both in part: a SoundFont player sounds all three.
+  MiniBank b{.instGens = {{43, 0x3F00}, {17, -500}}};
+  b.moreZones = {{{43, 0x3F00}, {17, 500}, {53, 1}}, {{43, 0x463C}, {53, 0}}};
+  TempDir dir;
+  const fs::path path = dir / "stereo.sf2";
+  test::WriteFile(path, BuildBank(b));
+  for (bool reload : {false, true}) {
+    SCOPED_TRACE(reload ? "written and read again" : "read");
+    Collection c;
+    ASSERT_TRUE(ImportFile(c, path, false)) << ErrorMessage;
+    if (reload) {
+      ASSERT_TRUE(Save(c, dir / "again.sf2")) << ErrorMessage;
+      ASSERT_TRUE(ImportFile(c, dir / "again.sf2", false)) << ErrorMessage;
+    }
+    ASSERT_EQ(c.Count(ItemType::Region), 3u);
+    Instrument* ins = c.All<Instrument>().front();
+    std::vector<Layer*> layers = Children<Layer>(c, *ins);
+    ASSERT_EQ(layers.size(), 3u);
+    std::vector<Region*> sides;
+    for (Layer* layer : layers) {
+      ASSERT_EQ(layer->children.size(), 1u);
+      sides.push_back(c.FindAs<Region>(layer->children[0]));
+    }
+    EXPECT_EQ(RegionWaveform(*sides[0])->Name(), "Sine(L)");
+    EXPECT_EQ(RegionWaveform(*sides[1])->Name(), "Sine(R)");
+    EXPECT_FLOAT_EQ(Effective(c, *sides[0], 51), -1.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *sides[1], 51), 1.0f);
+    EXPECT_EQ(sides[2]->trigger.loKey, 60);
+    EXPECT_EQ(sides[2]->trigger.hiKey, 70);
+    if (!reload) {
+      // The two sides sit in neighbouring layers and are known as a pair.
+      EXPECT_NE(sides[0]->phaseGroup, 0);
+      EXPECT_EQ(sides[0]->phaseGroup, sides[1]->phaseGroup);
+      EXPECT_EQ(sides[0]->phaseMaster, 1);
+      EXPECT_EQ(sides[1]->phaseMaster, 0);
+    }
   }
 }
 
