@@ -432,9 +432,12 @@ int MoveTriggerParamsUp(Collection& c) {
     std::vector<Region*> regions = RegionsIn(*layer);
     if (regions.empty()) continue;
     bool moved = false;
+    uint64_t anySet = 0;  // most layers set nothing here: one pass tells
+    for (Region* r : regions) anySet |= r->trigger.setMask;
     for (int p = TriggerRecord::kFirst; p <= TriggerRecord::kLast; ++p) {
       // Ranges are each region's own; exclusions are pushed down by the layer's fix-up.
       if ((p >= 190 && p <= 193) || p == 202 || p == 203) continue;
+      if (!((anySet >> (p - TriggerRecord::kFirst)) & 1u)) continue;
       const float value = regions.front()->trigger.Get(p);
       bool anySet = false, allEqual = true;
       for (Region* r : regions) {
