@@ -376,6 +376,34 @@ int SplitStereoWaves(Collection& c) {
 // ---------------------------------------------------------------- layers
 
 namespace {
+void VelocityMask(int lo, int hi, uint64_t out[2]) {
+  lo = std::max(lo, 0);
+  hi = std::min(hi, 127);
+  for (int w = 0; w < 2; ++w) {
+    const int a = std::max(lo, 64 * w), b = std::min(hi, 64 * w + 63);
+    out[w] = a > b ? 0 : (~uint64_t{0} >> (63 - (b - a))) << (a - 64 * w);
+  }
+}
+}  // namespace
+
+bool KeyVelocityCells::Overlaps(int loKey, int hiKey, int loVel, int hiVel) const {
+  uint64_t m[2];
+  VelocityMask(loVel, hiVel, m);
+  for (int k = std::max(loKey, 0); k <= std::min(hiKey, 127); ++k)
+    if ((row_[k][0] & m[0]) | (row_[k][1] & m[1])) return true;
+  return false;
+}
+
+void KeyVelocityCells::Add(int loKey, int hiKey, int loVel, int hiVel) {
+  uint64_t m[2];
+  VelocityMask(loVel, hiVel, m);
+  for (int k = std::max(loKey, 0); k <= std::min(hiKey, 127); ++k) {
+    row_[k][0] |= m[0];
+    row_[k][1] |= m[1];
+  }
+}
+
+namespace {
 
 bool SameTriggerRecord(const TriggerRecord& a, const TriggerRecord& b) {
   if (a.setMask != b.setMask) return false;

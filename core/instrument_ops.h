@@ -63,4 +63,16 @@ int DeleteUnusedWaves(Collection& collection, uint64_t* bytesFreed = nullptr);
 bool LoopAlternatingToForward(Waveform& wave);
 bool LoopAppend32(Waveform& wave);
 
+// Which key and velocity cells the regions of a layer cover, for readers
+// that keep overlapping regions apart in layers of their own. Ranges are
+// inclusive and limited to 0-127.
+class KeyVelocityCells {
+ public:
+  bool Overlaps(int loKey, int hiKey, int loVel, int hiVel) const;
+  void Add(int loKey, int hiKey, int loVel, int hiVel);
+
+ private:
+  uint64_t row_[128][2] = {};  // per key, one bit per velocity
+};
+
 }  // namespace kv

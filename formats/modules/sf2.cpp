@@ -15,6 +15,7 @@
 #include "core/app.h"
 #include "core/error.h"
 #include "core/fileref.h"
+#include "core/instrument_ops.h"
 #include "core/items.h"
 #include "core/samplecodec.h"
 #include "core/text.h"
@@ -419,54 +420,30 @@ class LayerStack {
   LayerStack(Instrument& instrument, Layer& first) : instrument_(instrument) { levels_.push_back({&first, {}}); }
 
   Layer& For(uint16_t keys, uint16_t vels) {
-    const Box box{Span(keys), Span(vels)};
-    for (Level& level : levels_) {
-      if (level.used.Overlaps(box)) continue;
-      level.used.Add(box);
-      return *level.layer;
+    const auto [loKey, hiKey] = Span(keys);
+    const auto [loVel, hiVel] = Span(vels);
+    Level* place = nullptr;
+    for (Level& level : levels_)
+      if (!level.used.Overlaps(loKey, hiKey, loVel, hiVel)) {
+        place = &level;
+        break;
+      }
+    if (!place && levels_.size() >= kMaxLayers) return *levels_.back().layer;
+    if (!place) {
+      Layer* layer = AddLayer(instrument_);
+      layer->trigger = levels_.front().layer->trigger;
+      layer->art = levels_.front().layer->art;
+      place = &levels_.emplace_back(Level{layer, {}});
     }
-    if (levels_.size() >= kMaxLayers) return *levels_.back().layer;
-    Layer* layer = AddLayer(instrument_);
-    layer->trigger = levels_.front().layer->trigger;
-    layer->art = levels_.front().layer->art;
-    levels_.push_back({layer, {}});
-    levels_.back().used.Add(box);
-    return *layer;
+    place->used.Add(loKey, hiKey, loVel, hiVel);
+    return *place->layer;
   }
 
  private:
   static constexpr std::size_t kMaxLayers = 32;
-  struct Box {
-    std::pair<int, int> keys, vels;
-  };
-  // Which key and velocity cells the layer's regions cover.
-  struct Cells {
-    uint64_t row[128][2] = {};
-    static void Mask(std::pair<int, int> v, uint64_t out[2]) {
-      for (int w = 0; w < 2; ++w) {
-        const int lo = std::max(v.first, 64 * w), hi = std::min(v.second, 64 * w + 63);
-        out[w] = lo > hi ? 0 : (~uint64_t{0} >> (63 - (hi - lo))) << (lo - 64 * w);
-      }
-    }
-    bool Overlaps(const Box& b) const {
-      uint64_t m[2];
-      Mask(b.vels, m);
-      for (int k = b.keys.first; k <= b.keys.second; ++k)
-        if ((row[k][0] & m[0]) | (row[k][1] & m[1])) return true;
-      return false;
-    }
-    void Add(const Box& b) {
-      uint64_t m[2];
-      Mask(b.vels, m);
-      for (int k = b.keys.first; k <= b.keys.second; ++k) {
-        row[k][0] |= m[0];
-        row[k][1] |= m[1];
-      }
-    }
-  };
   struct Level {
     Layer* layer;
-    Cells used;
+    KeyVelocityCells used;
   };
   // A generator's range as the region will hold it: absent or out of MIDI
   // range is all of 0-127.

@@ -53,6 +53,7 @@ int sfz_Detect(const uint8_t* data, uint32_t, uint32_t size, uint64_t) {
 #include "core/articulation.h"
 #include "core/error.h"
 #include "core/fileref.h"
+#include "core/instrument_ops.h"
 #include "core/items.h"
 #include "core/params.h"
 #include "core/text.h"
@@ -1331,24 +1332,10 @@ class Parser {
 struct LayerSlot {
   Layer* layer = nullptr;
   Ranges ranges;
-  uint64_t used[128][2] = {};
+  KeyVelocityCells used;
 
-  static void VelMask(const Ranges& r, uint64_t m[2]) {
-    m[0] = m[1] = 0;
-    for (int v = std::max(0, r.lovel); v <= std::min(127, r.hivel); ++v) m[v >> 6] |= uint64_t{1} << (v & 63);
-  }
-  bool Fits(const Ranges& r) const {
-    uint64_t m[2];
-    VelMask(r, m);
-    for (int k = std::max(0, r.lokey); k <= std::min(127, r.hikey); ++k)
-      if ((used[k][0] & m[0]) | (used[k][1] & m[1])) return false;
-    return true;
-  }
-  void Take(const Ranges& r) {
-    uint64_t m[2];
-    VelMask(r, m);
-    for (int k = std::max(0, r.lokey); k <= std::min(127, r.hikey); ++k) used[k][0] |= m[0], used[k][1] |= m[1];
-  }
+  bool Fits(const Ranges& r) const { return !used.Overlaps(r.lokey, r.hikey, r.lovel, r.hivel); }
+  void Take(const Ranges& r) { used.Add(r.lokey, r.hikey, r.lovel, r.hivel); }
 };
 
 void ApplyRegion(Region& region, const RegionDraft& s, const Waveform* wave) {
