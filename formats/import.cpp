@@ -348,7 +348,7 @@ fs::path ResolveImportPath(const fs::path& name) {
 int& CollectionSortMode() { return g_collectionSortMode; }
 int& WaveformSortMode() { return g_waveformSortMode; }
 
-// ---------------------------------------------------------------- ImportFile
+// ---------------------------------------------------------------- detection
 
 bool CanImport(const fs::path& path) {
   FileRef file;
@@ -748,8 +748,8 @@ void FixUpAll(Collection& c, uint8_t removal, bool loadOptions, const EarlySettl
       c, [&lists](ItemType t) -> const std::vector<ItemId>& { return lists[static_cast<int>(t)]; }, removal,
       loadOptions, forest.get());
 
-    // Phase 3: marks that repeat the level above go; a forest's trees are
-  // done.
+  // Phase 3: marks that repeat the level above go; a forest's trees have
+  // had theirs.
   if (loadOptions && !forest)
     for (Instrument* inst : c.All<Instrument>()) DropRedundantMarks(c, *inst);
 
@@ -757,7 +757,7 @@ void FixUpAll(Collection& c, uint8_t removal, bool loadOptions, const EarlySettl
   // every level is on by default, and a cleared level's values are already
   // folded by ReduceArticulation in phase 1.
 
-    // Phase 5: the load options, in this order.
+  // Phase 5: the load options, in this order.
   if (loadOptions) {
     const auto& load = Settings().load;
     if (load.bEnsureUniqueNames) {
