@@ -17,6 +17,7 @@
 #include "core/fileref.h"
 #include "core/instrument_ops.h"
 #include "core/items.h"
+#include "core/param_catalogue.h"
 #include "core/samplecodec.h"
 #include "core/text.h"
 #include "core/wavestore.h"
@@ -480,6 +481,22 @@ std::size_t ExpectedItems(const Records& rec, std::size_t presets) {
   return std::min(items, kCap);
 }
 
+// The model tunes by at most four octaves; a zone transposed further (a
+// bell played many octaves below its sample) keeps its pitch by moving the
+// rest into the root key, where one key is one semitone.
+void FoldTuningIntoRoot(const ZoneValues& sum, Region& region, int root) {
+  const int cents = sum.g[kCoarseTune] * 100 + sum.g[kFineTune];
+  const auto* row = CatalogueRow(kRowMasterTune);
+  const int limit = static_cast<int>(row->max) * 100;
+  if (std::abs(cents) <= limit || sum.g[kScaleTuning] != 100) return;
+  const int excess = cents > 0 ? (cents - limit + 99) / 100 : -((-cents - limit + 99) / 100);
+  const int moved = root - excess;
+  if (moved < 0 || moved > 127) return;
+  region.rootKey = static_cast<uint8_t>(moved);
+  region.overrideMask |= kOverrideRootKey;
+  region.art.Set(kRowMasterTune, static_cast<float>((cents - excess * 100) * 0.01));
+}
+
 bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1) {
   const char* const badForm = soundFont1 ? "Not a Sound Font file" : "Not a SoundFont2 file";
   BankLayout bank;
@@ -713,7 +730,9 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
         Region* region = AddRegion(*layer, wave->id, kNoRange, kNoRange, root >= 0 && root <= 127 ? root : 255);
         SetRange(*region, 190, keys);
         SetRange(*region, 192, vels);
-        GensToArticulation(SumZones(iG, iL, pG, pL), *iL, false, sends, region->art);
+        const ZoneValues sum = SumZones(iG, iL, pG, pL);
+        GensToArticulation(sum, *iL, false, sends, region->art);
+        FoldTuningIntoRoot(sum, *region, root >= 0 && root <= 127 ? root : wave->rootKey);
 
         if (const int group = instValue(kExclusiveClass); group > 0) region->SetParam(202, static_cast<float>(group));
         const int64_t startOffset = instValue(kStartAddrsOffset) + 32768LL * instValue(kStartAddrsCoarse);

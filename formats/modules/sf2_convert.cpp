@@ -6,6 +6,7 @@
 #include <initializer_list>
 
 #include "core/articulation.h"
+#include "core/param_catalogue.h"
 #include "formats/modules/sf2_format.h"
 
 namespace kv::sf2 {
@@ -541,8 +542,18 @@ ZoneValues ArticulationToGens(const Articulation& merged, const SendSlots& sends
       slot(51, r26 / 0.001875);
       f /= std::exp(r26 * (-1.0 / 3.0) * kLn2 / 12.0);
     }
-    gen(kInitialFilterFc, f >= 19900.0 ? 13500 : HzToCents(f));
+    // A cutoff at the top of the model's range may have reached past it.
+    // With resonance it is the SoundFont idiom of an open filter that is on
+    // only for its Q: undoing the velocity correction from the clipped value
+    // would close it to half. Without, it came from a real cutoff near the
+    // top, which undoing the correction gives back.
+    const bool open = v(kRowCutoff) >= CatalogueRow(kRowCutoff)->max && v(kRowResonance) > 0;
+    gen(kInitialFilterFc, open || f >= 19900.0 ? 13500 : HzToCents(f));
     gen(kInitialFilterQ, v(kRowResonance) * 10.0);
+    gen(kModLfoToFilterFc, v(29) * 100.0);
+    slot(54, v(30) * 100.0);
+    slot(55, v(31) * 100.0);
+    slot(56, v(32) * 100.0);
     r14 += z.g[kInitialFilterQ] * 0.05;
     slot(52, v(27) * 100.0);
     slot(53, v(28) * 100.0);
@@ -550,7 +561,9 @@ ZoneValues ArticulationToGens(const Articulation& merged, const SendSlots& sends
     slot(64, v(37) * 10.0);
     slot(65, v(38) * 10.0);
   }
-  gen(kInitialAttenuation, -r14 / 0.04);
+  // Below zero is a gain, which only a preset zone may add; the writer lifts
+  // the instrument's zones and puts the rest there.
+  z.g[kInitialAttenuation] = std::clamp(RoundHalfAway(-r14 / 0.04), -1440, 1440);
 
   gen(kPan, v(51) * 500.0);
   slot(60, v(52) / 0.002);

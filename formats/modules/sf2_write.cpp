@@ -1,9 +1,12 @@
 // SoundFont 2 and 1 writers: mono samples (stereo waves become linked
-// pairs), one SoundFont instrument per layer, generators by the inverse of
-// the reader's formulas.
+// pairs), one SoundFont instrument per layer (shared by layers whose zones
+// come out the same), generators by the inverse of the reader's formulas.
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstring>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "core/app.h"
@@ -68,6 +71,57 @@ struct WavePlace {
   int channels;
 };
 
+// A layer as one SoundFont instrument, built aside before it is written:
+// presets of a bank usually play the same instrument with a few values of
+// their own (release, reverb, a filter), and a big bank only fits the
+// format's 16-bit record counts when those presets share it again.
+struct LayerZones {
+  struct Zone {
+    ZoneValues values;          // effective articulation generators and slots
+    std::vector<GenRec> other;  // ranges, offsets, loop, class, root key; the sample last
+  };
+  ZoneValues global;
+  std::vector<Zone> zones;
+
+  // What must be equal for two layers to share an instrument: everything
+  // but the articulation values, and which of those a zone sets itself.
+  std::string ShapeKey() const {
+    std::string key;
+    const auto put = [&key](const void* data, std::size_t size) {
+      key.append(static_cast<const char*>(data), size);
+    };
+    put(global.m.data(), sizeof global.m);
+    for (const Zone& z : zones) {
+      uint64_t own = 0;
+      for (std::size_t i = 0; i < std::size(kArtGens); ++i)
+        if (z.values.g[kArtGens[i]] != global.g[kArtGens[i]]) own |= uint64_t{1} << i;
+      const auto count = static_cast<uint32_t>(z.other.size());
+      put(&own, sizeof own);
+      put(&count, sizeof count);
+      put(z.other.data(), z.other.size() * sizeof(GenRec));
+      put(z.values.m.data(), sizeof z.values.m);
+    }
+    return key;
+  }
+
+  // The preset-level amounts that turn `base` into this layer, when one
+  // constant amount per generator does so for every zone.
+  bool OffsetFrom(const LayerZones& base, std::array<int32_t, kGenCount>& offset) const {
+    if (base.zones.size() != zones.size() || zones.empty()) return false;
+    offset.fill(0);
+    // From the zones, not the global zone: where every zone sets a value of
+    // its own, the global one plays no part.
+    for (int n : kArtGens) offset[n] = zones[0].values.g[n] - base.zones[0].values.g[n];
+    for (std::size_t i = 0; i < zones.size(); ++i)
+      for (int n : kArtGens)
+        if (zones[i].values.g[n] - base.zones[i].values.g[n] != offset[n]) return false;
+    // A preset generator holds a signed 16-bit amount.
+    for (int n : kArtGens)
+      if (offset[n] < INT16_MIN || offset[n] > INT16_MAX) return false;
+    return true;
+  }
+};
+
 struct Writer {
   const char* context;
   bool soundFont1;
@@ -75,6 +129,61 @@ struct Writer {
   std::vector<uint8_t> smpl, sm24;
   Pdta pd;
   std::vector<WavePlace> places;
+  std::unordered_map<std::string, std::vector<int>> shapes;  // shape key -> instrument indices
+  std::vector<LayerZones> written;                              // by instrument index
+
+  // The instrument that plays `layer`, with the preset-level amounts it
+  // needs: one already written when a constant offset makes it this layer,
+  // else a new one named after the preset.
+  int SharedInstrument(LayerZones&& layer, std::string_view name, std::array<int32_t, kGenCount>& offset) {
+    std::vector<int>& candidates = shapes[layer.ShapeKey()];
+    for (int index : candidates)
+      if (layer.OffsetFrom(written[index], offset)) return index;
+    offset.fill(0);
+    const int index = static_cast<int>(pd.inst.size());
+    InstRec ir{};
+    PutName(ir.name, name);
+    ir.bagIndex.set(static_cast<uint32_t>(pd.ibag.size()));
+    pd.inst.push_back(ir);
+
+    const ZoneValues defaults = DefaultZone();
+    const ZoneValues& global = layer.global;
+    {
+      std::vector<GenRec> gens;
+      std::vector<ModRec> mods;
+      for (int n : kArtGens)
+        if (global.g[n] != defaults.g[n]) gens.push_back(MakeGen(n, global.g[n]));
+      for (int s = 0; s < kSlotCount; ++s)
+        if (global.m[s] != defaults.m[s] && s != 61 && s != 62) mods.push_back(MakeMod(s, global.m[s]));
+      if (!gens.empty() || !mods.empty()) Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
+    }
+    for (const LayerZones::Zone& z : layer.zones) {
+      std::vector<GenRec> gens(z.other.begin(), z.other.end() - 1);
+      std::vector<ModRec> mods;
+      for (int n : kArtGens)
+        if (z.values.g[n] != global.g[n]) gens.push_back(MakeGen(n, z.values.g[n]));
+      SortGens(gens);
+      gens.push_back(z.other.back());
+      for (int s = 0; s < kSlotCount; ++s)
+        if (z.values.m[s] != global.m[s] && s != 61 && s != 62) mods.push_back(MakeMod(s, z.values.m[s]));
+      Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
+    }
+    candidates.push_back(index);
+    written.resize(pd.inst.size());
+    written[index] = std::move(layer);
+    return index;
+  }
+
+  // The standard's order: ranges first, the rest by number.
+  static void SortGens(std::vector<GenRec>& gens) {
+    std::stable_sort(gens.begin(), gens.end(), [](const GenRec& a, const GenRec& b) {
+      auto rank = [](const GenRec& g) {
+        const int o = g.oper.get();
+        return o == kKeyRange ? -2 : o == kVelRange ? -1 : o;
+      };
+      return rank(a) < rank(b);
+    });
+  }
 
   int PlaceOf(ItemId wave) const {
     for (const WavePlace& p : places)
@@ -163,6 +272,19 @@ struct Writer {
     if (t.loVel != 0 || t.hiVel != 127) out.push_back(MakeGen(kVelRange, t.loVel | (t.hiVel << 8)));
   }
 
+  // A zone's ranges under a preset zone that narrows them anyway: an edge
+  // that meets the preset zone's edge opens to the end, which plays the same
+  // and gives back the one instrument that presets with different key or
+  // velocity windows had in common.
+  static void OpenRanges(const TriggerRecord& zone, const TriggerRecord& preset, std::vector<GenRec>& out) {
+    TriggerRecord t = zone;
+    if (t.loKey <= preset.loKey) t.loKey = 0;
+    if (t.hiKey >= preset.hiKey) t.hiKey = 127;
+    if (t.loVel <= preset.loVel) t.loVel = 0;
+    if (t.hiVel >= preset.hiVel) t.hiVel = 127;
+    Ranges(t, out);
+  }
+
   bool AddInstrument(Collection& c, Instrument& instrument, uint64_t features) {
     PhdrRec ph{};
     PutName(ph.name, instrument.Name());
@@ -188,29 +310,8 @@ struct Writer {
       // The layer's values, absolute, go to the SoundFont instrument's global
       // zone: preset-level generators add to the instrument's, so values that
       // already include them must not stand there.
-      std::vector<GenRec> body;
-      Ranges(layer->trigger, body);
-      body.push_back(MakeGen(kInstrument, static_cast<int>(pd.inst.size())));
-      Zone(pd.pbag, pd.pgen, pd.pmod, body, {});
-
-      InstRec ir{};
-      PutName(ir.name, instrument.Name());
-      ir.bagIndex.set(static_cast<uint32_t>(pd.ibag.size()));
-      pd.inst.push_back(ir);
-
-      const ZoneValues global =
-          ArticulationToGens(MergedArticulation(none, layer->art, instrument.art), sends, features);
-      const ZoneValues defaults = DefaultZone();
-      {
-        std::vector<GenRec> gens;
-        std::vector<ModRec> mods;
-        for (int n : kArtGens)
-          if (global.g[n] != defaults.g[n]) gens.push_back(MakeGen(n, global.g[n]));
-        for (int s = 0; s < kSlotCount; ++s)
-          if (global.m[s] != defaults.m[s] && s != 61 && s != 62) mods.push_back(MakeMod(s, global.m[s]));
-        if (!gens.empty() || !mods.empty()) Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
-      }
-
+      LayerZones zones;
+      zones.global = ArticulationToGens(MergedArticulation(none, layer->art, instrument.art), sends, features);
       for (Region* region : regions) {
         Waveform* wave = RegionWaveform(*region);
         if (!AddWave(*wave)) return false;
@@ -223,15 +324,12 @@ struct Writer {
         const bool releaseLoop =
             ((region->overrideMask & kOverrideLoopRelease) ? region->loopRelease : wave->loopRelease) != 0;
         for (int ch = 0; ch < place.channels; ++ch) {
-          std::vector<GenRec> gens;
-          std::vector<ModRec> mods;
-          Ranges(region->trigger, gens);
-          for (int n : kArtGens) {
-            int value = z.g[n];
-            // The two sides of a stereo wave play hard left and right.
-            if (n == kPan && place.channels == 2) value = ch == 0 ? -500 : 500;
-            if (value != global.g[n]) gens.push_back(MakeGen(n, value));
-          }
+          LayerZones::Zone& zone = zones.zones.emplace_back();
+          zone.values = z;
+          // The two sides of a stereo wave play hard left and right.
+          if (place.channels == 2) zone.values.g[kPan] = ch == 0 ? -500 : 500;
+          std::vector<GenRec>& gens = zone.other;
+          OpenRanges(region->trigger, layer->trigger, gens);
           if (region->startOffset > 0) {
             gens.push_back(MakeGen(kStartAddrsOffset, region->startOffset % 32768));
             if (region->startOffset >= 32768) gens.push_back(MakeGen(kStartAddrsCoarse, region->startOffset / 32768));
@@ -254,20 +352,27 @@ struct Writer {
             gens.push_back(MakeGen(kExclusiveClass, std::min<int>(region->trigger.exclusionGroup, 127)));
           }
           if (region->overrideMask & kOverrideRootKey) gens.push_back(MakeGen(kOverridingRootKey, region->rootKey));
-          // The standard's order: ranges first, the sample last, the rest by number.
-          std::stable_sort(gens.begin(), gens.end(), [](const GenRec& a, const GenRec& b) {
-            auto rank = [](const GenRec& g) {
-              const int o = g.oper.get();
-              return o == kKeyRange ? -2 : o == kVelRange ? -1 : o;
-            };
-            return rank(a) < rank(b);
-          });
           gens.push_back(MakeGen(kSampleId, place.first + ch));
-          for (int s = 0; s < kSlotCount; ++s)
-            if (z.m[s] != global.m[s] && s != 61 && s != 62) mods.push_back(MakeMod(s, z.m[s]));
-          Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
         }
       }
+
+      // An instrument zone can only attenuate: a gain goes to the preset zone.
+      int lift = -zones.global.g[kInitialAttenuation];
+      for (const LayerZones::Zone& z : zones.zones) lift = std::max(lift, -z.values.g[kInitialAttenuation]);
+      lift = std::max(lift, 0);
+      zones.global.g[kInitialAttenuation] += lift;
+      for (LayerZones::Zone& z : zones.zones) z.values.g[kInitialAttenuation] += lift;
+
+      std::array<int32_t, kGenCount> offset;
+      const int inst = SharedInstrument(std::move(zones), instrument.Name(), offset);
+      offset[kInitialAttenuation] -= lift;
+      std::vector<GenRec> body;
+      for (int n : kArtGens)
+        if (offset[n] != 0) body.push_back(MakeGen(n, offset[n]));
+      Ranges(layer->trigger, body);
+      SortGens(body);
+      body.push_back(MakeGen(kInstrument, inst));
+      Zone(pd.pbag, pd.pgen, pd.pmod, body, {});
     }
     return true;
   }
