@@ -137,8 +137,11 @@ struct Writer {
   // else a new one named after the preset.
   int SharedInstrument(LayerZones&& layer, std::string_view name, std::array<int32_t, kGenCount>& offset) {
     std::vector<int>& candidates = shapes[layer.ShapeKey()];
-    for (int index : candidates)
-      if (layer.OffsetFrom(written[index], offset)) return index;
+    // The latest few of a shape only: a bank of thousands of look-alike
+    // presets must not cost a comparison with every one.
+    constexpr std::size_t kTries = 64;
+    for (std::size_t i = candidates.size(); i-- > 0 && candidates.size() - i <= kTries;)
+      if (layer.OffsetFrom(written[candidates[i]], offset)) return candidates[i];
     offset.fill(0);
     const int index = static_cast<int>(pd.inst.size());
     InstRec ir{};
