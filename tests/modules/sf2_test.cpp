@@ -706,7 +706,8 @@ TEST(Sf2Peers, LargeBankRoundTripFitsAndRendersLikeTheOriginal) {
   // Measured 0.99994 and -39.2 dB. What is left is the model's: a cutoff
   // between 12 and 20 kHz under the standard velocity modulator is raised
   // past the top of the cutoff row (24 kHz) and comes back as 12 kHz (the
-  // electric piano here), and LFO rates are kept to 0.1 Hz.
+  // electric piano), and modulators that fit none of the model's slots (the
+  // brass section's concave velocity curves) are not read.
   ExpectRoundTripPlaysLikeTheOriginal(kFluidR3, TestSong({0, 4, 16, 25, 48, 61}, {30, 70, 120}), 0.9995, -35.0);
 }
 
