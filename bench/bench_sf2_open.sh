@@ -42,3 +42,17 @@ printf 'kelvo open+list: %.3f s\n' "$ours"
 printf 'kelvo open+list, unique names off: %.3f s\n' "$plain"
 printf 'fluidsynth load: %.3f s\n' "$theirs"
 printf 'ratio: fluidsynth/kelvo = %sx (target >= 10x)\n' "$ratio"
+
+# TiMidity++ reads a bank lazily: the preset list, then only what a song
+# plays. Its time for a one-note song is its whole open.
+if command -v timidity >/dev/null; then
+  song=$(mktemp --suffix=.mid)
+  trap 'rm -f "$song"' EXIT
+  # Format 0, one track: program 0, one short note.
+  printf 'MThd\0\0\0\6\0\0\0\1\1\340MTrk\0\0\0\17\0\300\0\0\220\74\144\12\200\74\0\0\377\57\0' >"$song"
+  timidity=$(best timidity -c /dev/null -x "soundfont $bank" -Ol -o /dev/null "$song")
+  printf 'timidity lazy open, one note: %.3f s\n' "$timidity"
+  printf 'ratio: timidity/kelvo = %s\n' "$(echo "$ours $timidity" | awk '{printf "%.2f", ($1>0)?$2/$1:0}')"
+else
+  echo "timidity not installed: no TiMidity++ time (Debian timidity)"
+fi
