@@ -554,7 +554,9 @@ ZoneValues ArticulationToGens(const Articulation& merged, const SendSlots& sends
     slot(54, v(30) * 100.0);
     slot(55, v(31) * 100.0);
     slot(56, v(32) * 100.0);
-    r14 += z.g[kInitialFilterQ] * 0.05;
+    // The reader's compensation undone as it was made: a resonance below
+    // zero is written as none, but it lowered row 14 all the same.
+    r14 += v(kRowResonance) * 0.5;
     slot(52, v(27) * 100.0);
     slot(53, v(28) * 100.0);
     slot(63, v(36) * 10.0);

@@ -608,6 +608,15 @@ TEST(Sf2Write, ModelLimitsAreMetWithoutChangingTheSound) {
     ASSERT_TRUE(Load(back, dir / "filter.sf2")) << ErrorMessage;
     ExpectSameRegions(c, back);
   }
+  {
+    // A resonance below zero plays as none; its level compensation must
+    // not come back as a gain.
+    Collection c;
+    ASSERT_TRUE(LoadMini(c, dir, {.instGens = {{8, 9000}, {9, -10}}}));
+    ASSERT_TRUE(Save(c, dir / "q.sf2")) << ErrorMessage;
+    for (bool preset : {false, true})
+      for (const auto& zone : ZonesOf(dir / "q.sf2", preset)) EXPECT_EQ(GenOf(zone, 48, 0), 0);
+  }
 }
 
 // ---- peers ----
