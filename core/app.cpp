@@ -16,6 +16,7 @@ uint8_t MessageBoxesEnabled = 1;
 
 namespace {
 BoxPresenter g_presenter = nullptr;
+FilePresenter g_filePresenter = nullptr;
 bool g_quietSkipped = false;
 StatusSink g_statusSink = nullptr;
 std::string g_lastStatus;
@@ -23,6 +24,12 @@ std::string g_lastStatus;
 
 void SetBoxPresenter(BoxPresenter presenter) { g_presenter = presenter; }
 void SetSkippedBoxesQuiet(bool quiet) { g_quietSkipped = quiet; }
+void SetFilePresenter(FilePresenter presenter) { g_filePresenter = presenter; }
+
+std::filesystem::path AskForOpenFile(const std::string& title, const std::string& filter) {
+  if (MessageBoxesEnabled && g_filePresenter) return g_filePresenter(title, filter);
+  return {};
+}
 
 int MessageBox(const std::string& text, const std::string& title, BoxButtons buttons) {
   if (MessageBoxesEnabled && g_presenter) return g_presenter(text, title, buttons);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 
 #include "core/types.h"
@@ -40,6 +41,13 @@ void SetBoxPresenter(BoxPresenter presenter);
 // Where skipped boxes are reported when there is no presenter (stderr by
 // default; -NOMSG turns it off).
 void SetSkippedBoxesQuiet(bool quiet);
+
+// Asks for a file to open, as an open dialog with `title` and a filter such
+// as "*.sf2". Returns an empty path when the user cancels, when boxes are off
+// or when no presenter is installed: a command-line run never waits on one.
+std::filesystem::path AskForOpenFile(const std::string& title, const std::string& filter);
+using FilePresenter = std::filesystem::path (*)(const std::string& title, const std::string& filter);
+void SetFilePresenter(FilePresenter presenter);
 
 // The standard reaction to a false result: ErrorMessage under the title
 // ErrorContext ("Kelvo Studio" when empty).

@@ -1,4 +1,4 @@
-// SoundFont reader on arbitrary bytes: the real path from an open file, then
+// SoundFont readers (version 2 and 3, and version 1) on arbitrary bytes: the real path from an open file, then
 // every wave's lazy read. The bytes go to a memory file so that the waves'
 // source path can be opened again as EnsureData does.
 #include <cstddef>
@@ -14,18 +14,17 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   kv::fuzz::QuietBoxes();
   const kv::fuzz::InputFile input(data, size, "fuzz.sf2");
-  {
+  for (auto read : {kv::sf2_Imp, kv::sbk_Imp}) {
     kv::Collection c;
     kv::FileRef file;
-    if (input.Open(file)) {
-      const uint32_t parameter = size && (data[0] & 1) ? 3 : 0;
-      if (kv::sf2_Imp(c, file, parameter)) {
-        for (kv::Waveform* w : c.All<kv::Waveform>()) w->EnsureData();
-        c.FixUp();
-      }
-      kv::Sf2Summary summary;
-      kv::sf2_Summary(file, summary);
+    if (!input.Open(file)) break;
+    const uint32_t parameter = size && (data[0] & 1) ? 3 : 0;
+    if (read(c, file, parameter)) {
+      for (kv::Waveform* w : c.All<kv::Waveform>()) w->EnsureData();
+      c.FixUp();
     }
+    kv::Sf2Summary summary;
+    kv::sf2_Summary(file, summary);
   }
   return 0;
 }

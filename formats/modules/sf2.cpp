@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -497,6 +498,51 @@ void FoldTuningIntoRoot(const ZoneValues& sum, Region& region, int root) {
   region.art.Set(kRowMasterTune, static_cast<float>((cents - excess * 100) * 0.01));
 }
 
+bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1);
+
+// ROM samples take their data from "1mgm.sf2", the ROM set as a bank of its
+// own, matched by name: beside this bank, else where the user points.
+void TakeRomSamples(const std::filesystem::path& bankPath, std::span<SampleInfo> samples) {
+  std::filesystem::path rom = bankPath.parent_path() / "1mgm.sf2";
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(rom, ec)) {
+    rom = AskForOpenFile("Please locate 1mgm.sf2", "*.sf2");
+    if (rom.empty()) return;  // cancelled: the ROM samples stay skipped
+  }
+  Collection romBank;
+  FileRef romFile;
+  char context[kErrorContextSize], message[kErrorMessageSize];
+  std::memcpy(context, ErrorContext, sizeof context);
+  std::memcpy(message, ErrorMessage, sizeof message);
+  const bool valid = romFile.OpenRead(rom) && ReadBank(romBank, romFile, "sf2_Imp", false);
+  // The ROM set's own failure is not this load's.
+  std::memcpy(ErrorContext, context, sizeof context);
+  std::memcpy(ErrorMessage, message, sizeof message);
+  if (!valid) {
+    MessageBox("Invalid 1mgm.sf2 - skipping ROM", "Use 1mgm.sf2 / Skip");
+    return;
+  }
+  for (SampleInfo& info : samples) {
+    Waveform* w = info.wave;
+    if (!w || w->readCallback) continue;
+    for (const Waveform* src : romBank.All<Waveform>()) {
+      if (!src->readCallback || !EqualsNoCase(src->Name(), w->Name())) continue;
+      w->sourcePath = src->sourcePath;
+      w->fileOffset = src->fileOffset;
+      w->secondPartOffset = src->secondPartOffset;
+      w->length = src->length;
+      w->sourceFormat = src->sourceFormat;
+      w->readCallback = src->readCallback;
+      w->bits = src->bits;
+      w->preferredFormat = src->preferredFormat;
+      w->loopType = src->loopType;
+      w->loopStart = src->loopStart;
+      w->loopEnd = src->loopEnd;
+      break;
+    }
+  }
+}
+
 bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1) {
   const char* const badForm = soundFont1 ? "Not a Sound Font file" : "Not a SoundFont2 file";
   BankLayout bank;
@@ -599,42 +645,14 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
     }
   }
 
-  // The question about ROM samples: they are skipped unless the ROM set's
-  // own bank is found beside this one.
+  // The question about ROM samples: skipped, they leave waves without data,
+  // which the fix-up removes with the zones that play them.
   if (soundFont1 && romSeen) {
     const int answer = MessageBox(
         "This SoundFont references ROM waveforms.\n\nWould you like to skip these, or load them from "
         "\"1mgm.sf2\"?\n(i.e. the AWE32 ROM equivalent from the SB Live-drivers)",
         "Use 1mgm.sf2 / Skip", BoxButtons::YesNo);
-    if (answer == kBoxYes) {
-      const std::filesystem::path rom = file.Path().parent_path() / "1mgm.sf2";
-      Collection romBank;
-      FileRef romFile;
-      bool valid = romFile.OpenRead(rom) && ReadBank(romBank, romFile, "sf2_Imp", false);
-      if (valid) {
-        // ROM samples are matched to the ROM set's waves by name.
-        for (auto& info : samples) {
-          Waveform* w = info.wave;
-          if (!w || w->readCallback) continue;
-          for (Waveform* src : romBank.All<Waveform>()) {
-            if (EqualsNoCase(src->Name(), w->Name()) && src->readCallback) {
-              w->sourcePath = src->sourcePath;
-              w->fileOffset = src->fileOffset;
-              w->length = src->length;
-              w->sourceFormat = src->sourceFormat;
-              w->readCallback = src->readCallback;
-              w->bits = src->bits;
-              w->loopType = src->loopType;
-              w->loopStart = src->loopStart;
-              w->loopEnd = src->loopEnd;
-              break;
-            }
-          }
-        }
-      } else {
-        MessageBox("Invalid 1mgm.sf2 - skipping ROM", "Use 1mgm.sf2 / Skip");
-      }
-    }
+    if (answer == kBoxYes) TakeRomSamples(file.Path(), samples);
   }
 
   // Instruments, one per preset header but the terminal one.

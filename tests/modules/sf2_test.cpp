@@ -17,6 +17,7 @@
 #include "core/fileref.h"
 #include "core/items.h"
 #include "core/wavestore.h"
+#include "formats/export.h"
 #include "formats/import.h"
 #include "formats/modules/sf2.h"
 #include "formats/registry.h"
@@ -79,6 +80,9 @@ struct MiniBank {
   std::vector<std::vector<std::pair<uint16_t, int16_t>>> moreZones;
   // The preset's zones, each with its generators before the instrument's.
   std::vector<std::vector<std::pair<uint16_t, int16_t>>> presetZones = {{}};
+  uint16_t major = 2;
+  // A SoundFont 1 reference to the General MIDI ROM: no sample data at all.
+  bool romSample = false;
 };
 
 void Put16(std::string& s, uint32_t v) {
@@ -161,9 +165,9 @@ std::string BuildBank(const MiniBank& b) {
   std::memcpy(shdr.data() + shdr.size() - 46, "EOS", 3);
 
   std::string ifil;
-  Put16(ifil, 2), Put16(ifil, 1);
+  Put16(ifil, b.major), Put16(ifil, b.major == 1 ? 0 : 1);
   const std::string info = "INFO" + Chunk("ifil", ifil) + Chunk("INAM", std::string("Mini\0", 6));
-  const std::string sdta = "sdta" + Chunk("smpl", smpl);
+  const std::string sdta = b.romSample ? std::string("sdta") : "sdta" + Chunk("smpl", smpl);
   const std::string pdta = "pdta" + Chunk("phdr", phdr) + Chunk("pbag", pbag) + Chunk("pmod", pmod) +
                            Chunk("pgen", pgen) + Chunk("inst", inst) + Chunk("ibag", ibag) + Chunk("imod", imod) +
                            Chunk("igen", igen) + Chunk("shdr", shdr);
@@ -616,6 +620,178 @@ TEST(Sf2Write, ModelLimitsAreMetWithoutChangingTheSound) {
     ASSERT_TRUE(Save(c, dir / "q.sf2")) << ErrorMessage;
     for (bool preset : {false, true})
       for (const auto& zone : ZonesOf(dir / "q.sf2", preset)) EXPECT_EQ(GenOf(zone, 48, 0), 0);
+  }
+}
+
+// ---- SoundFont 1 and the format's limits ----
+
+bool LoadSbk(Collection& c, const fs::path& path) {
+  FileRef file;
+  return file.OpenRead(path) && sbk_Imp(c, file, 0);
+}
+
+// Boxes and the open dialog answered as a user would, with what they asked.
+struct ScriptedUser {
+  static inline int answer = kBoxNo;
+  static inline fs::path located;
+  static inline std::vector<std::string> asked;
+  const uint8_t enabled = MessageBoxesEnabled;
+  ScriptedUser(int boxAnswer, fs::path file) {
+    answer = boxAnswer;
+    located = std::move(file);
+    asked.clear();
+    MessageBoxesEnabled = 1;
+    SetBoxPresenter([](const std::string& text, const std::string&, BoxButtons) {
+      asked.push_back(text);
+      return answer;
+    });
+    SetFilePresenter([](const std::string& title, const std::string& filter) {
+      asked.push_back(title + " " + filter);
+      return located;
+    });
+  }
+  ~ScriptedUser() {
+    SetBoxPresenter(nullptr);
+    SetFilePresenter(nullptr);
+    MessageBoxesEnabled = enabled;
+  }
+};
+
+TEST(Sbk, RoundTripKeepsTheBankAsVersionOne) {
+  TempDir dir;
+  Collection c;
+  ASSERT_TRUE(LoadMini(c, dir, {.instGens = {{48, 120}, {8, 7000}, {9, 40}, {17, 300}, {34, -1800}, {38, 2400},
+                                             {26, -600}, {29, 500}, {7, -700}, {51, 3}, {52, -20}}}));
+  const fs::path path = dir / "bank.sbk";
+  {
+    FileRef file;
+    ASSERT_TRUE(file.OpenWrite(path));
+    ExportRequest r{};
+    ASSERT_TRUE(sbk_Exp(c, file, r)) << ErrorMessage;
+  }
+  FileRef file;
+  ASSERT_TRUE(file.OpenRead(path));
+  Sf2Summary sum;
+  ASSERT_TRUE(sf2_Summary(file, sum));
+  EXPECT_EQ(sum.major, 1);
+  EXPECT_EQ(sum.minor, 0);
+  int confidence = 0;
+  const int row = DetectFormat(path, file, confidence);
+  EXPECT_STREQ(FormatName(row), "SoundFont v1");
+
+  Collection back;
+  ASSERT_TRUE(LoadSbk(back, path)) << ErrorMessage;
+  ExpectSameRegions(c, back);
+  // The two versions don't take each other's files.
+  Collection wrong;
+  EXPECT_FALSE(Load(wrong, path));
+  EXPECT_STREQ(ErrorMessage, "Not a Sound Font v2.x file");
+  EXPECT_FALSE(LoadSbk(wrong, dir / "mini.sf2"));
+  EXPECT_STREQ(ErrorMessage, "Not a Sound Font file");
+}
+
+TEST(Sbk, RomSamplesAreSkippedOrTakenFromTheRomSet) {
+  TempDir dir;
+  const fs::path bank = dir / "rom.sbk";
+  test::WriteFile(bank, BuildBank({.major = 1, .romSample = true}));
+  const std::string question =
+      "This SoundFont references ROM waveforms.\n\nWould you like to skip these, or load them from "
+      "\"1mgm.sf2\"?\n(i.e. the AWE32 ROM equivalent from the SB Live-drivers)";
+  auto played = [](const Collection& c) -> const Waveform* {
+    auto regions = c.All<Region>();
+    return regions.size() == 1 ? RegionWaveform(*regions[0]) : nullptr;
+  };
+
+  {  // No boxes (the driver, -NOMSG): skipped, and the zones that play them go.
+    const uint8_t enabled = MessageBoxesEnabled;
+    MessageBoxesEnabled = 0;
+    Collection c;
+    ASSERT_TRUE(ImportFile(c, bank, true)) << ErrorMessage;
+    MessageBoxesEnabled = enabled;
+    EXPECT_EQ(c.Count(ItemType::Region), 0u);
+    EXPECT_EQ(c.Count(ItemType::Waveform), 0u);
+  }
+  {  // "Skip".
+    ScriptedUser user(kBoxNo, {});
+    Collection c;
+    ASSERT_TRUE(ImportFile(c, bank, true)) << ErrorMessage;
+    EXPECT_EQ(ScriptedUser::asked, std::vector<std::string>{question});
+    EXPECT_EQ(c.Count(ItemType::Region), 0u);
+  }
+  // The ROM set: a SoundFont 2 bank with the ROM's sample names.
+  const fs::path elsewhere = dir / "elsewhere";
+  fs::create_directory(elsewhere);
+  test::WriteFile(elsewhere / "1mgm.sf2", BuildBank({}));
+  {  // Not beside the bank: the user points at it.
+    ScriptedUser user(kBoxYes, elsewhere / "1mgm.sf2");
+    Collection c;
+    ASSERT_TRUE(ImportFile(c, bank, true)) << ErrorMessage;
+    EXPECT_EQ(ScriptedUser::asked, (std::vector<std::string>{question, "Please locate 1mgm.sf2 *.sf2"}));
+    const Waveform* w = played(c);
+    ASSERT_TRUE(w);
+    EXPECT_EQ(w->length, 200u);
+    ASSERT_TRUE(const_cast<Waveform*>(w)->EnsureData()) << ErrorMessage;
+    ASSERT_TRUE(w->samples16);
+    EXPECT_EQ(w->samples16[5], static_cast<int16_t>(8000 * std::sin(5 * 0.2)));
+  }
+  {  // Beside the bank: taken without asking where.
+    fs::copy_file(elsewhere / "1mgm.sf2", dir / "1mgm.sf2");
+    ScriptedUser user(kBoxYes, {});
+    Collection c;
+    ASSERT_TRUE(ImportFile(c, bank, true)) << ErrorMessage;
+    EXPECT_EQ(ScriptedUser::asked.size(), 1u);
+    ASSERT_TRUE(played(c));
+    fs::remove(dir / "1mgm.sf2");
+  }
+  {  // Something else pointed at: said, then skipped; the load goes on.
+    test::WriteFile(elsewhere / "junk.sf2", "RIFF\4\0\0\0junk");
+    ScriptedUser user(kBoxYes, elsewhere / "junk.sf2");
+    Collection c;
+    ASSERT_TRUE(ImportFile(c, bank, true)) << ErrorMessage;
+    ASSERT_EQ(ScriptedUser::asked.size(), 3u);
+    EXPECT_EQ(ScriptedUser::asked[2], "Invalid 1mgm.sf2 - skipping ROM");
+    EXPECT_EQ(c.Count(ItemType::Region), 0u);
+  }
+}
+
+TEST(SoundFontWrite, TooManyParametersFailsWithTheFormatsTextAndKeepsTheOldFile) {
+  // One layer of 128 keys by 128 one-step velocity windows, each zone with
+  // ranges, a sample, a pan and a tuning of its own: about 82,000 instrument
+  // generators.
+  Collection c;
+  auto* w = Create<Waveform>(c, "Tick");
+  w->length = 16;
+  w->sampleRate = 44100;
+  ASSERT_TRUE(AllocSamples16(*w));
+  auto* inst = Create<Instrument>(c, "Grid");
+  Layer* layer = AddLayer(*inst);
+  for (int key = 0; key < 128; ++key)
+    for (int vel = 0; vel < 128; ++vel) {
+      Region* r = AddRegion(*layer, w->id, MakeRange(key, key), MakeRange(vel, vel), 255);
+      r->art.Set(51, (vel % 100) * 0.01f - 0.5f);
+      r->art.Set(kRowMasterTune, (1 + vel % 50) * 0.01f);
+    }
+  FixUpItems(c, 0, false);
+  ASSERT_EQ(c.Count(ItemType::Region), 128u * 128u);
+
+  struct Case {
+    const char* file;
+    const char* text;
+  };
+  for (const Case& k :
+       {Case{"big.sf2",
+             "Save failed - Too much data!\n\nThe SF2 file format is by its construction limited to storing a "
+             "maximum of 65536 parameter values... Remove some instruments then try saving again.\n"},
+        Case{"big.sbk",
+             "Save failed - Too many 'parameter' values!\nThe SBK format can handle a maximum of 65536 parameter "
+             "values...\n"}}) {
+    SCOPED_TRACE(k.file);
+    TempDir dir;
+    const fs::path path = dir / k.file;
+    test::WriteFile(path, "the bank that was here");
+    EXPECT_FALSE(SaveFile(&c, path, FindWriterByPath(path), ExportRequest{}, false));
+    EXPECT_STREQ(ErrorMessage, k.text);
+    EXPECT_TRUE(test::ReadFile(path) == "the bank that was here");
   }
 }
 
