@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -496,6 +497,47 @@ TEST(Sf2Write, OtherItemsAreRefused) {
   auto* w = Create<Waveform>(c);
   ASSERT_FALSE(Save(*w, dir / "x.sf2"));
   EXPECT_STREQ(ErrorMessage, "The file format can not save this item");
+}
+
+TEST(Sf2Write, InfoTextsAreWindows1252WithEvenSizesAndComeBack) {
+  TempDir dir;
+  Collection c;
+  ASSERT_TRUE(LoadMini(c, dir, {}));
+  c.SetName("Caf\xC3\xA9 Grand");                          // 10 bytes in Windows-1252, 11 with the end
+  std::strcpy(c.engineer, "Zo\xC3\xAB");                   // 3 bytes
+  std::strcpy(c.copyright, "\xC2\xA9 2026");               // 6 bytes
+  std::strcpy(c.comment, "Loops by ear, tuned to A 442");  // 28 bytes
+  ASSERT_TRUE(Save(c, dir / "info.sf2"));
+
+  // Every INFO chunk: even size, ending in a zero byte, in the bank's code page.
+  const std::string bytes = test::ReadFile(dir / "info.sf2");
+  const std::size_t list = bytes.find("INFO");
+  ASSERT_NE(list, std::string::npos);
+  uint32_t listSize = 0;
+  std::memcpy(&listSize, bytes.data() + list - 4, 4);
+  std::map<std::string, std::string> chunks;
+  for (std::size_t at = list + 4; at + 8 <= list + listSize;) {
+    uint32_t size = 0;
+    std::memcpy(&size, bytes.data() + at + 4, 4);
+    const std::string id = bytes.substr(at, 4), body = bytes.substr(at + 8, size);
+    if (id != "ifil") {
+      EXPECT_EQ(size % 2, 0u) << id;
+      EXPECT_EQ(body.back(), '\0') << id;
+    }
+    chunks[id] = body.substr(0, body.find('\0'));
+    at += 8 + size;
+  }
+  EXPECT_EQ(chunks["INAM"], "Caf\xE9 Grand");
+  EXPECT_EQ(chunks["IENG"], "Zo\xEB");
+  EXPECT_EQ(chunks["ICOP"], "\xA9 2026");
+  EXPECT_EQ(chunks["ICMT"], "Loops by ear, tuned to A 442");
+
+  Collection back;
+  ASSERT_TRUE(Load(back, dir / "info.sf2"));
+  EXPECT_STREQ(back.name, c.name);
+  EXPECT_STREQ(back.engineer, c.engineer);
+  EXPECT_STREQ(back.copyright, c.copyright);
+  EXPECT_STREQ(back.comment, c.comment);
 }
 
 // The generators of every zone of a written bank, instrument zones or preset
