@@ -522,10 +522,11 @@ void TakeRomSamples(const std::filesystem::path& bankPath, std::span<SampleInfo>
     MessageBox("Invalid 1mgm.sf2 - skipping ROM", "Use 1mgm.sf2 / Skip");
     return;
   }
+  const std::vector<Waveform*> romWaves = romBank.All<Waveform>();
   for (SampleInfo& info : samples) {
     Waveform* w = info.wave;
     if (!w || w->readCallback) continue;
-    for (const Waveform* src : romBank.All<Waveform>()) {
+    for (const Waveform* src : romWaves) {
       if (!src->readCallback || !EqualsNoCase(src->Name(), w->Name())) continue;
       w->sourcePath = src->sourcePath;
       w->fileOffset = src->fileOffset;
