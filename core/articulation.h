@@ -16,22 +16,16 @@
 
 namespace kv {
 
-inline constexpr int kArticulationCount = 189;
+inline constexpr int kArticulationCount = kRowTriggerType;
 
-// Row numbers and block layouts used by the operations below.
-inline constexpr int kRowMasterTune = 0;
-inline constexpr int kRowKeyToPitch = 1;
-inline constexpr int kRowBendToPitch = 2;
-inline constexpr int kRowMasterVolume = 14;
-inline constexpr int kRowFilterType = 23;
-inline constexpr int kRowCutoff = 24;
-inline constexpr int kRowResonance = 35;
-inline constexpr int kRowEqBase = 39;  // band b: mode, frequency, gain, Q at 39 + 4b
+// Block layouts used by the operations below; each block's first row is named
+// in core/param_ids.h.
+inline constexpr int kRowEqBase = kRowEq1Mode;  // band b: mode, frequency, gain, Q at kRowEqBase + 4b
 inline constexpr int kEqBands = 3;
 
-// LFOs in block order P, V, F, X; LFO n has its four rows at 65 + 4n.
+// LFOs in block order P, V, F, X; LFO n has its four rows at kLfoBase + 4n.
 enum LfoId : int { kLfoP = 0, kLfoV = 1, kLfoF = 2, kLfoX = 3 };
-inline constexpr int kLfoBase = 65;
+inline constexpr int kLfoBase = kRowPLfoShape;
 inline constexpr int kLfoCount = 4;
 inline constexpr int LfoRow(int n, int offset) { return kLfoBase + 4 * n + offset; }
 enum LfoOffset : int { kLfoShape = 0, kLfoFrequency = 1, kLfoDelay = 2, kLfoRamp = 3 };
@@ -40,9 +34,9 @@ inline constexpr int kLfoShapeMask = 0x3F;
 inline constexpr int kLfoUnipolar = 0x40;
 inline constexpr bool LfoInverted(int shapeByte) { return (shapeByte >> 6) == 2; }
 
-// Envelopes in block order V, P, F, X; envelope k has 27 rows at 81 + 27k.
+// Envelopes in block order V, P, F, X; envelope k has 27 rows at kEnvBase + 27k.
 enum EnvId : int { kEnvV = 0, kEnvP = 1, kEnvF = 2, kEnvX = 3 };
-inline constexpr int kEnvBase = 81;
+inline constexpr int kEnvBase = kRowVEnvInitial;
 inline constexpr int kEnvRows = 27;
 inline constexpr int kEnvCount = 4;
 inline constexpr int EnvRow(int k, int offset) { return kEnvBase + kEnvRows * k + offset; }
@@ -56,6 +50,10 @@ enum EnvOffset : int {
   kEnvR3Time = 21, kEnvR3Level = 22, kEnvRelVel = 23, kEnvRelKey = 24,
   kEnvReleaseMode = 25, kEnvShutdown = 26,
 };
+static_assert(LfoRow(kLfoX, kLfoRamp) == kRowXLfoRamp && EnvRow(kEnvP, kEnvInitial) == kRowPEnvInitial &&
+                  EnvRow(kEnvX, kEnvShutdown) == kRowXEnvShutdown && kArticulationCount == 189,
+              "block layouts agree with the named rows");
+
 
 // An LFO with the shape byte split up and the depth rows that it drives.
 struct LfoGroup {

@@ -14,9 +14,6 @@
 
 namespace kv {
 
-// Row of the articulation's pan position (-1 left .. 1 right).
-inline constexpr int kRowPan = 51;
-
 // Merges mono pairs whose names differ only by a final " L"/" R" or
 // "-L"/"-R" (same length, rate and root key) into interleaved stereo waves.
 // Regions of the two halves with the same ranges in one instrument become one

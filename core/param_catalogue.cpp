@@ -80,9 +80,8 @@ constexpr const char kKeyHelp[] = "Time-multiplier per octave";
   R((base) + 2, kKindTime, kUnitSeconds, 0, 0, 10, P "-LFO Delay Time"),        \
   R((base) + 3, kKindTime, kUnitSeconds, 0, 0, 100, P "-LFO Ramp/fade-in Time")
 
-// One envelope block. LMIN/LUNIT: levels are 0..1 shown in dB for the V-ENV,
-// -1..1 shown as percent of the depth for the modulation envelopes.
-// R3L/R3H: name and help of offset 22; LAST/LASTH: offset 26.
+// One envelope block. LMIN/LUNIT: the level rows' lowest value and unit.
+// R3L/R3H: text and help of offset 22; LAST/LASTH: of offset 26.
 #define KV_ENV_ROWS(base, P, LMIN, LUNIT, R3L, R3H, LAST, LASTH)                                   \
   R((base) + 0, kKindLevel, LUNIT, 0, LMIN, 1, P "-ENV Initial Level"),                            \
   R((base) + 1, kKindTime, kUnitSeconds, 0, 0, 100, P "-ENV Attack 1 Time"),                       \
@@ -118,133 +117,13 @@ constexpr const char kKeyHelp[] = "Time-multiplier per octave";
   KV_ENV_ROWS(base, P, -1, kUnitPercent, P "-ENV Release 3 Level", "", "", "")
 
 constexpr ParameterRow kRows[] = {
-    R(0, kKindReal2, kUnitSemitones, 0, -48, 48, "Master tuning Pitch adjustment"),
-    R(1, kKindReal3, kUnitSemitones, 1, -12, 12, "Key to Pitch", "Semitones per key, centered on Root key"),
-    R(2, kKindReal2, kUnitSemitones, 2, -96, 96, "Pitch bender to Pitch"),
-    R(3, kKindReal2, kUnitSemitones, 0, -96, 96, "P-LFO to Pitch"),
-    R(4, kKindReal2, kUnitSemitones, 0, -96, 96, "Mod wheel to P-LFO to Pitch"),
-    R(5, kKindReal2, kUnitSemitones, 0, -96, 96, "Aftertouch to P-LFO to Pitch"),
-    R(6, kKindReal2, kUnitSemitones, 0, -96, 96, "Velocity to P-LFO to Pitch", kBipolar),
-    R(7, kKindReal2, kUnitSemitones, 0, -96, 96, "X-LFO to Pitch"),
-    R(8, kKindReal2, kUnitSemitones, 0, -96, 96, "Mod wheel to X-LFO to Pitch"),
-    R(9, kKindReal2, kUnitSemitones, 0, -96, 96, "Aftertouch to X-LFO to Pitch"),
-    R(10, kKindReal2, kUnitSemitones, 0, -96, 96, "Velocity to X-LFO to Pitch", kBipolar),
-    R(11, kKindReal2, kUnitSemitones, 0, -96, 96, "P-ENV to Pitch"),
-    R(12, kKindReal2, kUnitSemitones, 0, -96, 96, "Velocity to P-ENV to Pitch", kBipolar),
-    R(13, kKindReal2, kUnitSemitones, 0, 0, 96, "Random to Pitch", kBipolar),
-    R(14, kKindReal2, kUnitDb, 0, -96, 96, "Master Volume adjustment"),
-    R(15, kKindReal2, kUnitDb, 96, -96, 96, "Velocity to Volume", "Special transform, negative inverts range"),
-    R(16, kKindReal2, kUnitDb, 0, -24, 24, "Key to Volume", "dB per octave, centered on mid-C"),
-    R(17, kKindReal2, kUnitDb, 0, -96, 96, "Mod wheel to Volume"),
-    R(18, kKindReal2, kUnitDb, 0, -96, 96, "Aftertouch to Volume"),
-    R(19, kKindReal2, kUnitDb, 0, -96, 96, "V-LFO to Volume"),
-    R(20, kKindReal2, kUnitDb, 0, -96, 96, "Mod wheel to V-LFO to Volume"),
-    R(21, kKindReal2, kUnitDb, 0, -96, 96, "Aftertrouch to V-LFO to Volume"),
-    R(22, kKindReal2, kUnitDb, 0, -96, 96, "Velocity to V-LFO to Volume", kBipolar),
-    R(23, kKindFilterType, kUnitNone, 0, 0, 12, "Filter type"),
-    R(24, kKindFrequency, kUnitHz, 8000, 8, 24000, "Filter Cutoff frequency"),
-    R(25, kKindReal2, kUnitSemitones, 0, -128, 128, "Velocity to Filter Cutoff", kBipolar),
-    R(26, kKindReal2, kUnitSemitones, 0, -128, 128, "Key number to Filter Cutoff", "Centered on mid-C"),
-    R(27, kKindReal2, kUnitSemitones, 0, -128, 128, "Mod wheel to Filter Cutoff"),
-    R(28, kKindReal2, kUnitSemitones, 0, -128, 128, "Aftertouch to Filter Cutoff"),
-    R(29, kKindReal2, kUnitSemitones, 0, -128, 128, "F-LFO to Filter Cutoff"),
-    R(30, kKindReal2, kUnitSemitones, 0, -128, 128, "Mod wheel to F-LFO to Filter Cutoff"),
-    R(31, kKindReal2, kUnitSemitones, 0, -128, 128, "Aftertouch to F-LFO to Filter Cutoff"),
-    R(32, kKindReal2, kUnitSemitones, 0, -128, 128, "Velocity to F-LFO to Filter Cutoff", kBipolar),
-    R(33, kKindReal2, kUnitSemitones, 0, -128, 128, "F-ENV to Filter Cutoff"),
-    R(34, kKindReal2, kUnitSemitones, 0, -128, 128, "Velocity to F-ENV to Filter Cutoff", kBipolar),
-    R(35, kKindReal2, kUnitDb, 0, -6, 96, "Filter Resonance peak height"),
-    R(36, kKindReal2, kUnitDb, 0, -96, 96, "Velocity to Filter Resonance"),
-    R(37, kKindReal2, kUnitDb, 0, -96, 96, "Mod wheel to Filter Resonance"),
-    R(38, kKindReal2, kUnitDb, 0, -96, 96, "Aftertouch to Filter Resonance"),
-    R(39, kKindEqMode, kUnitNone, 0, 0, 2, "EQ 1 Mode"),
-    R(40, kKindFrequency, kUnitHz, 120, 16, 24000, "EQ 1 center Frequency"),
-    R(41, kKindReal2, kUnitDb, 0, -24, 24, "EQ 1 Gain"),
-    R(42, kKindReal2, kUnitRatio, 0.71f, 0.01f, 10, "EQ 1 Q-value", "Band-width is a function of Center frequency / Q"),
-    R(43, kKindEqMode, kUnitNone, 0, 0, 2, "EQ 2 Mode"),
-    R(44, kKindFrequency, kUnitHz, 800, 16, 24000, "EQ 2 center Frequency"),
-    R(45, kKindReal2, kUnitDb, 0, -24, 24, "EQ 2 Gain"),
-    R(46, kKindReal2, kUnitRatio, 0.71f, 0.01f, 10, "EQ 2 Q-value", "Band-width is a function of Center frequency / Q"),
-    R(47, kKindEqMode, kUnitNone, 0, 0, 2, "EQ 3 Mode"),
-    R(48, kKindFrequency, kUnitHz, 5000, 16, 24000, "EQ 3 center Frequency"),
-    R(49, kKindReal2, kUnitDb, 0, -24, 24, "EQ 3 Gain"),
-    R(50, kKindReal2, kUnitRatio, 0.71f, 0.01f, 10, "EQ 3 Q-value", "Band-width is a function of Center frequency / Q"),
-    R(51, kKindFraction, kUnitPercent, 0, -1, 1, "Pan position",
-      "-100.0% is full left | 0.0% is centered | +100.0% is full right"),
-    R(52, kKindFraction, kUnitPercent, 1, -1, 1, "CC10 to Pan position"),
-    R(53, kKindFraction, kUnitPercent, 0, -1, 1, "Key number to Pan position", "Per octave, centered on mid-C"),
-    R(54, kKindFraction, kUnitPercent, 0, -1, 1, "X-LFO to Pan position"),
-    R(55, kKindFraction, kUnitPercent, 0, -1, 1, "X-ENV to Pan position"),
-    R(56, kKindFraction, kUnitPercent, 0, 0, 1, "Random to Pan position", kBipolar),
-    R(57, kKindFraction, kUnitPercent, 0, 0, 1, "Send channel 1 level"),
-    R(58, kKindFraction, kUnitPercent, 1, 0, 1, "CC91 to Send channel 1 level"),
-    R(59, kKindFraction, kUnitPercent, 0, 0, 1, "Send channel 2 level"),
-    R(60, kKindFraction, kUnitPercent, 1, 0, 1, "CC92 to Send channel 2 level"),
-    R(61, kKindFraction, kUnitPercent, 0, 0, 1, "Send channel 3 level"),
-    R(62, kKindFraction, kUnitPercent, 1, 0, 1, "CC93 to Send channel 3 level"),
-    // The fourth send reads "channel 3" in its texts, as it always has.
-    R(63, kKindFraction, kUnitPercent, 0, 0, 1, "Send channel 3 level"),
-    R(64, kKindFraction, kUnitPercent, 1, 0, 1, "CC94 to Send channel 3 level"),
-
-    // The X-LFO block carries "F-LFO" in its names: its place, not its text,
-    // makes it the X-LFO.
-    KV_LFO_ROWS(65, "P"),
-    KV_LFO_ROWS(69, "V"),
-    KV_LFO_ROWS(73, "F"),
-    KV_LFO_ROWS(77, "F"),
-
-    KV_ENV_ROWS(81, "V", 0, kUnitDb, "V-ENV Release 3 Level", "", "Shutdown Rate",
-                "On note or key-exclusion, time from full volume to silent"),
-    KV_ENV_BLOCK(108, "P"),
-    KV_ENV_BLOCK(135, "F"),
-    // Offset 22 of the X-ENV has always read as its Sustain row.
-    KV_ENV_ROWS(162, "X", -1, kUnitPercent, "X-ENV Sustain", "Decay 2 Level", "", ""),
-
-    R(189, kKindTriggerType, kUnitNone, 0, 0, 17, "Playback trigger type"),
-    R(190, kKindKey, kUnitNone, 0, 0, 127, "Trigger lo-key", "Lowest key played"),
-    R(191, kKindKey, kUnitNone, 127, 0, 127, "Trigger hi-ley", "Highest key played"),
-    R(192, kKindInteger, kUnitNone, 0, 0, 127, "Trigger lo-velocity", "Lowest velocity played"),
-    R(193, kKindInteger, kUnitNone, 127, 0, 127, "Trigger hi-velocity", "Highest velocity payed"),
-    R(194, kKindInteger, kUnitNone, 0, 0, 126, "Trigger X-fade-in range centered on lo-key"),
-    R(195, kKindInteger, kUnitNone, 0, 0, 126, "Trigger X-fade-out range centered on hi-key"),
-    R(196, kKindFadeFormula, kUnitNone, 0, 0, 1, "Trigger key X-fade formula", "Equal-Power | Linear Gain"),
-    R(197, kKindInteger, kUnitNone, 0, 0, 126, "Trigger X-fade-in range centered on lo-velocity"),
-    R(198, kKindInteger, kUnitNone, 0, 0, 126, "Trigger X-fade-out range centered on hi-velocity"),
-    R(199, kKindFadeFormula, kUnitNone, 0, 0, 1, "Trigger velocity X-fade formula", "Equal-Power | Linear Gain"),
-    R(200, kKindPedalSwitch, kUnitNone, 0, 0, 2, "Switch playback based on Sustain Pedal (Pedal 1 state)"),
-    R(201, kKindTime, kUnitSeconds, 0, 0, 100, "Delay time before playback starts after the trigger"),
-    R(202, kKindGroup, kUnitNone, 0, 0, 65535, "Key exclusion group", "0 = none"),
-    R(203, kKindExclusion, kUnitNone, 0, 0, 1, "Note exclusion mode",
-      "Self exclusive = Stop previous notes on same key, Self non-exclusive = Allow multiple notes for same key"),
-    R(204, kKindLoopType, kUnitNone, 0, 0, 3, "Loop type",
-      "Off/One-shot | Forward/Normal | Reverse/Backwards | Alternating/Ping-Pong/Bi-directional"),
-    R(205, kKindLoopRelease, kUnitNone, 0, 0, 1, "Loop release",
-      "Loop until the end of the V-EG or Break the loop and play the remainder of the sample when the key is released"),
-    R(206, kKindReal3, kUnitNone, 0, 0, 1e20f, "Loop start point", "First wavesample in the looping region"),
-    R(207, kKindReal3, kUnitNone, 0, 0, 1e20f, "Loop end point", "First wavesample *after* the loop range"),
-    R(208, kKindReal2, kUnitSemitones, 0, -12, 12, "Pitch adjustment during loop playback"),
-    R(209, kKindText, kUnitNone, 0, 0, 0, "Name"),
-    R(210, kKindText, kUnitNone, 0, 0, 0, "Artist"),
-    R(211, kKindText, kUnitNone, 0, 0, 0, "Comment"),
-    R(212, kKindText, kUnitNone, 0, 0, 0, "Copyright"),
-    R(213, kKindText, kUnitNone, 0, 0, 0, "Engineer"),
-    R(214, kKindText, kUnitNone, 0, 0, 0, "Product"),
-    R(215, kKindInteger, kUnitHz, 22050, 1, 768000, "Waveform sample rate"),
-    R(216, kKindKey, kUnitNone, 60, 0, 127, "Root key", "Key number that plays at the original pitch"),
-    R(217, kKindInteger, kUnitPercent, 0, -100, 100, "Playback Pitch adjustment", "In steps of 1/100th of a semitone"),
-    R(218, kKindReal2, kUnitDb, 0, -96, 96, "Playback Volume adjustment"),
-    R(219, kKindDataFormat, kUnitNone, 1, 0, 21, "Preferred data format for saving",
-      "To create files with mixed data types use \"Auto\" as data format when saving"),
-    R(220, kKindKey, kUnitNone, 60, 0, 127, "Waveform Root Key override"),
-    R(221, kKindInteger, kUnitNone, 0, 0, 1e6f, "Waveform start address offset"),
-    R(222, kKindInteger, kUnitNone, 0, -1e6f, 0, "Waveform end address offset", "NB; only negative values of zero allowed"),
-    R(223, kKindGroup, kUnitNone, 0, 0, 65535, "Phase group for linked waveform",
-      "0 = none; Waves in a group plays pitch locked to master"),
-    R(224, kKindFlag, kUnitNone, 0, 0, 1, "Region is \"phase master\"", "Phase master controls the pitch of the phase group"),
-    R(225, kKindFlag, kUnitNone, 0, 0, 1, "Drum kit flag", "Separate address space for drum channels"),
-    R(226, kKindInteger, kUnitNone, 0, 0, 127, "Major MIDI bank number", "MIDI CC 0"),
-    R(227, kKindInteger, kUnitNone, 0, 0, 127, "Minor MIDI bank number", "MIDI CC 32"),
-    R(228, kKindInteger, kUnitNone, 0, 0, 127, "MIDI Program Change number", "Here numbered 0..127, some say 1..128"),
+#define KV_ROW(id, ...) R(kRow##id, __VA_ARGS__),
+#define KV_LFO(id, prefix) KV_LFO_ROWS(kRow##id##LfoShape, prefix),
+#define KV_ENV(id, prefix, ...) KV_ENV_ROWS(kRow##id##EnvInitial, prefix, __VA_ARGS__),
+#include "core/param_rows.inc"
+#undef KV_ROW
+#undef KV_LFO
+#undef KV_ENV
 };
 static_assert(std::size(kRows) == kFirstFxParam, "one row per parameter up to the effect slots");
 
@@ -390,8 +269,8 @@ constexpr ParameterRow WholeNumbers(ParameterRow r) {
   r.control = kControlNumber;
   return r;
 }
-constexpr ParameterRow kWholeLoopRows[2] = {WholeNumbers(kRows[kLoopStartParam]),
-                                            WholeNumbers(kRows[kLoopEndParam])};
+constexpr ParameterRow kWholeLoopRows[2] = {WholeNumbers(kRows[kRowLoopStart]),
+                                            WholeNumbers(kRows[kRowLoopEnd])};
 
 constexpr const char* kFeatureNames[kFeatureCount] = {
     "Trigger: X-fade between regions",
@@ -539,8 +418,8 @@ const ParameterRow* LookupRow(int index, uint64_t features, int fxType) {
       return &kMRows[index];
     return &kRows[index];
   }
-  if (!HasFeature(features, kFeatFractionalLoops) && (index == kLoopStartParam || index == kLoopEndParam))
-    return &kWholeLoopRows[index - kLoopStartParam];
+  if (!HasFeature(features, kFeatFractionalLoops) && (index == kRowLoopStart || index == kRowLoopEnd))
+    return &kWholeLoopRows[index - kRowLoopStart];
   return CatalogueRow(index, fxType);
 }
 

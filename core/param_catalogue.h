@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <span>
 
+#include "core/param_ids.h"
+
 namespace kv {
 
 struct ParameterRow {
@@ -25,24 +27,23 @@ struct ParameterRow {
 };
 
 inline constexpr int kParamCount = 261;
-inline constexpr int kFirstTriggerParam = 189;
-inline constexpr int kLastTriggerParam = 203;
-inline constexpr int kFirstLoopParam = 204;
-inline constexpr int kLastLoopParam = 208;
-inline constexpr int kFirstTextParam = 209;
-inline constexpr int kLastTextParam = 214;
-inline constexpr int kFirstWaveParam = 215;
-inline constexpr int kLastWaveParam = 219;
-inline constexpr int kFirstOverrideParam = 220;
-inline constexpr int kLastOverrideParam = 224;
-inline constexpr int kFirstLocationParam = 225;
-inline constexpr int kLastLocationParam = 228;
-inline constexpr int kFirstFxParam = 229;
+inline constexpr int kFirstTriggerParam = kRowTriggerType;
+inline constexpr int kLastTriggerParam = kRowNoteExclusion;
+inline constexpr int kFirstLoopParam = kRowLoopType;
+inline constexpr int kLastLoopParam = kRowLoopPitch;
+inline constexpr int kFirstTextParam = kRowName;
+inline constexpr int kLastTextParam = kRowProduct;
+inline constexpr int kFirstWaveParam = kRowSampleRate;
+inline constexpr int kLastWaveParam = kRowPreferredFormat;
+inline constexpr int kFirstOverrideParam = kRowRootKeyOverride;
+inline constexpr int kLastOverrideParam = kRowPhaseMaster;
+inline constexpr int kFirstLocationParam = kRowDrumKit;
+inline constexpr int kLastLocationParam = kRowProgram;
+inline constexpr int kFirstFxParam = kRowFxSlots;
 inline constexpr int kFxSlots = 4;
 inline constexpr int kFxRowsPerSlot = 8;
 inline constexpr int kFxTypeCount = 9;
-inline constexpr int kLoopStartParam = 206;
-inline constexpr int kLoopEndParam = 207;
+static_assert(FxTypeParam(kFxSlots) == kParamCount, "the effect slots end the numbering");
 
 // Units of a row.
 enum ParamUnit : uint8_t {

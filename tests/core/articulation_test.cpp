@@ -386,9 +386,9 @@ TEST(Catalogue, SharedLfoAndEnvelopeTexts) {
   EXPECT_STREQ(LookupRow(81, sharedEnv)->name, "V-ENV Initial Level");
   EXPECT_FLOAT_EQ(LookupRow(108, sharedEnv)->min, -1);
 
-  EXPECT_EQ(LookupRow(kLoopStartParam)->kind, kKindReal3);
-  EXPECT_EQ(LookupRow(kLoopEndParam, Without(kFeatFractionalLoops))->kind, kKindInteger);
-  EXPECT_STREQ(LookupRow(kLoopEndParam, Without(kFeatFractionalLoops))->name, "Loop end point");
+  EXPECT_EQ(LookupRow(kRowLoopStart)->kind, kKindReal3);
+  EXPECT_EQ(LookupRow(kRowLoopEnd, Without(kFeatFractionalLoops))->kind, kKindInteger);
+  EXPECT_STREQ(LookupRow(kRowLoopEnd, Without(kFeatFractionalLoops))->name, "Loop end point");
 }
 
 TEST(Catalogue, ParameterSetsAndEnumerations) {

@@ -446,9 +446,9 @@ TEST(Sf2Write, ConversionsSurviveARoundTrip) {
   ASSERT_TRUE(Load(back, dir / "out.sf2")) << ErrorMessage;
   auto regions = back.All<Region>();
   ASSERT_EQ(regions.size(), 1u);
-  for (int row : {kRowMasterVolume, kRowCutoff, kRowResonance, 51, EnvRow(kEnvV, kEnvA2Time),
-                  EnvRow(kEnvV, kEnvD2Time), EnvRow(kEnvV, kEnvSustain), EnvRow(kEnvV, kEnvR1Rate), 7, 11,
-                  EnvRow(kEnvP, kEnvD2Time), EnvRow(kEnvP, kEnvSustain)}) {
+  for (int row : {kRowMasterVolume, kRowCutoff, kRowResonance, kRowPan, kRowVEnvA2Time, kRowVEnvD2Time,
+                  kRowVEnvSustain, kRowVEnvR1Rate, kRowXLfoToPitch, kRowPEnvToPitch, kRowPEnvD2Time,
+                  kRowPEnvSustain}) {
     const float want = Effective(c, *r, row), got = Effective(back, *regions[0], row);
     EXPECT_NEAR(got, want, std::fabs(want) * 0.01 + 0.002) << "row " << row;
   }
