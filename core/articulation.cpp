@@ -16,13 +16,17 @@
 namespace kv {
 namespace {
 
-constexpr int kLfoDepthP[] = {3, 4, 5, 6};
-constexpr int kLfoDepthV[] = {19, 20, 21, 22};
-constexpr int kLfoDepthF[] = {29, 30, 31, 32};
-constexpr int kLfoDepthX[] = {7, 8, 9, 10, 54};
-constexpr int kEnvDepthP[] = {11, 12};
-constexpr int kEnvDepthF[] = {33, 34};
-constexpr int kEnvDepthX[] = {55};
+constexpr int kLfoDepthP[] = {kRowPLfoToPitch, kRowModWheelToPLfoPitch, kRowAftertouchToPLfoPitch,
+                              kRowVelToPLfoPitch};
+constexpr int kLfoDepthV[] = {kRowVLfoToVolume, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume,
+                              kRowVelToVLfoVolume};
+constexpr int kLfoDepthF[] = {kRowFLfoToCutoff, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff,
+                              kRowVelToFLfoCutoff};
+constexpr int kLfoDepthX[] = {kRowXLfoToPitch, kRowModWheelToXLfoPitch, kRowAftertouchToXLfoPitch,
+                              kRowVelToXLfoPitch, kRowXLfoToPan};
+constexpr int kEnvDepthP[] = {kRowPEnvToPitch, kRowVelToPEnvPitch};
+constexpr int kEnvDepthF[] = {kRowFEnvToCutoff, kRowVelToFEnvCutoff};
+constexpr int kEnvDepthX[] = {kRowXEnvToPan};
 
 // Catalogue defaults of the 189 record rows, gathered once.
 const std::array<float, kArticulationCount>& Defaults() {
@@ -161,13 +165,13 @@ void Articulation::MatchPitchOf(const Articulation& master) {
       else MarkUnset(i);
     }
   };
-  constexpr int kPitchRows = 14;  // Master tuning through Random to Pitch
-  take(0, kPitchRows);
+  take(kRowMasterTune, kRowRandomPitch + 1 - kRowMasterTune);
   take(LfoRow(kLfoP, 0), 4);
-  if (master.value[11] != 0.0f || master.value[12] != 0.0f) take(EnvRow(kEnvP, 0), kEnvRows);
-  const bool xMovesPitch = master.value[7] != 0.0f || master.value[8] != 0.0f || master.value[9] != 0.0f ||
-                           master.value[10] != 0.0f;
-  if (master.value[54] == 0.0f && xMovesPitch) take(LfoRow(kLfoX, 0), 4);
+  const float* m = master.value;
+  if (m[kRowPEnvToPitch] != 0.0f || m[kRowVelToPEnvPitch] != 0.0f) take(EnvRow(kEnvP, 0), kEnvRows);
+  const bool xMovesPitch = m[kRowXLfoToPitch] != 0.0f || m[kRowModWheelToXLfoPitch] != 0.0f ||
+                           m[kRowAftertouchToXLfoPitch] != 0.0f || m[kRowVelToXLfoPitch] != 0.0f;
+  if (m[kRowXLfoToPan] == 0.0f && xMovesPitch) take(LfoRow(kLfoX, 0), 4);
 }
 
 bool Articulation::Prune(const Articulation& parent) {

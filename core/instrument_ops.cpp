@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/error.h"
+#include "core/resolved.h"
 #include "core/wavestore.h"
 
 namespace kv {
@@ -148,15 +149,10 @@ bool PlaysAlike(const Region& a, const Region& b) {
       a.loopRelease != b.loopRelease || a.loopStart != b.loopStart || a.loopEnd != b.loopEnd ||
       a.loopPitch != b.loopPitch || a.startOffset != b.startOffset || a.endOffset != b.endOffset)
     return false;
-  const Layer* la = LayerOf(a);
-  const Layer* lb = LayerOf(b);
-  const Instrument* ia = la ? InstrumentOf(*la) : nullptr;
-  const Instrument* ib = lb ? InstrumentOf(*lb) : nullptr;
-  const Articulation none;
-  const Articulation ea = MergedArticulation(a.art, la ? la->art : none, ia ? ia->art : none);
-  const Articulation eb = MergedArticulation(b.art, lb ? lb->art : none, ib ? ib->art : none);
+  const ResolvedRegion ra = ResolveRegion(a);
+  const ResolvedRegion rb = ResolveRegion(b);
   for (int i = 0; i < kArticulationCount; ++i)
-    if (i != kRowPan && ea.value[i] != eb.value[i]) return false;
+    if (i != kRowPan && ra.art.value[i] != rb.art.value[i]) return false;
   return true;
 }
 
@@ -464,7 +460,7 @@ int MoveTriggerParamsUp(Collection& c) {
     for (Region* r : regions) anySet |= r->trigger.setMask;
     for (int p = TriggerRecord::kFirst; p <= TriggerRecord::kLast; ++p) {
       // Ranges are each region's own; exclusions are pushed down by the layer's fix-up.
-      if ((p >= 190 && p <= 193) || p == 202 || p == 203) continue;
+      if ((p >= kRowLoKey && p <= kRowHiVel) || p == kRowExclusionGroup || p == kRowNoteExclusion) continue;
       if (!((anySet >> (p - TriggerRecord::kFirst)) & 1u)) continue;
       const float value = regions.front()->trigger.Get(p);
       bool anySet = false, allEqual = true;

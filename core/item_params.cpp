@@ -15,8 +15,8 @@ ParamDisplay Display() {
 
 uint64_t Features() { return Settings().features; }
 
-// Text rows 209-214 are the items' own fields; the rest go through the model.
-bool IsTextRow(int p) { return p >= 209 && p <= 214; }
+// Text rows (name to product) are the items' own fields; the rest go through the model.
+bool IsTextRow(int p) { return p >= kFirstTextParam && p <= kLastTextParam; }
 
 }  // namespace
 
@@ -27,12 +27,12 @@ const ParameterRow* Item::GetParamDescriptor(int parameter) const {
 }
 
 void Item::SetParamText(int parameter, std::string_view text) {
-  if (parameter == 209) SetName(text.data(), text.size(), TextEncoding::Utf8);
+  if (parameter == kRowName) SetName(text.data(), text.size(), TextEncoding::Utf8);
   else if (!IsTextRow(parameter)) params::SetText(*this, parameter, text, Display(), Features());
 }
 
 std::string Item::GetParamText(int parameter) const {
-  if (parameter == 209) return name;
+  if (parameter == kRowName) return name;
   if (IsTextRow(parameter)) return {};
   return params::GetText(*this, parameter, Display(), Features());
 }

@@ -236,11 +236,6 @@ Item::Item(Collection& owner, ItemType type, uint32_t serial, const char* text) 
 Item::Item(Collection& owner, const Item& source, const char* text)
     : Item(owner, source.Type(), kAllocateSerial, text ? text : source.name) {
   parentId = source.parentId;
-  sourceFormat = source.sourceFormat;
-  secondPartOffset = source.secondPartOffset;
-  scratch = source.scratch;
-  std::memcpy(scratchBytes, source.scratchBytes, sizeof scratchBytes);
-  flag = source.flag;
 }
 
 Item::~Item() {
@@ -363,18 +358,18 @@ bool Collection::HasContent() const { return Count(ItemType::Waveform) > 0; }
 
 void Collection::SetParamText(int parameter, std::string_view text) {
   switch (parameter) {
-    case 211: CopyText(comment, sizeof comment, text); break;
-    case 212: CopyText(copyright, sizeof copyright, text); break;
-    case 213: CopyText(engineer, sizeof engineer, text); break;
+    case kRowComment: CopyText(comment, sizeof comment, text); break;
+    case kRowCopyright: CopyText(copyright, sizeof copyright, text); break;
+    case kRowEngineer: CopyText(engineer, sizeof engineer, text); break;
     default: Item::SetParamText(parameter, text); break;
   }
 }
 
 std::string Collection::GetParamText(int parameter) const {
   switch (parameter) {
-    case 211: return comment;
-    case 212: return copyright;
-    case 213: return engineer;
+    case kRowComment: return comment;
+    case kRowCopyright: return copyright;
+    case kRowEngineer: return engineer;
     default: return Item::GetParamText(parameter);
   }
 }
@@ -622,7 +617,7 @@ ItemSet::ItemSet(Item& source, bool withWaveforms) : collection_(source.collecti
       bool isWave = source.Type() == ItemType::Waveform;
       Region* region = AddRegion(*newLayer, isWave ? source.id : kNoWave, MakeRange(0, 127), MakeRange(0, 127), 255);
       region->trigger.exclusionGroup = 1;
-      region->trigger.MarkSet(202);
+      region->trigger.MarkSet(kRowExclusionGroup);
       if (!isWave) {
         Item* model = CloneItem(source, c);
         model->parentId = region->id;

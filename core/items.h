@@ -108,11 +108,6 @@ class Item {
   ItemId id = kNoItem;
   ItemId parentId = kNoItem;
   char name[kNameLength + 1] = {};
-  uint32_t sourceFormat = 0;       // Waveform: coding of the stored samples
-  uint64_t secondPartOffset = 0;   // Waveform: file position of the second channel, 0 if it follows on
-  uint32_t scratch = 0;            // per-operation work field; for a Waveform its usage count
-  uint8_t scratchBytes[25] = {};
-  uint8_t flag = 0;
   Collection* collection = nullptr;
   ChildList children;
 
@@ -150,8 +145,8 @@ struct TriggerRecord {
   float delay = 0.0f;         // 201
   uint64_t setMask = 0;
 
-  static constexpr int kFirst = 189;
-  static constexpr int kLast = 203;
+  static constexpr int kFirst = kRowTriggerType;
+  static constexpr int kLast = kRowNoteExclusion;
   bool IsSet(int parameter) const { return (setMask >> (parameter - kFirst)) & 1u; }
   void MarkSet(int parameter) { setMask |= uint64_t{1} << (parameter - kFirst); }
   void MarkUnset(int parameter) { setMask &= ~(uint64_t{1} << (parameter - kFirst)); }
@@ -354,11 +349,18 @@ class Waveform final : public Item {
   float loopPitch = 0.0f;       // 208
   uint8_t preferredFormat = 21; // 219, index into the preferred-format list
   uint64_t fileOffset = 0;
+  // How the samples lie in the source: the generic reader's word (see
+  // SetGenericFormat), and where the parts of a split source begin. Each
+  // position is 0 when the source has no such part.
+  uint32_t sourceFormat = 0;
+  uint64_t secondChannelOffset = 0;  // sequential stereo: the right channel's first byte
+  uint64_t codingChunkOffset = 0;    // compressed codings: the chunk that names the coding (WAV fmt, AIFC COMM type)
+  uint64_t lowBytesOffset = 0;       // 24-bit SoundFont samples: their low bytes (sm24)
+  uint64_t dataEnd = 0;              // compressed SoundFont samples: the end of the sample's block
   WaveReadCallback readCallback = nullptr;
   std::filesystem::path sourcePath;
   std::unique_ptr<int16_t[]> samples16;
   std::unique_ptr<float[]> samplesF;
-  uint32_t processing[3] = {};
 };
 
 class Track final : public Item {

@@ -93,8 +93,11 @@ void Item::SerializeBase(std::vector<uint8_t>& out) const {
   Put(out, id);
   Put(out, parentId);
   PutBytes(out, name, sizeof name);
-  Put(out, sourceFormat);
-  Put(out, secondPartOffset);
+  // The record keeps a waveform's source word and second-channel position in
+  // the base part, where every item has room for them.
+  const auto* wave = Type() == ItemType::Waveform ? static_cast<const Waveform*>(this) : nullptr;
+  Put(out, wave ? wave->sourceFormat : uint32_t{0});
+  Put(out, wave ? wave->secondChannelOffset : uint64_t{0});
   Put(out, static_cast<uint32_t>(children.size()));
   for (ItemId child : children) Put(out, child);
 }
@@ -120,10 +123,12 @@ std::size_t Item::DeserializeBase(std::span<const uint8_t> in) {
   parentId = parent;
   text[sizeof text - 1] = 0;
   std::memcpy(name, text, sizeof name);
-  sourceFormat = format;
-  secondPartOffset = offset;
+  if (Type() == ItemType::Waveform) {
+    auto& wave = static_cast<Waveform&>(*this);
+    wave.sourceFormat = format;
+    wave.secondChannelOffset = offset;
+  }
   children = list;
-  flag = 0;
   return r.Done();
 }
 
@@ -217,8 +222,8 @@ KV_FLAT_RECORD(Waveform,
                 PutBytes(out, product, sizeof product), Put(out, length), Put(out, sampleRate), Put(out, bits),
                 Put(out, channels), Put(out, rootKey), Put(out, fineTune), Put(out, volume), Put(out, loopType),
                 Put(out, loopRelease), Put(out, loopStart), Put(out, loopEnd), Put(out, loopPitch),
-                Put(out, preferredFormat), Put(out, fileOffset), Put(out, readCallback), PutPath(out, sourcePath),
-                Put(out, processing),
+                Put(out, preferredFormat), Put(out, fileOffset), Put(out, codingChunkOffset),
+                Put(out, lowBytesOffset), Put(out, dataEnd), Put(out, readCallback), PutPath(out, sourcePath),
                 Put(out, static_cast<uint8_t>(samples16 ? 1 : samplesF ? 2 : 0)),
                 samples16 ? PutBytes(out, samples16.get(), SampleCount() * 2)
                           : samplesF ? PutBytes(out, samplesF.get(), SampleCount() * 4) : void()),
@@ -229,8 +234,9 @@ KV_FLAT_RECORD(Waveform,
                      r.GetBytes(product, sizeof product), r.Get(length), r.Get(sampleRate), r.Get(bits),
                      r.Get(channels), r.Get(rootKey), r.Get(fineTune), r.Get(volume), r.Get(loopType),
                      r.Get(loopRelease), r.Get(loopStart), r.Get(loopEnd), r.Get(loopPitch),
-                     r.Get(preferredFormat), r.Get(fileOffset), r.Get(readCallback), r.GetPath(sourcePath),
-                     r.Get(processing), r.Get(form);
+                     r.Get(preferredFormat), r.Get(fileOffset), r.Get(codingChunkOffset),
+                     r.Get(lowBytesOffset), r.Get(dataEnd), r.Get(readCallback), r.GetPath(sourcePath),
+                     r.Get(form);
                  samples16.reset();
                  samplesF.reset();
                  uint64_t count = SampleCount();
@@ -301,6 +307,11 @@ Waveform::Waveform(Collection& owner, const Waveform& s, const char* text, bool 
       loopPitch(s.loopPitch),
       preferredFormat(s.preferredFormat),
       fileOffset(s.fileOffset),
+      sourceFormat(s.sourceFormat),
+      secondChannelOffset(s.secondChannelOffset),
+      codingChunkOffset(s.codingChunkOffset),
+      lowBytesOffset(s.lowBytesOffset),
+      dataEnd(s.dataEnd),
       readCallback(s.readCallback),
       sourcePath(s.sourcePath) {
   std::memcpy(artist, s.artist, sizeof artist);
@@ -308,7 +319,6 @@ Waveform::Waveform(Collection& owner, const Waveform& s, const char* text, bool 
   std::memcpy(comment, s.comment, sizeof comment);
   std::memcpy(copyright, s.copyright, sizeof copyright);
   std::memcpy(product, s.product, sizeof product);
-  std::memcpy(processing, s.processing, sizeof processing);
   uint64_t count = s.SampleCount();
   if (withData && s.samples16) {
     samples16 = std::make_unique<int16_t[]>(count);
@@ -394,21 +404,21 @@ void Track::SetEvents(std::vector<uint8_t> data) {
 
 float TriggerRecord::Get(int p) const {
   switch (p) {
-    case 189: return triggerType;
-    case 190: return loKey;
-    case 191: return hiKey;
-    case 192: return loVel;
-    case 193: return hiVel;
-    case 194: return keyFadeIn;
-    case 195: return keyFadeOut;
-    case 196: return keyFadeFormula;
-    case 197: return velFadeIn;
-    case 198: return velFadeOut;
-    case 199: return velFadeFormula;
-    case 200: return sustainSwitch;
-    case 201: return delay;
-    case 202: return exclusionGroup;
-    case 203: return noteExclusion;
+    case kRowTriggerType: return triggerType;
+    case kRowLoKey: return loKey;
+    case kRowHiKey: return hiKey;
+    case kRowLoVel: return loVel;
+    case kRowHiVel: return hiVel;
+    case kRowKeyFadeIn: return keyFadeIn;
+    case kRowKeyFadeOut: return keyFadeOut;
+    case kRowKeyFadeFormula: return keyFadeFormula;
+    case kRowVelFadeIn: return velFadeIn;
+    case kRowVelFadeOut: return velFadeOut;
+    case kRowVelFadeFormula: return velFadeFormula;
+    case kRowSustainSwitch: return sustainSwitch;
+    case kRowTriggerDelay: return delay;
+    case kRowExclusionGroup: return exclusionGroup;
+    case kRowNoteExclusion: return noteExclusion;
     default: return 0.0f;
   }
 }
@@ -416,21 +426,23 @@ float TriggerRecord::Get(int p) const {
 void TriggerRecord::Put(int p, float v) {
   auto u8 = [&](float x) { return static_cast<uint8_t>(Clamp(static_cast<int>(std::lround(x)), 0, 255)); };
   switch (p) {
-    case 189: triggerType = u8(v); break;
-    case 190: loKey = u8(v); break;
-    case 191: hiKey = u8(v); break;
-    case 192: loVel = u8(v); break;
-    case 193: hiVel = u8(v); break;
-    case 194: keyFadeIn = u8(v); break;
-    case 195: keyFadeOut = u8(v); break;
-    case 196: keyFadeFormula = u8(v); break;
-    case 197: velFadeIn = u8(v); break;
-    case 198: velFadeOut = u8(v); break;
-    case 199: velFadeFormula = u8(v); break;
-    case 200: sustainSwitch = u8(v); break;
-    case 201: delay = v; break;
-    case 202: exclusionGroup = static_cast<uint16_t>(Clamp(static_cast<int>(std::lround(v)), 0, 65535)); break;
-    case 203: noteExclusion = u8(v); break;
+    case kRowTriggerType: triggerType = u8(v); break;
+    case kRowLoKey: loKey = u8(v); break;
+    case kRowHiKey: hiKey = u8(v); break;
+    case kRowLoVel: loVel = u8(v); break;
+    case kRowHiVel: hiVel = u8(v); break;
+    case kRowKeyFadeIn: keyFadeIn = u8(v); break;
+    case kRowKeyFadeOut: keyFadeOut = u8(v); break;
+    case kRowKeyFadeFormula: keyFadeFormula = u8(v); break;
+    case kRowVelFadeIn: velFadeIn = u8(v); break;
+    case kRowVelFadeOut: velFadeOut = u8(v); break;
+    case kRowVelFadeFormula: velFadeFormula = u8(v); break;
+    case kRowSustainSwitch: sustainSwitch = u8(v); break;
+    case kRowTriggerDelay: delay = v; break;
+    case kRowExclusionGroup:
+      exclusionGroup = static_cast<uint16_t>(Clamp(static_cast<int>(std::lround(v)), 0, 65535));
+      break;
+    case kRowNoteExclusion: noteExclusion = u8(v); break;
     default: break;
   }
 }
@@ -444,15 +456,15 @@ void TriggerRecord::ApplyFeatures(uint64_t features) {
   if (!(features & Bit(kFeatTriggerXfade))) {
     keyFadeIn = keyFadeOut = velFadeIn = velFadeOut = 0;
     keyFadeFormula = velFadeFormula = 0;
-    for (int p = 194; p <= 199; ++p) MarkUnset(p);
+    for (int p = kRowKeyFadeIn; p <= kRowVelFadeFormula; ++p) MarkUnset(p);
   }
   if (!(features & Bit(kFeatTriggerDelay))) {
     delay = 0.0f;
-    MarkUnset(201);
+    MarkUnset(kRowTriggerDelay);
   }
   if (!(features & Bit(kFeatTriggerType))) {
     triggerType = 0;
-    MarkUnset(189);
+    MarkUnset(kRowTriggerType);
   }
 }
 
@@ -517,14 +529,14 @@ Region* AddRegion(Layer& layer, ItemId waveId, uint16_t keyRange, uint16_t veloc
   if (given(keyRange)) {
     region->trigger.loKey = keyRange & 0xFF;
     region->trigger.hiKey = keyRange >> 8;
-    region->trigger.MarkSet(190);
-    region->trigger.MarkSet(191);
+    region->trigger.MarkSet(kRowLoKey);
+    region->trigger.MarkSet(kRowHiKey);
   }
   if (given(velocityRange)) {
     region->trigger.loVel = velocityRange & 0xFF;
     region->trigger.hiVel = velocityRange >> 8;
-    region->trigger.MarkSet(192);
-    region->trigger.MarkSet(193);
+    region->trigger.MarkSet(kRowLoVel);
+    region->trigger.MarkSet(kRowHiVel);
   }
   if (rootKey < 255) {
     region->rootKey = rootKey;
@@ -597,8 +609,8 @@ uint16_t FindFreeKeyRange(Layer& layer, int key, std::span<Region* const> newReg
           if (std::find(newRegions.begin(), newRegions.end(), hit) != newRegions.end()) {
             hit->trigger.loKey = otherLo;
             hit->trigger.hiKey = otherHi;
-            hit->trigger.MarkSet(190);
-            hit->trigger.MarkSet(191);
+            hit->trigger.MarkSet(kRowLoKey);
+            hit->trigger.MarkSet(kRowHiKey);
           }
           return MakeRange(lo, hi);
         }
@@ -648,13 +660,13 @@ void ClipRegions(Layer& layer, uint16_t keyRange, uint16_t velocityRange, Region
     int kW = t.hiKey - t.loKey + 1, vW = t.hiVel - t.loVel + 1;
     if (vW * kOv > kW * vOv && vOv < vW) {
       CutRange(t.loVel, t.hiVel, vLo, vHi);
-      t.MarkSet(192);
-      t.MarkSet(193);
+      t.MarkSet(kRowLoVel);
+      t.MarkSet(kRowHiVel);
       r->RebuildName();
     } else if (kOv < kW) {
       CutRange(t.loKey, t.hiKey, kLo, kHi);
-      t.MarkSet(190);
-      t.MarkSet(191);
+      t.MarkSet(kRowLoKey);
+      t.MarkSet(kRowHiKey);
       r->RebuildName();
     } else {
       DeleteItem(r);
@@ -862,7 +874,7 @@ void Layer::FixUpLevel(bool refreshRegions, std::vector<ItemId>* deferredDeletes
   trigger.ApplyFeatures(Features());
   std::vector<Region*> regions = RegionsOf(*this);
   // A layer-level exclusion is a region matter: push it down.
-  for (int p : {202, 203}) {
+  for (int p : {kRowExclusionGroup, kRowNoteExclusion}) {
     if (!trigger.IsSet(p)) continue;
     float value = trigger.Get(p);
     for (Region* r : regions)
@@ -926,12 +938,12 @@ void Layer::FixUpLevel(bool refreshRegions, std::vector<ItemId>* deferredDeletes
           continue;
         }
         ct.loKey = static_cast<uint8_t>(pt.hiKey + 1);
-        ct.MarkSet(190);
+        ct.MarkSet(kRowLoKey);
       } else {
         int oLo = std::max<int>(pt.loVel, ct.loVel), oHi = std::min<int>(pt.hiVel, ct.hiVel);
         CutRange(ct.loVel, ct.hiVel, oLo, oHi);
-        ct.MarkSet(192);
-        ct.MarkSet(193);
+        ct.MarkSet(kRowLoVel);
+        ct.MarkSet(kRowHiVel);
       }
       c->RebuildName();
     }
@@ -1035,12 +1047,12 @@ void Collection::FixUp() {
 // ---------------------------------------------------------------- text parameters
 
 void Instrument::SetParamText(int parameter, std::string_view text) {
-  if (parameter == 211) CopyText(comment, text);
+  if (parameter == kRowComment) CopyText(comment, text);
   else Item::SetParamText(parameter, text);
 }
 
 std::string Instrument::GetParamText(int parameter) const {
-  return parameter == 211 ? std::string(comment) : Item::GetParamText(parameter);
+  return parameter == kRowComment ? std::string(comment) : Item::GetParamText(parameter);
 }
 
 namespace {
@@ -1049,11 +1061,11 @@ namespace {
 template <typename T>
 std::span<char> SharedTextField(T& item, int parameter) {
   switch (parameter) {
-    case 210: return item.artist;
-    case 211: return item.comment;
-    case 212: return item.copyright;
-    case 213: return item.engineer;
-    case 214: return item.product;
+    case kRowArtist: return item.artist;
+    case kRowComment: return item.comment;
+    case kRowCopyright: return item.copyright;
+    case kRowEngineer: return item.engineer;
+    case kRowProduct: return item.product;
     default: return {};
   }
 }

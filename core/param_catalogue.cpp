@@ -215,47 +215,57 @@ constexpr FxTypeRows kFxTypeRows = MakeFxTypeRows();
 constexpr ParameterRow kLfoM[] = {KV_LFO_ROWS(0, "M")};
 constexpr ParameterRow kEnvM[] = {KV_ENV_BLOCK(0, "M")};
 
+// Articulation rows: everything before the trigger block.
+constexpr int kArtRowCount = kRowTriggerType;
+
 constexpr bool IsLfoDepthRow(int i) {
-  return (i >= 3 && i <= 10) || (i >= 19 && i <= 22) || (i >= 29 && i <= 32) || i == 54;
+  return (i >= kRowPLfoToPitch && i <= kRowVelToXLfoPitch) || (i >= kRowVLfoToVolume && i <= kRowVelToVLfoVolume) ||
+         (i >= kRowFLfoToCutoff && i <= kRowVelToFLfoCutoff) || i == kRowXLfoToPan;
 }
-constexpr bool IsEnvDepthRow(int i) { return i == 11 || i == 12 || i == 33 || i == 34 || i == 55; }
+constexpr bool IsEnvDepthRow(int i) {
+  return i == kRowPEnvToPitch || i == kRowVelToPEnvPitch || i == kRowFEnvToCutoff || i == kRowVelToFEnvCutoff ||
+         i == kRowXEnvToPan;
+}
+constexpr bool IsLfoBlockRow(int i) { return i >= kRowPLfoShape && i <= kRowXLfoRamp; }
+// The envelopes that share one timing: P, F and X (the V-ENV stays its own).
+constexpr bool IsModEnvRow(int i) { return i >= kRowPEnvInitial && i < kArtRowCount; }
 
 constexpr const char* LfoDepthMName(int i) {
   switch (i) {
-    case 3: case 7: return "M-LFO to Pitch";
-    case 4: case 8: return "Mod wheel to M-LFO to Pitch";
-    case 5: case 9: return "Aftertouch to M-LFO to Pitch";
-    case 6: case 10: return "Velocity to M-LFO to Pitch";
-    case 19: return "M-LFO to Volume";
-    case 20: return "Mod wheel to M-LFO to Volume";
-    case 21: return "Aftertrouch to M-LFO to Volume";
-    case 22: return "Velocity to M-LFO to Volume";
-    case 29: return "M-LFO to Filter Cutoff";
-    case 30: return "Mod wheel to M-LFO to Filter Cutoff";
-    case 31: return "Aftertouch to M-LFO to Filter Cutoff";
-    case 32: return "Velocity to M-LFO to Filter Cutoff";
-    case 54: return "M-LFO to Pan position";
-    case 11: return "M-ENV to Pitch";
-    case 12: return "Velocity to M-ENV to Pitch";
-    case 33: return "M-ENV to Filter Cutoff";
-    case 34: return "Velocity to M-ENV to Filter Cutoff";
-    case 55: return "M-ENV to Pan position";
+    case kRowPLfoToPitch: case kRowXLfoToPitch: return "M-LFO to Pitch";
+    case kRowModWheelToPLfoPitch: case kRowModWheelToXLfoPitch: return "Mod wheel to M-LFO to Pitch";
+    case kRowAftertouchToPLfoPitch: case kRowAftertouchToXLfoPitch: return "Aftertouch to M-LFO to Pitch";
+    case kRowVelToPLfoPitch: case kRowVelToXLfoPitch: return "Velocity to M-LFO to Pitch";
+    case kRowVLfoToVolume: return "M-LFO to Volume";
+    case kRowModWheelToVLfoVolume: return "Mod wheel to M-LFO to Volume";
+    case kRowAftertouchToVLfoVolume: return "Aftertrouch to M-LFO to Volume";
+    case kRowVelToVLfoVolume: return "Velocity to M-LFO to Volume";
+    case kRowFLfoToCutoff: return "M-LFO to Filter Cutoff";
+    case kRowModWheelToFLfoCutoff: return "Mod wheel to M-LFO to Filter Cutoff";
+    case kRowAftertouchToFLfoCutoff: return "Aftertouch to M-LFO to Filter Cutoff";
+    case kRowVelToFLfoCutoff: return "Velocity to M-LFO to Filter Cutoff";
+    case kRowXLfoToPan: return "M-LFO to Pan position";
+    case kRowPEnvToPitch: return "M-ENV to Pitch";
+    case kRowVelToPEnvPitch: return "Velocity to M-ENV to Pitch";
+    case kRowFEnvToCutoff: return "M-ENV to Filter Cutoff";
+    case kRowVelToFEnvCutoff: return "Velocity to M-ENV to Filter Cutoff";
+    case kRowXEnvToPan: return "M-ENV to Pan position";
     default: return nullptr;
   }
 }
 
-using ArtRows = std::array<ParameterRow, 189>;
+using ArtRows = std::array<ParameterRow, kArtRowCount>;
 constexpr ArtRows MakeMRows() {
   ArtRows t{};
-  for (int i = 0; i < 189; ++i) {
+  for (int i = 0; i < kArtRowCount; ++i) {
     t[i] = kRows[i];
     if (const char* n = LfoDepthMName(i)) {
       t[i] = Renamed(kRows[i], n, kRows[i].help);
-    } else if (i >= 65 && i <= 80) {
-      const ParameterRow& m = kLfoM[(i - 65) % 4];
+    } else if (IsLfoBlockRow(i)) {
+      const ParameterRow& m = kLfoM[(i - kRowPLfoShape) % std::size(kLfoM)];
       t[i] = Renamed(kRows[i], m.name, m.help);
-    } else if (i >= 108) {
-      const ParameterRow& m = kEnvM[(i - 108) % 27];
+    } else if (IsModEnvRow(i)) {
+      const ParameterRow& m = kEnvM[(i - kRowPEnvInitial) % std::size(kEnvM)];
       t[i] = Renamed(kRows[i], m.name, m.help);
     }
   }
@@ -408,13 +418,14 @@ const ParameterRow* CatalogueRow(int index, int fxType) {
 }
 
 const ParameterRow* LookupRow(int index, uint64_t features, int fxType) {
-  if (index >= 0 && index < 189) {
-    if (!HasFeature(features, kFeatSeparateLfos) && (IsLfoDepthRow(index) || (index >= 65 && index <= 80))) {
+  if (index >= 0 && index < kArtRowCount) {
+    if (!HasFeature(features, kFeatSeparateLfos) && (IsLfoDepthRow(index) || IsLfoBlockRow(index))) {
       // With a pitch LFO of its own, the P-LFO keeps its name.
-      const bool pitchLfo = (index >= 3 && index <= 6) || (index >= 65 && index <= 68);
+      const bool pitchLfo = (index >= kRowPLfoToPitch && index <= kRowVelToPLfoPitch) ||
+                            (index >= kRowPLfoShape && index <= kRowPLfoRamp);
       if (!(pitchLfo && HasFeature(features, kFeatPitchModLfos))) return &kMRows[index];
     }
-    if (!HasFeature(features, kFeatSeparateEnvs) && (IsEnvDepthRow(index) || index >= 108))
+    if (!HasFeature(features, kFeatSeparateEnvs) && (IsEnvDepthRow(index) || IsModEnvRow(index)))
       return &kMRows[index];
     return &kRows[index];
   }

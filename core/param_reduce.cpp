@@ -101,8 +101,13 @@ double LfoStrength(const Articulation& a, int depthRow) {
   return s;
 }
 
-constexpr int kLfoFirstDepth[kLfoCount] = {3, 19, 29, 7};
-constexpr int kInvertRows[kLfoCount][4] = {{3, 4, 5, -1}, {19, 20, 21, -1}, {29, 30, 31, -1}, {54, 7, 8, 9}};
+constexpr int kLfoFirstDepth[kLfoCount] = {kRowPLfoToPitch, kRowVLfoToVolume, kRowFLfoToCutoff, kRowXLfoToPitch};
+// The depth rows whose sign an inverted shape turns round.
+constexpr int kInvertRows[kLfoCount][4] = {
+    {kRowPLfoToPitch, kRowModWheelToPLfoPitch, kRowAftertouchToPLfoPitch, -1},
+    {kRowVLfoToVolume, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume, -1},
+    {kRowFLfoToCutoff, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff, -1},
+    {kRowXLfoToPan, kRowXLfoToPitch, kRowModWheelToXLfoPitch, kRowAftertouchToXLfoPitch}};
 
 void ReduceLfos(Articulation& a, uint64_t f) {
   // 1. Inverted shapes become negated depths; shapes and ramps as allowed.
@@ -122,27 +127,32 @@ void ReduceLfos(Articulation& a, uint64_t f) {
     }
   }
   // 2. No modifiers of LFO depth.
-  if (!HasFeature(f, kFeatLfoModulators)) ClearTo(a, {4, 5, 6, 8, 9, 10, 20, 21, 22, 30, 31, 32}, 0);
+  if (!HasFeature(f, kFeatLfoModulators))
+    ClearTo(a,
+            {kRowModWheelToPLfoPitch, kRowAftertouchToPLfoPitch, kRowVelToPLfoPitch, kRowModWheelToXLfoPitch,
+             kRowAftertouchToXLfoPitch, kRowVelToXLfoPitch, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume,
+             kRowVelToVLfoVolume, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff, kRowVelToFLfoCutoff},
+            0);
 
   // 3. One LFO timing for all.
   if (HasFeature(f, kFeatSeparateLfos)) return;
   const bool keyPan = HasFeature(f, kFeatKeyToVolumePan);
-  if (!keyPan) a.Clear(54, 0);
+  if (!keyPan) a.Clear(kRowXLfoToPan, 0);
   auto strength = [&](int n) {
     double s = LfoStrength(a, kLfoFirstDepth[n]);
-    if (n == kLfoX && keyPan) s += 12.0 * std::fabs(a.value[54]);
+    if (n == kLfoX && keyPan) s += 12.0 * std::fabs(a.value[kRowXLfoToPan]);
     return s;
   };
   const bool pitchLfo = HasFeature(f, kFeatPitchModLfos);
   auto moveXToP = [&] {
-    if (pitchLfo || !(strength(kLfoX) > strength(kLfoP)) || LfoStrength(a, 7) == 0.0) return;
+    if (pitchLfo || !(strength(kLfoX) > strength(kLfoP)) || LfoStrength(a, kRowXLfoToPitch) == 0.0) return;
     // The P-LFO takes over the X-LFO's pitch modulation with its timing,
     // since the depths mean nothing at another rate.
     for (int o = 0; o < 4; ++o) {
-      CopyRow(a, 3 + o, 7 + o);
+      CopyRow(a, kRowPLfoToPitch + o, kRowXLfoToPitch + o);
       CopyRow(a, LfoRow(kLfoP, o), LfoRow(kLfoX, o));
     }
-    ClearTo(a, {7, 8, 9, 10}, 0);
+    ClearTo(a, {kRowXLfoToPitch, kRowModWheelToXLfoPitch, kRowAftertouchToXLfoPitch, kRowVelToXLfoPitch}, 0);
   };
   moveXToP();
   int winner = pitchLfo ? kLfoV : kLfoP;
@@ -240,9 +250,13 @@ void ReduceEnvelope(Articulation& a, int k, uint64_t f) {
 
 double EnvStrength(const Articulation& a, int k, bool keyPan) {
   switch (k) {
-    case kEnvP: return std::max(std::fabs(a.value[11]), std::fabs(a.value[11] + a.value[12]));
-    case kEnvF: return std::max(std::fabs(a.value[33]), std::fabs(a.value[33] + a.value[34]));
-    case kEnvX: return keyPan ? 12.0 * std::fabs(a.value[55]) : 0.0;
+    case kEnvP:
+      return std::max(std::fabs(a.value[kRowPEnvToPitch]),
+                      std::fabs(a.value[kRowPEnvToPitch] + a.value[kRowVelToPEnvPitch]));
+    case kEnvF:
+      return std::max(std::fabs(a.value[kRowFEnvToCutoff]),
+                      std::fabs(a.value[kRowFEnvToCutoff] + a.value[kRowVelToFEnvCutoff]));
+    case kEnvX: return keyPan ? 12.0 * std::fabs(a.value[kRowXEnvToPan]) : 0.0;
     default: return 0.0;
   }
 }
@@ -252,7 +266,7 @@ void ReduceModEnvelopes(Articulation& a, uint64_t f) {
   if (!HasFeature(f, kFeatModVolEnvs)) {
     for (int k : kModEnvs)
       for (int o = 0; o < kEnvRows; ++o) a.ResetValue(EnvRow(k, o));
-    ClearTo(a, {11, 12, 33, 34, 55}, 0);
+    ClearTo(a, {kRowPEnvToPitch, kRowVelToPEnvPitch, kRowFEnvToCutoff, kRowVelToFEnvCutoff, kRowXEnvToPan}, 0);
     return;
   }
   if (HasFeature(f, kFeatSeparateEnvs)) return;
@@ -442,33 +456,37 @@ bool SameEnvelopeShape(const EnvGroup& a, const EnvGroup& b) {
 void ReduceArticulation(Articulation& a, uint64_t f) {
   ReduceLfos(a, f);                                   // steps 1-3
   for (int k = 0; k < kEnvCount; ++k) ReduceEnvelope(a, k, f);  // step 4
-  if (!HasFeature(f, kFeatVelToModEnvDepth)) ClearTo(a, {12, 34}, 0);  // step 5
+  if (!HasFeature(f, kFeatVelToModEnvDepth)) ClearTo(a, {kRowVelToPEnvPitch, kRowVelToFEnvCutoff}, 0);  // step 5
   ReduceModEnvelopes(a, f);                           // step 6
 
   // 7. Pitch and volume modulation.
   if (!HasFeature(f, kFeatBendToPitch)) a.Clear(kRowBendToPitch, 2);
   if (!HasFeature(f, kFeatKeyToPitch)) a.Clear(kRowKeyToPitch, 1);
-  if (!HasFeature(f, kFeatRandomPitch)) a.Clear(13, 0);
-  if (!HasFeature(f, kFeatKeyToVolumePan)) a.Clear(16, 0);
-  if (!HasFeature(f, kFeatModToVolume)) ClearTo(a, {17, 18}, 0);
+  if (!HasFeature(f, kFeatRandomPitch)) a.Clear(kRowRandomPitch, 0);
+  if (!HasFeature(f, kFeatKeyToVolumePan)) a.Clear(kRowKeyToVolume, 0);
+  if (!HasFeature(f, kFeatModToVolume)) ClearTo(a, {kRowModWheelToVolume, kRowAftertouchToVolume}, 0);
 
   // 8. Filter.
   if (HasFeature(f, kFeatLowPassFilter)) {
     const int type = ValueAsInt(a.value[kRowFilterType]);
     if (!HasFeature(f, kFeatMoreFilterTypes) && type != 0 && type != 2) Put(a, kRowFilterType, 2);
-    if (!HasFeature(f, kFeatModToCutoff)) ClearTo(a, {27, 28}, 0);
-    if (!HasFeature(f, kFeatKeyVelToCutoff)) ClearTo(a, {25, 26}, 0);
+    if (!HasFeature(f, kFeatModToCutoff)) ClearTo(a, {kRowModWheelToCutoff, kRowAftertouchToCutoff}, 0);
+    if (!HasFeature(f, kFeatKeyVelToCutoff)) ClearTo(a, {kRowVelToCutoff, kRowKeyToCutoff}, 0);
   } else {
-    ClearTo(a, {23, 25, 26, 27, 28, 29, 30, 31, 32, 33, 34}, 0);
+    ClearTo(a, {kRowFilterType, kRowVelToCutoff, kRowKeyToCutoff, kRowModWheelToCutoff, kRowAftertouchToCutoff,
+                kRowFLfoToCutoff, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff, kRowVelToFLfoCutoff,
+                kRowFEnvToCutoff, kRowVelToFEnvCutoff},
+            0);
   }
 
   // 9. EQ.
   if (HasFeature(f, kFeatEq)) SortEqBands(a);
-  else ClearTo(a, {41, 45, 49}, 0);
+  else ClearTo(a, {kRowEq1Gain, kRowEq2Gain, kRowEq3Gain}, 0);
 
   // 10. Mixer.
-  if (!HasFeature(f, kFeatKeyToVolumePan)) ClearTo(a, {53, 54}, 0);
-  if (!HasFeature(f, kFeatChannelDepths)) ClearTo(a, {52, 58, 60, 62, 64}, 1);
+  if (!HasFeature(f, kFeatKeyToVolumePan)) ClearTo(a, {kRowKeyToPan, kRowXLfoToPan}, 0);
+  if (!HasFeature(f, kFeatChannelDepths))
+    ClearTo(a, {kRowCc10ToPan, kRowCc91ToSend1, kRowCc92ToSend2, kRowCc93ToSend3, kRowCc94ToSend4}, 1);
 }
 
 }  // namespace kv

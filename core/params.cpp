@@ -88,10 +88,10 @@ void SetLocation(Instrument& inst, int p, float v) {
   uint32_t program = LocationProgram(inst.location);
   bool drum = LocationIsDrum(inst.location);
   switch (p) {
-    case 225: drum = field != 0; break;
-    case 226: major = field; break;
-    case 227: minor = field; break;
-    case 228: program = field; break;
+    case kRowDrumKit: drum = field != 0; break;
+    case kRowBankMajor: major = field; break;
+    case kRowBankMinor: minor = field; break;
+    case kRowProgram: program = field; break;
     default: return;
   }
   inst.location = MakeLocation(major, minor, program, drum);
@@ -147,16 +147,16 @@ bool IsSet(const Region& r, int p) {
   if (IsArt(p)) return r.art.IsSet(p);
   if (IsTrigger(p)) return r.trigger.IsSet(p);
   switch (p) {
-    case 204: return r.overrideMask & kOverrideLoopType;
-    case 205: return r.overrideMask & kOverrideLoopRelease;
-    case 206: return r.overrideMask & kOverrideLoopStart;
-    case 207: return r.overrideMask & kOverrideLoopEnd;
-    case 208: return r.overrideMask & kOverrideLoopPitch;
-    case 220: return r.overrideMask & kOverrideRootKey;
-    case 221: return r.startOffset != 0;
-    case 222: return r.endOffset != 0;
-    case 223: return r.phaseGroup != 0;
-    case 224: return r.phaseMaster != 0;
+    case kRowLoopType: return r.overrideMask & kOverrideLoopType;
+    case kRowLoopRelease: return r.overrideMask & kOverrideLoopRelease;
+    case kRowLoopStart: return r.overrideMask & kOverrideLoopStart;
+    case kRowLoopEnd: return r.overrideMask & kOverrideLoopEnd;
+    case kRowLoopPitch: return r.overrideMask & kOverrideLoopPitch;
+    case kRowRootKeyOverride: return r.overrideMask & kOverrideRootKey;
+    case kRowStartOffset: return r.startOffset != 0;
+    case kRowEndOffset: return r.endOffset != 0;
+    case kRowPhaseGroup: return r.phaseGroup != 0;
+    case kRowPhaseMaster: return r.phaseMaster != 0;
     default: break;
   }
   if (IsWave(p)) {
@@ -171,16 +171,16 @@ float Get(const Region& r, int p) {
   if (IsArt(p)) return r.art.value[p];
   if (IsTrigger(p)) return r.trigger.Get(p);
   switch (p) {
-    case 204: return r.loopType;
-    case 205: return r.loopRelease;
-    case 206: return r.loopStart;
-    case 207: return r.loopEnd;
-    case 208: return r.loopPitch;
-    case 220: return r.rootKey;
-    case 221: return static_cast<float>(r.startOffset);
-    case 222: return static_cast<float>(r.endOffset);
-    case 223: return r.phaseGroup;
-    case 224: return r.phaseMaster;
+    case kRowLoopType: return r.loopType;
+    case kRowLoopRelease: return r.loopRelease;
+    case kRowLoopStart: return r.loopStart;
+    case kRowLoopEnd: return r.loopEnd;
+    case kRowLoopPitch: return r.loopPitch;
+    case kRowRootKeyOverride: return r.rootKey;
+    case kRowStartOffset: return static_cast<float>(r.startOffset);
+    case kRowEndOffset: return static_cast<float>(r.endOffset);
+    case kRowPhaseGroup: return r.phaseGroup;
+    case kRowPhaseMaster: return r.phaseMaster;
     default: break;
   }
   if (IsWave(p)) {
@@ -204,16 +204,16 @@ void Set(Region& r, int p, float v) {
   if (IsLoop(p) || IsOverride(p)) {
     const float x = Normalised(p, v);
     switch (p) {
-      case 204: r.loopType = static_cast<uint8_t>(Whole(x)); r.overrideMask |= kOverrideLoopType; break;
-      case 205: r.loopRelease = x != 0.0f; r.overrideMask |= kOverrideLoopRelease; break;
-      case 206: r.loopStart = x; r.overrideMask |= kOverrideLoopStart; break;
-      case 207: r.loopEnd = x; r.overrideMask |= kOverrideLoopEnd; break;
-      case 208: r.loopPitch = x; r.overrideMask |= kOverrideLoopPitch; break;
-      case 220: r.rootKey = static_cast<uint8_t>(Whole(x)); r.overrideMask |= kOverrideRootKey; break;
-      case 221: r.startOffset = static_cast<int32_t>(Whole(x)); break;
-      case 222: r.endOffset = static_cast<int32_t>(Whole(x)); break;
-      case 223: r.phaseGroup = static_cast<uint16_t>(Whole(x)); break;
-      case 224: r.phaseMaster = x != 0.0f; break;
+      case kRowLoopType: r.loopType = static_cast<uint8_t>(Whole(x)); r.overrideMask |= kOverrideLoopType; break;
+      case kRowLoopRelease: r.loopRelease = x != 0.0f; r.overrideMask |= kOverrideLoopRelease; break;
+      case kRowLoopStart: r.loopStart = x; r.overrideMask |= kOverrideLoopStart; break;
+      case kRowLoopEnd: r.loopEnd = x; r.overrideMask |= kOverrideLoopEnd; break;
+      case kRowLoopPitch: r.loopPitch = x; r.overrideMask |= kOverrideLoopPitch; break;
+      case kRowRootKeyOverride: r.rootKey = static_cast<uint8_t>(Whole(x)); r.overrideMask |= kOverrideRootKey; break;
+      case kRowStartOffset: r.startOffset = static_cast<int32_t>(Whole(x)); break;
+      case kRowEndOffset: r.endOffset = static_cast<int32_t>(Whole(x)); break;
+      case kRowPhaseGroup: r.phaseGroup = static_cast<uint16_t>(Whole(x)); break;
+      case kRowPhaseMaster: r.phaseMaster = x != 0.0f; break;
       default: break;
     }
     return;
@@ -240,16 +240,16 @@ void Reset(Region& r, int p) {
   // An override that is reset falls back to the waveform's own value.
   Waveform* w = RegionWaveform(r);
   switch (p) {
-    case 204: r.overrideMask &= ~kOverrideLoopType; r.loopType = w ? w->loopType : 0; return;
-    case 205: r.overrideMask &= ~kOverrideLoopRelease; r.loopRelease = w ? w->loopRelease : 0; return;
-    case 206: r.overrideMask &= ~kOverrideLoopStart; r.loopStart = w ? w->loopStart : 0.0f; return;
-    case 207: r.overrideMask &= ~kOverrideLoopEnd; r.loopEnd = w ? w->loopEnd : kLoopEndDefault; return;
-    case 208: r.overrideMask &= ~kOverrideLoopPitch; r.loopPitch = w ? w->loopPitch : 0.0f; return;
-    case 220: r.overrideMask &= ~kOverrideRootKey; r.rootKey = w ? w->rootKey : 60; return;
-    case 221: r.startOffset = 0; return;
-    case 222: r.endOffset = 0; return;
-    case 223: r.phaseGroup = 0; return;
-    case 224: r.phaseMaster = 0; return;
+    case kRowLoopType: r.overrideMask &= ~kOverrideLoopType; r.loopType = w ? w->loopType : 0; return;
+    case kRowLoopRelease: r.overrideMask &= ~kOverrideLoopRelease; r.loopRelease = w ? w->loopRelease : 0; return;
+    case kRowLoopStart: r.overrideMask &= ~kOverrideLoopStart; r.loopStart = w ? w->loopStart : 0.0f; return;
+    case kRowLoopEnd: r.overrideMask &= ~kOverrideLoopEnd; r.loopEnd = w ? w->loopEnd : kLoopEndDefault; return;
+    case kRowLoopPitch: r.overrideMask &= ~kOverrideLoopPitch; r.loopPitch = w ? w->loopPitch : 0.0f; return;
+    case kRowRootKeyOverride: r.overrideMask &= ~kOverrideRootKey; r.rootKey = w ? w->rootKey : 60; return;
+    case kRowStartOffset: r.startOffset = 0; return;
+    case kRowEndOffset: r.endOffset = 0; return;
+    case kRowPhaseGroup: r.phaseGroup = 0; return;
+    case kRowPhaseMaster: r.phaseMaster = 0; return;
     default: break;
   }
   if (IsWave(p)) {
@@ -315,10 +315,10 @@ bool IsSet(const Instrument& i, int p) {
 float Get(const Instrument& i, int p) {
   if (IsArt(p)) return i.art.value[p];
   switch (p) {
-    case 225: return LocationIsDrum(i.location) ? 1.0f : 0.0f;
-    case 226: return static_cast<float>(LocationMajorBank(i.location));
-    case 227: return static_cast<float>(LocationMinorBank(i.location));
-    case 228: return static_cast<float>(LocationProgram(i.location));
+    case kRowDrumKit: return LocationIsDrum(i.location) ? 1.0f : 0.0f;
+    case kRowBankMajor: return static_cast<float>(LocationMajorBank(i.location));
+    case kRowBankMinor: return static_cast<float>(LocationMinorBank(i.location));
+    case kRowProgram: return static_cast<float>(LocationProgram(i.location));
     default: break;
   }
   if (IsFx(p)) {
@@ -364,16 +364,16 @@ bool IsSet(const Waveform&, int p) { return IsLoop(p) || IsWave(p); }
 
 float Get(const Waveform& w, int p) {
   switch (p) {
-    case 204: return w.loopType;
-    case 205: return w.loopRelease;
-    case 206: return w.loopStart;
-    case 207: return w.loopEnd;
-    case 208: return w.loopPitch;
-    case 215: return static_cast<float>(w.sampleRate);
-    case 216: return w.rootKey;
-    case 217: return w.fineTune;
-    case 218: return w.volume;
-    case 219: return w.preferredFormat;
+    case kRowLoopType: return w.loopType;
+    case kRowLoopRelease: return w.loopRelease;
+    case kRowLoopStart: return w.loopStart;
+    case kRowLoopEnd: return w.loopEnd;
+    case kRowLoopPitch: return w.loopPitch;
+    case kRowSampleRate: return static_cast<float>(w.sampleRate);
+    case kRowWaveRootKey: return w.rootKey;
+    case kRowWaveFineTune: return w.fineTune;
+    case kRowWaveVolume: return w.volume;
+    case kRowPreferredFormat: return w.preferredFormat;
     default: return 0.0f;
   }
 }
@@ -382,32 +382,32 @@ void Set(Waveform& w, int p, float v) {
   if (!IsLoop(p) && !IsWave(p)) return;
   const float x = Normalised(p, v);
   switch (p) {
-    case 204: w.loopType = static_cast<uint8_t>(Whole(x)); break;
-    case 205: w.loopRelease = x != 0.0f; break;
-    case 206: w.loopStart = x; break;
-    case 207: w.loopEnd = x; break;
-    case 208: w.loopPitch = x; break;
-    case 215: w.sampleRate = static_cast<uint32_t>(Whole(x)); break;
-    case 216: w.rootKey = static_cast<uint8_t>(Whole(x)); break;
-    case 217: w.fineTune = static_cast<int8_t>(Whole(x)); break;
-    case 218: w.volume = x; break;
-    case 219: w.preferredFormat = static_cast<uint8_t>(Whole(x)); break;
+    case kRowLoopType: w.loopType = static_cast<uint8_t>(Whole(x)); break;
+    case kRowLoopRelease: w.loopRelease = x != 0.0f; break;
+    case kRowLoopStart: w.loopStart = x; break;
+    case kRowLoopEnd: w.loopEnd = x; break;
+    case kRowLoopPitch: w.loopPitch = x; break;
+    case kRowSampleRate: w.sampleRate = static_cast<uint32_t>(Whole(x)); break;
+    case kRowWaveRootKey: w.rootKey = static_cast<uint8_t>(Whole(x)); break;
+    case kRowWaveFineTune: w.fineTune = static_cast<int8_t>(Whole(x)); break;
+    case kRowWaveVolume: w.volume = x; break;
+    case kRowPreferredFormat: w.preferredFormat = static_cast<uint8_t>(Whole(x)); break;
     default: break;
   }
 }
 
 void Reset(Waveform& w, int p) {
   switch (p) {
-    case 204: w.loopType = 0; break;
-    case 205: w.loopRelease = 0; break;
-    case 206: w.loopStart = 0.0f; break;
-    case 207: w.loopEnd = static_cast<float>(w.length); break;
-    case 208: w.loopPitch = 0.0f; break;
-    case 215: w.sampleRate = 22050; break;
-    case 216: w.rootKey = 60; break;
-    case 217: w.fineTune = 0; break;
-    case 218: w.volume = 0.0f; break;
-    case 219: w.preferredFormat = 21; break;
+    case kRowLoopType: w.loopType = 0; break;
+    case kRowLoopRelease: w.loopRelease = 0; break;
+    case kRowLoopStart: w.loopStart = 0.0f; break;
+    case kRowLoopEnd: w.loopEnd = static_cast<float>(w.length); break;
+    case kRowLoopPitch: w.loopPitch = 0.0f; break;
+    case kRowSampleRate: w.sampleRate = 22050; break;
+    case kRowWaveRootKey: w.rootKey = 60; break;
+    case kRowWaveFineTune: w.fineTune = 0; break;
+    case kRowWaveVolume: w.volume = 0.0f; break;
+    case kRowPreferredFormat: w.preferredFormat = 21; break;
     default: break;
   }
 }

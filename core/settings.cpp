@@ -422,7 +422,8 @@ bool VersionLess(std::string_view a, std::string_view b) {
 void ApplyFallbacks(SettingsStore& s) {
   if (s.app.iPaneSplitL <= 16) s.app.iPaneSplitL = 221;
   if (s.mid2wav.wszGMBank.empty()) s.mid2wav.wszGMBank = DefaultGmBankPath();
-  // Settings carried over from the Windows build name the same device.
+  // "Windows default" in a settings file copied from another machine means
+  // the system's default device too.
   for (std::string* device : {&s.aio.szAudioOutDev, &s.aio.szAudioInDev}) {
     if (*device == "Windows default") *device = "System default";
   }

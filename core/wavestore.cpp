@@ -299,9 +299,9 @@ bool gen_ImpWave(Waveform& wave, FileRef& file) {
 
   // A header may claim far more than the file holds; never allocate for that.
   const uint64_t position = file.Tell();
-  const bool split = sequential && wave.secondPartOffset != 0;
+  const bool split = sequential && wave.secondChannelOffset != 0;
   const uint64_t firstPart = split ? bytes / 2 : bytes;
-  if (firstPart > BytesFrom(file, position) || (split && bytes - firstPart > BytesFrom(file, wave.secondPartOffset))) {
+  if (firstPart > BytesFrom(file, position) || (split && bytes - firstPart > BytesFrom(file, wave.secondChannelOffset))) {
     return Fail(kContext, "Reading from file failed");
   }
 
@@ -329,7 +329,7 @@ bool gen_ImpWave(Waveform& wave, FileRef& file) {
 
   bool ok;
   if (split) {
-    ok = ReadBlocks(file, raw, firstPart) && file.Seek(wave.secondPartOffset) &&
+    ok = ReadBlocks(file, raw, firstPart) && file.Seek(wave.secondChannelOffset) &&
          ReadBlocks(file, raw + firstPart, bytes - firstPart);
   } else {
     ok = ReadBlocks(file, raw, bytes);

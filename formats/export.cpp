@@ -301,24 +301,6 @@ bool ExportItem(Item* item, int row, const fs::path& path, ExportRequest request
 
 // ---------------------------------------------------------------- SaveFile
 
-namespace {
-uint64_t g_batchNumber = 0;
-int g_batchDepth = 0;
-}  // namespace
-
-// Nested batches (SaveFile inside SaveAll) share the outer one's number.
-ExportBatch::ExportBatch() {
-  if (g_batchDepth++ == 0) ++g_batchNumber;
-}
-ExportBatch::~ExportBatch() { --g_batchDepth; }
-uint64_t ExportBatch::Current() { return g_batchDepth > 0 ? g_batchNumber : 0; }
-
-namespace {
-bool g_hardLinkShared = false;
-}  // namespace
-void SetHardLinkSharedFiles(bool allow) { g_hardLinkShared = allow; }
-bool HardLinkSharedFiles() { return g_hardLinkShared; }
-
 bool SaveFile(Item* item, const fs::path& path, int row, ExportRequest request, bool report) {
   const ExportBatch batch;
   if (report) StatusText("Saving...");
@@ -412,25 +394,6 @@ int SaveClass(const Item* item) {
     case ItemType::Collection: return 3;
     default: return 1;
   }
-}
-
-std::string SafeFileName(std::string_view name) {
-  std::string out;
-  for (char ch : name) {
-    if (out.size() >= 255) break;
-    if (ch == '"') {
-      out += '\'';
-      continue;
-    }
-    if (std::string_view("*./:<>?\\").find(ch) != std::string_view::npos || ch == 127) {
-      if (!out.empty()) out += '_';
-      continue;
-    }
-    out += ch;
-  }
-  // Never split a UTF-8 character at the limit.
-  while (!out.empty() && (static_cast<unsigned char>(out.back()) & 0xC0) == 0x80 && out.size() >= 255) out.pop_back();
-  return out;
 }
 
 bool ChooseSaveTarget(const Item* item, const fs::path& typed, int chosenRow, const ExportRequest& chosenRequest,

@@ -34,35 +34,12 @@ void ReleaseAdaptedWave(const Waveform& original, Waveform* adapted);
 // the recent lists take the path.
 bool SaveFile(Item* item, const std::filesystem::path& path, int row, ExportRequest request, bool report);
 
-// Saves that belong together: a SaveAll and everything it writes, or one
-// SaveFile on its own. Writers of external files use the number to skip a
-// file that the same batch has already written with the same content.
-class ExportBatch {
- public:
-  ExportBatch();
-  ~ExportBatch();
-  ExportBatch(const ExportBatch&) = delete;
-  ExportBatch& operator=(const ExportBatch&) = delete;
-  // The batch under way, or 0 outside any.
-  static uint64_t Current();
-};
-
-// Whether a file that several outputs of one batch share (a wave that each
-// SFZ keeps in its own folder) may become hard links to one file where the
-// file system can't clone it. Off by default: a linked file edited in place
-// changes in every folder.
-void SetHardLinkSharedFiles(bool allow);
-bool HardLinkSharedFiles();
-
 // ---- choosing the target, without a dialog ----
 
 // Type flags a row must hold to take the item; every row fits no item.
 uint8_t SaveTypeMask(const Item* item);
 // Index into app.aiLastExp: 0 waveform, 1 instrument, 2 song, 3 collection, 4 none.
 int SaveClass(const Item* item);
-// The item's name as a file name: '"' becomes "'", * . / : < > ? \ and DEL
-// are dropped at the start and become "_" elsewhere; 255 bytes at most.
-std::string SafeFileName(std::string_view name);
 
 struct SaveTarget {
   std::filesystem::path path;

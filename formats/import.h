@@ -1,6 +1,8 @@
-// The import pipeline: one route from a path to a consistent Collection
-// (open, detect, clear, the row's read function, FixUpItems), plus merging a
-// file into what is loaded and replacing waveforms by name.
+// The import route: one way from a path to a consistent Collection (open,
+// detect, clear, the row's read function, the fix-up of core/fixup.h), plus
+// merging a file into what is loaded and replacing waveforms by name. The
+// fix-up and the readers' hand-overs are core's; what modules see of an
+// import under way is in formats/modules/module.h.
 #pragma once
 
 #include <cstddef>
@@ -8,6 +10,8 @@
 #include <filesystem>
 
 #include "core/items.h"
+#include "core/fixup.h"
+#include "formats/modules/raw.h"
 #include "formats/registry.h"
 
 namespace kv {
@@ -38,49 +42,9 @@ void ReplaceWaveData(Waveform& target, Waveform& source);
 // Waves replaced since the last call; the counter goes back to 0.
 int TakeReplacedCount();
 
-// Row 0: any file as raw 8-bit signed mono at 44100 Hz, after asking whether
-// to (with boxes off the answer is "Allways OK").
-bool raw_Imp(Collection& collection, FileRef& file, uint32_t parameter);
-// The raw row's two process-wide answers, back to their start (asking on).
-void ResetRawImportQuestion();
-
-// The folder of the file being imported, while a read function runs; empty
-// otherwise. Modules resolve referenced files (sample files of a text
-// instrument format) against it instead of the process's working directory.
-const std::filesystem::path& CurrentImportFolder();
-// `name` as stored in a file, resolved against CurrentImportFolder() unless
-// it is absolute.
-std::filesystem::path ResolveImportPath(const std::filesystem::path& name);
-
-// Removal bits are 1 << ItemType; an import passes 0xFF, an export the types
-// below the saved item's own. `loadOptions` applies the load settings.
-void FixUpItems(Collection& collection, uint8_t removal, bool loadOptions);
-
-// For readers of large banks, to be called while their read function runs.
-// ExpectItems tells about how many items the reader is about to make;
-// InstrumentDone hands over an instrument whose layers and regions are
-// complete and that the reader won't touch again. While it reads on, the
-// fix-up settles such trees on the machine's other cores. Outside a load, or
-// for a collection other than the one loading, both do nothing.
-void ExpectItems(Collection& collection, std::size_t count);
-void InstrumentDone(Collection& collection, Instrument& instrument);
-
-// A large collection whose instruments share no layers or regions has its
-// instrument trees fixed up side by side on the machine's cores. Turned off,
-// every item goes one by one; the results are the same either way.
-void SetSideBySideFixUp(bool enabled);
-
-// The same normalising and removal for one item's own tree (an instrument
-// with its layers and regions, and the waveforms it plays) when only that
-// item is about to be written: a save of one instrument needn't walk the
-// whole collection. A collection goes through FixUpItems.
-void FixUpItemTree(Item& root, uint8_t removal);
-
-// Sort modes the load options ask of the views: the collection tree's (1
-// after a load with load.bAutoSortColl) and the waveform list's (2 with
-// load.bAutoSortWaves); 0 until a load sets them. The views read them.
-int& CollectionSortMode();
-int& WaveformSortMode();
+// The reader ImportFile would pick for a sample file by its name: the look-up
+// behind FindSampleReader, installed when this library is linked in.
+SampleReader RegistrySampleReader(const std::filesystem::path& path);
 
 // ---- row functions ----
 

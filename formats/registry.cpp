@@ -882,67 +882,6 @@ bool RateText(int index, int rateIndex, char* out) {
   return row->rate(rateIndex, row->parameter, out) > 0.0f;
 }
 
-// ---- choice of encoding ----
-
-namespace {
-
-int LowestBit(uint32_t bits) {
-  for (int b = 0; b < 20; ++b)
-    if (bits & (1u << b)) return b;
-  return kDataFormatNone;
-}
-
-// Snaps a rate to the row's list: the first entry not below it, else the
-// last entry. A list whose first entry is 0 takes any rate.
-float SnapRate(const DataFormatChoice& choice, float target) {
-  if (target <= 0.0f) target = 256.0f;
-  if (!choice.rateFn) return target;
-  float last = choice.rateFn(0, choice.parameter, nullptr);
-  if (last == 0.0f) return target;
-  for (int i = 0; i < 1024; ++i) {  // bounded: a broken list can't hang us
-    const float r = i == 0 ? last : choice.rateFn(i, choice.parameter, nullptr);
-    if (r <= 0.0f) break;
-    if (r >= target) return r;
-    last = r;
-  }
-  return last;
-}
-
-}  // namespace
-
-int ChooseDataFormat(const DataFormatChoice& choice, float& rate) {
-  rate = 0.0f;
-  const uint32_t allowed = choice.request & kCapFormatMask;
-  const int own = choice.own;
-  const bool ownAllowed = own >= 0 && own < 20 && (allowed & (1u << own));
-
-  int result = kDataFormatNone;
-  float target = choice.wantedRate;
-  if (ownAllowed && (own != kDataFormatCompressed || choice.wantedRate == 0.0f || choice.wantedRate == choice.ownRate)) {
-    result = own;
-    target = choice.ownRate;
-  } else if (allowed != 0 && (allowed & (allowed - 1)) == 0) {
-    result = LowestBit(allowed);
-  } else if (allowed & 0xFFu) {
-    // The next better PCM or float above the wave's own, else PCM 16-bit.
-    if (own >= 0 && own < 7)
-      for (int b = own + 1; b <= 7 && result == kDataFormatNone; ++b)
-        if (allowed & (1u << b)) result = b;
-    if (result == kDataFormatNone && (allowed & (1u << 2))) result = 2;
-  } else if ((allowed & (1u << 16)) && own == 2) {
-    result = 16;
-  } else if ((allowed & (1u << 15)) && own == 0) {
-    result = 15;
-  } else if (allowed & kCapCompressed) {
-    result = kDataFormatCompressed;
-    target = 256.0f;
-  } else {
-    result = LowestBit(allowed);
-  }
-  if (result == kDataFormatCompressed) rate = SnapRate(choice, target);
-  return result;
-}
-
 // ---- automatic choices of the export dialog ----
 
 namespace {
@@ -988,7 +927,7 @@ int DefaultDataFormat(int index, Item& item, std::string& text) {
   if (lone) format = ChooseDataFormat(ChoiceFor(*row, *lone), rate);
   const uint32_t bits = row->capabilities & kCapFormatMask;
   if (format == kDataFormatNone && bits != 0 && (bits & (bits - 1)) == 0) {
-    format = LowestBit(bits);
+    format = LowestDataFormat(bits);
   } else if (format == kDataFormatNone && !lone) {
     const ItemSet set(item, true);
     for (std::size_t i = 0; i < set.waveforms.size(); ++i) {

@@ -10,41 +10,13 @@
 #include <string>
 #include <string_view>
 
+#include "formats/modules/module.h"
+
 namespace kv {
 
 class Collection;
 class Item;
 class FileRef;
-
-// What an export asks of a writer. `request` has the layout of the capability
-// word (0: "Auto", each item keeps what suits it); `parameter` is the row's;
-// `rate` is kbit/s for compressed data, 0 for "not set".
-struct ExportRequest {
-  uint32_t request = 0;
-  uint32_t parameter = 0;
-  float rate = 0.0f;
-};
-
-using FormatReadFn = bool (*)(Collection&, FileRef&, uint32_t parameter);
-using FormatWriteFn = bool (*)(Item&, FileRef&, ExportRequest&);
-// Scores the first `size` bytes (at most 32768) of a file of `fileSize` bytes:
-// 0 not this format, 2 nothing against it, 4 a good signature, 6 certain.
-// Pure: no allocation, no file access, never reads past `size`.
-using FormatDetectFn = int (*)(const uint8_t* data, uint32_t parameter, uint32_t size, uint64_t fileSize);
-// Entry `index` of the row's rate list in kbit/s, filling `text` (64 bytes
-// or more) when not null; 0: no list; negative: the end of the list.
-using FormatRateFn = float (*)(int index, uint32_t parameter, char* text);
-
-// Capability word: bit n = can write DataFormat n (0-19), then channels.
-inline constexpr uint32_t kCapFormatMask = 0x000FFFFFu;
-inline constexpr uint32_t kCapCompressed = 1u << 17;
-inline constexpr uint32_t kCapText = 1u << 18;
-inline constexpr uint32_t kCapMidi = 1u << 19;
-inline constexpr uint32_t kCapMono = 1u << 20;
-inline constexpr uint32_t kCapStereo = 1u << 21;
-
-inline constexpr int kDataFormatCompressed = 17;
-inline constexpr int kDataFormatNone = 20;  // "none" or "mixed"
 
 // What a format has by design, whether or not its module is built yet.
 enum : uint8_t {
@@ -119,21 +91,6 @@ bool SystemFileTypeName(std::string_view dotExtension, std::string& name);
 // Calls the row's rate function; true if the rate is above 0. `out` takes the
 // display text (64 bytes or more).
 bool RateText(int index, int rateIndex, char* out);
-
-// ---- choice of encoding ----
-
-// What ChooseDataFormat needs of a wave and a request, without the items.
-struct DataFormatChoice {
-  int own = kDataFormatNone;  // DataFormat of the wave's preferred format
-  float ownRate = 0.0f;       // kbit/s when own is compressed
-  uint32_t request = 0;       // allowed DataFormat bits (0-19 used)
-  uint32_t parameter = 0;     // handed to the rate function
-  float wantedRate = 0.0f;    // kbit/s, 0: not set
-  FormatRateFn rateFn = nullptr;
-};
-// The DataFormat a wave goes out in, with its rate (kbit/s) for compressed
-// results and 0 otherwise. 20 when nothing fits.
-int ChooseDataFormat(const DataFormatChoice& choice, float& rate);
 
 // What an export on automatic would use for `item` on row `index`.
 // Channels: 1 or 2, 0 when the waves disagree, there are none, or the row

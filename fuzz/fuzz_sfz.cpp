@@ -21,6 +21,8 @@ namespace fs = std::filesystem;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   kv::MessageBoxesEnabled = 0;
   kv::SetSkippedBoxesQuiet(true);
+  // Sample files an input names are opened as the import route would.
+  kv::SetSampleReaderLookup(&kv::RegistrySampleReader);
   static const fs::path folder = [] {
     std::string pattern = (fs::temp_directory_path() / "kelvo-fuzz-sfz-XXXXXX").string();
     const char* made = ::mkdtemp(pattern.data());

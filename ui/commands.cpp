@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 #include <system_error>
+#include <unordered_set>
 
 #include "core/app.h"
 #include "core/error.h"
@@ -206,21 +207,21 @@ Item* CloneSelected(Item& item) {
 
 int AutocreateInstruments(Collection& c) {
   std::vector<Waveform*> waves = c.All<Waveform>();
-  for (Waveform* w : waves) w->scratch = 0;
+  std::unordered_set<ItemId> used;
   for (Instrument* inst : c.All<Instrument>())
     for (ItemId layerId : inst->children)
       if (auto* layer = c.FindAs<Layer>(layerId))
         for (ItemId regionId : layer->children)
           if (auto* region = c.FindAs<Region>(regionId))
-            if (Waveform* w = RegionWaveform(*region)) ++w->scratch;
-  bool anyUnused = std::any_of(waves.begin(), waves.end(), [](Waveform* w) { return w->scratch == 0; });
+            if (Waveform* w = RegionWaveform(*region)) used.insert(w->id);
+  std::erase_if(waves, [&](Waveform* w) { return used.count(w->id) != 0; });
+  const bool anyUnused = !waves.empty();
   if (!anyUnused) {
     MessageBox("No unused waveforms found!\n\nNo new instrument created.", "Autocreate instruments");
     return 0;
   }
   int made = 0;
   for (Waveform* w : waves) {
-    if (w->scratch != 0) continue;
     uint32_t location = FirstFreeLocation(c);
     auto* inst = Create<Instrument>(c, w->name);
     inst->location = location;

@@ -236,7 +236,8 @@ int RunDriver(std::vector<std::string> args) {
   }
 
   for (const std::string& p : positional) {
-    // A data file with ".exe" in its path is skipped, as the program always has.
+    // Anything with ".exe" in its path is a program, not data: a desktop launcher
+    // may hand one over as the first argument.
     if (p.find(".exe") != std::string::npos) {
       std::fprintf(stderr, "Ignored: %s\n", p.c_str());
       continue;

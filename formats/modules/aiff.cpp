@@ -15,7 +15,7 @@
 #include "formats/detect_bytes.h"
 #include "formats/modules/wav.h"
 #include "formats/modules/wav_cursor.h"
-#include "formats/registry.h"
+#include "formats/modules/module.h"
 
 namespace kv {
 
@@ -330,7 +330,7 @@ bool aiff_Imp(Collection& collection, FileRef& file, uint32_t) {
     w->readCallback = aiff_ImpWave;
     w->sourceFormat = 0;
     w->bits = static_cast<uint8_t>(st.bits);
-    w->secondPartOffset = st.typeOffset;
+    w->codingChunkOffset = st.typeOffset;
     if (st.bits < 8) w->preferredFormat = 7;
   }
   w->length = static_cast<uint32_t>(frames);
@@ -340,7 +340,7 @@ bool aiff_Imp(Collection& collection, FileRef& file, uint32_t) {
 bool aiff_ImpWave(Waveform& wave, FileRef& file) {
   ByteCursor cur(file);
   char type[5];
-  if (wave.secondPartOffset == 0 || !cur.Seek(wave.secondPartOffset) || !cur.FourCC(type))
+  if (wave.codingChunkOffset == 0 || !cur.Seek(wave.codingChunkOffset) || !cur.FourCC(type))
     return Fail(kImpWave, "Reading from file failed");
   static constexpr struct {
     const char* type;

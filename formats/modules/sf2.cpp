@@ -22,7 +22,7 @@
 #include "core/samplecodec.h"
 #include "core/text.h"
 #include "core/wavestore.h"
-#include "formats/import.h"
+#include "core/fixup.h"
 #include "formats/modules/sf2_format.h"
 
 namespace kv {
@@ -276,13 +276,13 @@ bool sf2_ImpWave24(Waveform& wave, FileRef& file) {
   if (count == 0) return Fail(kContext, "Zero length");
   const uint64_t size = file.Size();
   const uint64_t at = file.Tell();
-  if (at > size || count * 2 > size - at || wave.secondPartOffset > size || count > size - wave.secondPartOffset) {
+  if (at > size || count * 2 > size - at || wave.lowBytesOffset > size || count > size - wave.lowBytesOffset) {
     return Fail(kContext, "Reading from file failed");
   }
   auto high = TryAllocArray<uint8_t>(count * 2);
   auto low = TryAllocArray<uint8_t>(count);
   if (!high || !low) return Fail(kContext, "Out of memory");
-  if (!file.ReadExact(high.get(), count * 2) || !ReadAt(file, wave.secondPartOffset, low.get(), count)) {
+  if (!file.ReadExact(high.get(), count * 2) || !ReadAt(file, wave.lowBytesOffset, low.get(), count)) {
     return Fail(kContext, "Reading from file failed");
   }
   float* out = AllocSamplesFloat(wave);
@@ -300,8 +300,8 @@ bool sf2_ImpWaveOgg(Waveform& wave, FileRef& file) {
   static constexpr const char* kContext = "sf2_ImpWave";
   const uint64_t size = file.Size();
   const uint64_t at = file.Tell();
-  if (wave.secondPartOffset <= at || wave.secondPartOffset > size) return Fail(kContext, "Reading from file failed");
-  std::vector<uint8_t> block(static_cast<std::size_t>(wave.secondPartOffset - at));
+  if (wave.dataEnd <= at || wave.dataEnd > size) return Fail(kContext, "Reading from file failed");
+  std::vector<uint8_t> block(static_cast<std::size_t>(wave.dataEnd - at));
   if (!file.ReadExact(block.data(), block.size())) return Fail(kContext, "Reading from file failed");
   OggDecoded decoded;
   if (!kvOggDecHelper(block, decoded)) return false;
@@ -335,12 +335,12 @@ void ProbeOgg(FileRef& file, uint64_t offset, uint64_t length, Waveform& wave) {
   wave.sampleRate = rate;
 }
 
-void SetRange(Item& item, int loParam, uint16_t range) {
+void SetRange(Item& item, int loParam, int hiParam, uint16_t range) {
   if (range == kNoRange) return;
   const int lo = range & 0xFF, hi = range >> 8;
   if (lo > 127 || hi > 127) return;
   item.SetParam(loParam, static_cast<float>(std::min(lo, hi)));
-  item.SetParam(loParam + 1, static_cast<float>(std::max(lo, hi)));
+  item.SetParam(hiParam, static_cast<float>(std::max(lo, hi)));
 }
 
 // Two neighbouring layers that play the two sides of stereo samples get a
@@ -365,9 +365,9 @@ void MarkStereoPairs(Collection& c, Instrument& instrument, const std::vector<Sa
     return -1;
   };
   auto pan = [&](const Region& r, const Layer& l) {
-    if (r.art.IsSet(51)) return r.art.value[51];
-    if (l.art.IsSet(51)) return l.art.value[51];
-    return instrument.art.value[51];
+    if (r.art.IsSet(kRowPan)) return r.art.value[kRowPan];
+    if (l.art.IsSet(kRowPan)) return l.art.value[kRowPan];
+    return instrument.art.value[kRowPan];
   };
   for (std::size_t i = 0; i + 1 < layers.size(); ++i) {
     auto a = regionsOf(*layers[i]);
@@ -383,9 +383,9 @@ void MarkStereoPairs(Collection& c, Instrument& instrument, const std::vector<Sa
     if (!pair) continue;
     for (std::size_t k = 0; k < a.size(); ++k) {
       const uint16_t group = nextGroup++;
-      a[k]->SetParam(223, group);
-      b[k]->SetParam(223, group);
-      (pan(*a[k], *layers[i]) < 0 ? a[k] : b[k])->SetParam(224, 1);
+      a[k]->SetParam(kRowPhaseGroup, group);
+      b[k]->SetParam(kRowPhaseGroup, group);
+      (pan(*a[k], *layers[i]) < 0 ? a[k] : b[k])->SetParam(kRowPhaseMaster, 1);
     }
     ++i;
   }
@@ -530,7 +530,8 @@ void TakeRomSamples(const std::filesystem::path& bankPath, std::span<SampleInfo>
       if (!src->readCallback || !EqualsNoCase(src->Name(), w->Name())) continue;
       w->sourcePath = src->sourcePath;
       w->fileOffset = src->fileOffset;
-      w->secondPartOffset = src->secondPartOffset;
+      w->lowBytesOffset = src->lowBytesOffset;
+      w->dataEnd = src->dataEnd;
       w->length = src->length;
       w->sourceFormat = src->sourceFormat;
       w->readCallback = src->readCallback;
@@ -610,7 +611,7 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
       if (start >= bank.smpl.size || stop < start) continue;
       const uint64_t length = std::min<uint64_t>(uint64_t{stop} - start + 1, bank.smpl.size - start);
       w->fileOffset = bank.smpl.offset + start;
-      w->secondPartOffset = w->fileOffset + length;
+      w->dataEnd = w->fileOffset + length;
       ProbeOgg(file, w->fileOffset, length, *w);
       w->readCallback = sf2_ImpWaveOgg;
       w->bits = 16;
@@ -631,7 +632,7 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
     if (has24 && last <= bank.sm24.size) {
       SetGenericFormat(*w, kPcm24);
       w->readCallback = sf2_ImpWave24;
-      w->secondPartOffset = bank.sm24.offset + start;
+      w->lowBytesOffset = bank.sm24.offset + start;
     } else {
       SetGenericFormat(*w, kPcm16);
     }
@@ -726,8 +727,8 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
       const ZoneValues* pL = &pz.values;
 
       Layer* first = AddLayer(*instrument);
-      SetRange(*first, 190, pz.keyRange);
-      SetRange(*first, 192, pz.velRange);
+      SetRange(*first, kRowLoKey, kRowHiKey, pz.keyRange);
+      SetRange(*first, kRowLoVel, kRowHiVel, pz.velRange);
       GensToArticulation(SumZones(iG, nullptr, pG, pL), Union(iG ? *iG : ZoneValues{}, *pL), false, sends, first->art);
       LayerStack stack(*instrument, *first);
 
@@ -747,29 +748,34 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
         Layer* layer = &stack.For(keys, vels);
         const int root = instValue(kOverridingRootKey);
         Region* region = AddRegion(*layer, wave->id, kNoRange, kNoRange, root >= 0 && root <= 127 ? root : 255);
-        SetRange(*region, 190, keys);
-        SetRange(*region, 192, vels);
+        SetRange(*region, kRowLoKey, kRowHiKey, keys);
+        SetRange(*region, kRowLoVel, kRowHiVel, vels);
         const ZoneValues sum = SumZones(iG, iL, pG, pL);
         GensToArticulation(sum, *iL, false, sends, region->art);
         FoldTuningIntoRoot(sum, *region, root >= 0 && root <= 127 ? root : wave->rootKey);
 
-        if (const int group = instValue(kExclusiveClass); group > 0) region->SetParam(202, static_cast<float>(group));
+        if (const int group = instValue(kExclusiveClass); group > 0) {
+          region->SetParam(kRowExclusionGroup, static_cast<float>(group));
+        }
         const int64_t startOffset = instValue(kStartAddrsOffset) + 32768LL * instValue(kStartAddrsCoarse);
         const int64_t endOffset = instValue(kEndAddrsOffset) + 32768LL * instValue(kEndAddrsCoarse);
-        if (startOffset) region->SetParam(221, static_cast<float>(startOffset));
-        if (endOffset) region->SetParam(222, static_cast<float>(endOffset));
+        if (startOffset) region->SetParam(kRowStartOffset, static_cast<float>(startOffset));
+        if (endOffset) region->SetParam(kRowEndOffset, static_cast<float>(endOffset));
         const int64_t loopStartOffset = instValue(kStartloopAddrsOffset) + 32768LL * instValue(kStartloopAddrsCoarse);
         const int64_t loopEndOffset = instValue(kEndloopAddrsOffset) + 32768LL * instValue(kEndloopAddrsCoarse);
         if (loopStartOffset || loopEndOffset) {
-          region->SetParam(206, std::max(0.0f, wave->loopStart + loopStartOffset));
-          region->SetParam(207, std::max(0.0f, std::min(wave->loopEnd, static_cast<float>(wave->length)) + loopEndOffset));
+          region->SetParam(kRowLoopStart, std::max(0.0f, wave->loopStart + loopStartOffset));
+          region->SetParam(kRowLoopEnd,
+                           std::max(0.0f, std::min(wave->loopEnd, static_cast<float>(wave->length)) + loopEndOffset));
         }
         // Without a sample mode the standard plays no loop, whatever the
         // sample header says.
         const int mode = instValue(kSampleModes);
         const int loopType = (mode == 1 || mode == 3) ? 1 : 0;
-        if (instHas(kSampleModes) || loopType != wave->loopType) region->SetParam(204, static_cast<float>(loopType));
-        if (mode == 3) region->SetParam(205, 1);
+        if (instHas(kSampleModes) || loopType != wave->loopType) {
+          region->SetParam(kRowLoopType, static_cast<float>(loopType));
+        }
+        if (mode == 3) region->SetParam(kRowLoopRelease, 1);
 
         if (info.unpitched) {
           const float keyToPitch = region->art.IsSet(kRowKeyToPitch)  ? region->art.value[kRowKeyToPitch]

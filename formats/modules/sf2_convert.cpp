@@ -7,13 +7,23 @@
 
 #include "core/articulation.h"
 #include "core/param_catalogue.h"
+#include "core/units.h"
 #include "formats/modules/sf2_format.h"
 
 namespace kv::sf2 {
 
 namespace {
 
-constexpr double kLn2 = 0.69314718055994530942;
+// dB per step of the initial attenuation and of the modulators onto it. The
+// standard says centibels, but players take a step as 0.04 dB, as the
+// hardware did, and banks are voiced for that.
+constexpr double kAttenuationStepDb = 0.04;
+// The key at which a key number source adds nothing: a bipolar source
+// crosses zero at key 64, a unipolar one starts from zero at key 0.
+constexpr double kBipolarKeyReference = 64.0;
+constexpr double kUnipolarKeyReference = 0.0;
+
+double CentsToSemitones(double cents) { return cents * 0.01; }
 
 // Modulator sources without their curve bits.
 constexpr uint16_t kVelUni = 0x0002, kVelBi = 0x0202, kVelNeg = 0x0102;
@@ -23,58 +33,65 @@ constexpr uint16_t kCc91 = 0x00DB, kCc93 = 0x00DD;
 // The default pitch wheel modulator scales by this amount source (wheel range).
 constexpr uint16_t kWheelRangeSrc = 0x0010;
 
+struct EnvSource {
+  int delay, attack, hold, decay, sustain, release, keyHold, keyDecay;
+  int slotBase;
+  double sustainScale;
+};
+constexpr EnvSource kVolEnv = {kDelayVolEnv, kAttackVolEnv, kHoldVolEnv, kDecayVolEnv, kSustainVolEnv,
+                               kReleaseVolEnv, kKeyToVolEnvHold, kKeyToVolEnvDecay, kSlotVolEnv, 960.0};
+constexpr EnvSource kModEnv = {kDelayModEnv, kAttackModEnv, kHoldModEnv, kDecayModEnv, kSustainModEnv,
+                               kReleaseModEnv, kKeyToModEnvHold, kKeyToModEnvDecay, kSlotModEnv, 1000.0};
+
 std::array<SlotDef, kSlotCount> BuildSlots() {
   std::array<SlotDef, kSlotCount> t{};
-  const int volEnv[5] = {kDelayVolEnv, kAttackVolEnv, kHoldVolEnv, kDecayVolEnv, kReleaseVolEnv};
-  const int volKey[3] = {kDelayVolEnv, kAttackVolEnv, kReleaseVolEnv};
-  const int modEnv[5] = {kDelayModEnv, kAttackModEnv, kHoldModEnv, kDecayModEnv, kReleaseModEnv};
-  const int modKey[3] = {kDelayModEnv, kAttackModEnv, kReleaseModEnv};
-  for (int i = 0; i < 5; ++i) {
-    t[i] = {kVelUni, static_cast<uint16_t>(volEnv[i])};
-    t[8 + i] = {kVelBi, static_cast<uint16_t>(volEnv[i])};
-    t[16 + i] = {kVelUni, static_cast<uint16_t>(modEnv[i])};
-    t[24 + i] = {kVelBi, static_cast<uint16_t>(modEnv[i])};
+  auto def = [](uint16_t src, int gen) { return SlotDef{src, static_cast<uint16_t>(gen)}; };
+  for (const EnvSource* s : {&kVolEnv, &kModEnv}) {
+    const int stages[kEnvSlotStages] = {s->delay, s->attack, s->hold, s->decay, s->release};
+    const int keyStages[kEnvSlotKeyStages] = {s->delay, s->attack, s->release};
+    for (int i = 0; i < kEnvSlotStages; ++i) {
+      t[s->slotBase + kEnvSlotVelUni + i] = def(kVelUni, stages[i]);
+      t[s->slotBase + kEnvSlotVelBi + i] = def(kVelBi, stages[i]);
+    }
+    for (int i = 0; i < kEnvSlotKeyStages; ++i) {
+      t[s->slotBase + kEnvSlotKeyUni + i] = def(kKeyUni, keyStages[i]);
+      t[s->slotBase + kEnvSlotKeyBi + i] = def(kKeyBi, keyStages[i]);
+    }
   }
-  for (int i = 0; i < 3; ++i) {
-    t[5 + i] = {kKeyUni, static_cast<uint16_t>(volKey[i])};
-    t[13 + i] = {kKeyBi, static_cast<uint16_t>(volKey[i])};
-    t[21 + i] = {kKeyUni, static_cast<uint16_t>(modKey[i])};
-    t[29 + i] = {kKeyBi, static_cast<uint16_t>(modKey[i])};
-  }
-  t[32] = {kVelNeg, kInitialAttenuation};
-  t[33] = {kKeyUni, kInitialAttenuation};
-  t[34] = {kKeyBi, kInitialAttenuation};
-  t[35] = {kCc1, kInitialAttenuation};
-  t[36] = {kPressure, kInitialAttenuation};
-  t[37] = {kCc1, kModLfoToVolume};
-  t[38] = {kPressure, kModLfoToVolume};
-  t[39] = {kVelBi, kModLfoToVolume};
-  t[40] = {kWheel, kFineTune};
-  t[41] = {kCc1, kModLfoToPitch};
-  t[42] = {kVelBi, kModLfoToPitch};
-  t[43] = {kPressure, kModLfoToPitch};
-  t[44] = {kCc1, kVibLfoToPitch};
-  t[45] = {kVelBi, kVibLfoToPitch};
-  t[46] = {kPressure, kVibLfoToPitch};
-  t[47] = {kVelUni, kModEnvToPitch};
-  t[48] = {kVelBi, kModEnvToPitch};
-  t[49] = {kVelNeg, kInitialFilterFc};
-  t[50] = {kKeyUni, kInitialFilterFc};
-  t[51] = {kKeyBi, kInitialFilterFc};
-  t[52] = {kCc1, kInitialFilterFc};
-  t[53] = {kPressure, kInitialFilterFc};
-  t[54] = {kCc1, kModLfoToFilterFc};
-  t[55] = {kPressure, kModLfoToFilterFc};
-  t[56] = {kVelBi, kModLfoToFilterFc};
-  t[57] = {kVelUni, kModEnvToFilterFc};
-  t[58] = {kVelBi, kModEnvToFilterFc};
-  t[59] = {kKeyBi, kPan};
-  t[60] = {kCc10, kPan};
-  t[61] = {kCc91, kReverbSend};
-  t[62] = {kCc93, kChorusSend};
-  t[63] = {kVelBi, kInitialFilterQ};
-  t[64] = {kCc1, kInitialFilterQ};
-  t[65] = {kPressure, kInitialFilterQ};
+  t[kSlotVelToAttenuation] = def(kVelNeg, kInitialAttenuation);
+  t[kSlotKeyUniToAttenuation] = def(kKeyUni, kInitialAttenuation);
+  t[kSlotKeyBiToAttenuation] = def(kKeyBi, kInitialAttenuation);
+  t[kSlotModWheelToAttenuation] = def(kCc1, kInitialAttenuation);
+  t[kSlotPressureToAttenuation] = def(kPressure, kInitialAttenuation);
+  t[kSlotModWheelToModLfoVolume] = def(kCc1, kModLfoToVolume);
+  t[kSlotPressureToModLfoVolume] = def(kPressure, kModLfoToVolume);
+  t[kSlotVelBiToModLfoVolume] = def(kVelBi, kModLfoToVolume);
+  t[kSlotWheelToFineTune] = def(kWheel, kFineTune);
+  t[kSlotModWheelToModLfoPitch] = def(kCc1, kModLfoToPitch);
+  t[kSlotVelBiToModLfoPitch] = def(kVelBi, kModLfoToPitch);
+  t[kSlotPressureToModLfoPitch] = def(kPressure, kModLfoToPitch);
+  t[kSlotModWheelToVibLfoPitch] = def(kCc1, kVibLfoToPitch);
+  t[kSlotVelBiToVibLfoPitch] = def(kVelBi, kVibLfoToPitch);
+  t[kSlotPressureToVibLfoPitch] = def(kPressure, kVibLfoToPitch);
+  t[kSlotVelUniToModEnvPitch] = def(kVelUni, kModEnvToPitch);
+  t[kSlotVelBiToModEnvPitch] = def(kVelBi, kModEnvToPitch);
+  t[kSlotVelToCutoff] = def(kVelNeg, kInitialFilterFc);
+  t[kSlotKeyUniToCutoff] = def(kKeyUni, kInitialFilterFc);
+  t[kSlotKeyBiToCutoff] = def(kKeyBi, kInitialFilterFc);
+  t[kSlotModWheelToCutoff] = def(kCc1, kInitialFilterFc);
+  t[kSlotPressureToCutoff] = def(kPressure, kInitialFilterFc);
+  t[kSlotModWheelToModLfoCutoff] = def(kCc1, kModLfoToFilterFc);
+  t[kSlotPressureToModLfoCutoff] = def(kPressure, kModLfoToFilterFc);
+  t[kSlotVelBiToModLfoCutoff] = def(kVelBi, kModLfoToFilterFc);
+  t[kSlotVelUniToModEnvCutoff] = def(kVelUni, kModEnvToFilterFc);
+  t[kSlotVelBiToModEnvCutoff] = def(kVelBi, kModEnvToFilterFc);
+  t[kSlotKeyBiToPan] = def(kKeyBi, kPan);
+  t[kSlotCc10ToPan] = def(kCc10, kPan);
+  t[kSlotCc91ToReverb] = def(kCc91, kReverbSend);
+  t[kSlotCc93ToChorus] = def(kCc93, kChorusSend);
+  t[kSlotVelBiToFilterQ] = def(kVelBi, kInitialFilterQ);
+  t[kSlotModWheelToFilterQ] = def(kCc1, kInitialFilterQ);
+  t[kSlotPressureToFilterQ] = def(kPressure, kInitialFilterQ);
   return t;
 }
 
@@ -114,16 +131,6 @@ struct Emitter {
     out.Set(row, v);
   }
 };
-
-struct EnvSource {
-  int delay, attack, hold, decay, sustain, release, keyHold, keyDecay;
-  int slotBase;
-  double sustainScale;
-};
-constexpr EnvSource kVolEnv = {kDelayVolEnv, kAttackVolEnv, kHoldVolEnv, kDecayVolEnv, kSustainVolEnv,
-                               kReleaseVolEnv, kKeyToVolEnvHold, kKeyToVolEnvDecay, 0, 960.0};
-constexpr EnvSource kModEnv = {kDelayModEnv, kAttackModEnv, kHoldModEnv, kDecayModEnv, kSustainModEnv,
-                               kReleaseModEnv, kKeyToModEnvHold, kKeyToModEnvDecay, 16, 1000.0};
 
 }  // namespace
 
@@ -194,7 +201,7 @@ const std::array<SlotDef, kSlotCount>& SlotTable() {
 int FindSlot(uint16_t src, uint16_t dest, uint16_t amountSrc, int& amount) {
   const uint16_t key = src & 0x3FF;
   // The standard's own pitch wheel modulator, scaled by the wheel range: it is
-  // the default that row 2 already stands for.
+  // the default that kRowBendToPitch already stands for.
   if (key == kWheel && dest == kFineTune && (amountSrc & 0x3FF) == kWheelRangeSrc) return -1;
   const auto& table = SlotTable();
   for (int pass = 0; pass < 2; ++pass) {
@@ -211,11 +218,11 @@ int FindSlot(uint16_t src, uint16_t dest, uint16_t amountSrc, int& amount) {
 
 int SlotDefault(int slot) {
   switch (slot) {
-    case 32: return 960;
-    case 44: case 46: return 50;
-    case 49: return -2400;
-    case 60: return 500;
-    case 61: case 62: return 200;
+    case kSlotVelToAttenuation: return 960;
+    case kSlotModWheelToVibLfoPitch: case kSlotPressureToVibLfoPitch: return 50;
+    case kSlotVelToCutoff: return -2400;
+    case kSlotCc10ToPan: return 500;
+    case kSlotCc91ToReverb: case kSlotCc93ToChorus: return 200;
     default: return 0;
   }
 }
@@ -223,7 +230,7 @@ int SlotDefault(int slot) {
 uint16_t SlotSourceWord(int slot) {
   // Velocity to attenuation keeps the standard's concave curve, so that an
   // instrument-level modulator replaces the default instead of adding to it.
-  if (slot == 32) return 0x0502;
+  if (slot == kSlotVelToAttenuation) return 0x0502;
   return SlotTable()[slot].src;
 }
 
@@ -244,7 +251,7 @@ int32_t RoundHalfAway(double v) {
 
 double TimecentsToSeconds(int32_t t) {
   if (t <= -12000) return 0.0;
-  double s = std::exp2(t / 1200.0);
+  double s = kv::TimecentsToSeconds(t);
   if (s > 24.0) {
     s = std::round(s * 10.0) / 10.0;
   } else if (s > 2.0) {
@@ -255,14 +262,14 @@ double TimecentsToSeconds(int32_t t) {
 
 int32_t SecondsToTimecents(double seconds, int gen) {
   if (!(seconds > 0.0)) return -12000;
-  return RoundClamp(1200.0 * std::log2(seconds), gen);
+  return RoundClamp(kv::SecondsToTimecents(seconds), gen);
 }
 
-double CentsToHz(int32_t cents) { return 8.176 * std::exp2(cents / 1200.0); }
+double CentsToHz(int32_t cents) { return AbsoluteCentsToHz(cents); }
 
 int32_t HzToCents(double hz) {
   if (!(hz > 0.0)) return -16000;
-  return RoundHalfAway(1200.0 * std::log2(hz / 8.176));
+  return RoundHalfAway(HzToAbsoluteCents(hz));
 }
 
 // ---- reading ----
@@ -286,15 +293,18 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
   // Pitch.
   e.put(kRowMasterTune, tg({kFineTune, kCoarseTune}), [&] { return G[kFineTune] * 0.01 + G[kCoarseTune]; });
   e.put(kRowKeyToPitch, tg({kScaleTuning}), [&] { return G[kScaleTuning] * 0.01; });
-  e.put(kRowBendToPitch, ts({40}), [&] { return M[40] * 0.01 + 2.0; });
+  e.put(kRowBendToPitch, ts({kSlotWheelToFineTune}), [&] { return M[kSlotWheelToFineTune] * 0.01 + 2.0; });
 
   // Vibrato LFO: the P-LFO.
   {
-    const bool t = tg({kVibLfoToPitch, kDelayVibLfo, kFreqVibLfo}) || ts({44, 45, 46});
-    e.put(3, tg({kVibLfoToPitch}), [&] { return G[kVibLfoToPitch] * 0.01; });
-    e.put(4, ts({44}), [&] { return M[44] * 0.01; });
-    e.put(5, ts({46}), [&] { return M[46] * 0.01; });
-    e.put(6, ts({45}), [&] { return M[45] * 0.01; });
+    const bool t = tg({kVibLfoToPitch, kDelayVibLfo, kFreqVibLfo}) ||
+                   ts({kSlotModWheelToVibLfoPitch, kSlotVelBiToVibLfoPitch, kSlotPressureToVibLfoPitch});
+    e.put(kRowPLfoToPitch, tg({kVibLfoToPitch}), [&] { return G[kVibLfoToPitch] * 0.01; });
+    e.put(kRowModWheelToPLfoPitch, ts({kSlotModWheelToVibLfoPitch}),
+          [&] { return M[kSlotModWheelToVibLfoPitch] * 0.01; });
+    e.put(kRowAftertouchToPLfoPitch, ts({kSlotPressureToVibLfoPitch}),
+          [&] { return M[kSlotPressureToVibLfoPitch] * 0.01; });
+    e.put(kRowVelToPLfoPitch, ts({kSlotVelBiToVibLfoPitch}), [&] { return M[kSlotVelBiToVibLfoPitch] * 0.01; });
     e.put(LfoRow(kLfoP, kLfoShape), t, [&] { return 1; });
     e.put(LfoRow(kLfoP, kLfoFrequency), t, [&] { return CentsToHz(G[kFreqVibLfo]); });
     e.put(LfoRow(kLfoP, kLfoDelay), t, [&] { return TimecentsToSeconds(G[kDelayVibLfo]); });
@@ -308,17 +318,29 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
       int rows[4];
       int gen;
       int slots[3];  // MW, AT, velocity
-      double scale;
+      double (*toModel)(double);
     };
     const Target targets[3] = {
-        {kLfoX, {7, 8, 9, 10}, kModLfoToPitch, {41, 43, 42}, 0.01},
-        {kLfoV, {19, 20, 21, 22}, kModLfoToVolume, {37, 38, 39}, 0.1},
-        {kLfoF, {29, 30, 31, 32}, kModLfoToFilterFc, {54, 55, 56}, 0.01},
+        {kLfoX,
+         {kRowXLfoToPitch, kRowModWheelToXLfoPitch, kRowAftertouchToXLfoPitch, kRowVelToXLfoPitch},
+         kModLfoToPitch,
+         {kSlotModWheelToModLfoPitch, kSlotPressureToModLfoPitch, kSlotVelBiToModLfoPitch},
+         CentsToSemitones},
+        {kLfoV,
+         {kRowVLfoToVolume, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume, kRowVelToVLfoVolume},
+         kModLfoToVolume,
+         {kSlotModWheelToModLfoVolume, kSlotPressureToModLfoVolume, kSlotVelBiToModLfoVolume},
+         CentibelsToDb},
+        {kLfoF,
+         {kRowFLfoToCutoff, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff, kRowVelToFLfoCutoff},
+         kModLfoToFilterFc,
+         {kSlotModWheelToModLfoCutoff, kSlotPressureToModLfoCutoff, kSlotVelBiToModLfoCutoff},
+         CentsToSemitones},
     };
     const bool timing = tg({kDelayModLfo, kFreqModLfo});
     for (const Target& t : targets) {
-      const double d[4] = {G[t.gen] * t.scale, M[t.slots[0]] * t.scale, M[t.slots[1]] * t.scale,
-                           M[t.slots[2]] * t.scale};
+      const double d[4] = {t.toModel(G[t.gen]), t.toModel(M[t.slots[0]]), t.toModel(M[t.slots[1]]),
+                           t.toModel(M[t.slots[2]])};
       const bool td = tg({t.gen}) || ts({t.slots[0], t.slots[1], t.slots[2]});
       e.put(t.rows[0], tg({t.gen}), [&] { return d[0]; });
       for (int i = 0; i < 3; ++i) e.put(t.rows[i + 1], ts({t.slots[i]}), [&] { return d[i + 1]; });
@@ -334,137 +356,155 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
   const double cutoffHz = G[kInitialFilterFc] >= 13500 ? 20000.0 : CentsToHz(G[kInitialFilterFc]);
   const bool filterOn = !(cutoffHz >= 19900.0 && G[kInitialFilterQ] <= 0);
   const bool tf = tg({kInitialFilterFc, kInitialFilterQ});
-  double r14 = -0.04 * G[kInitialAttenuation];
-  double r16 = 0.0;
-  if (M[34] != 0) {
-    r16 = M[34] * 0.04 * 0.1875;
-    r14 -= r16 / 3.0;
-  } else if (M[33] != 0) {
-    r16 = M[33] * 0.04 * 0.09375;
-    r14 += r16 * 5.0;
+  double masterVolume = -kAttenuationStepDb * G[kInitialAttenuation];
+  double keyToVolume = 0.0;
+  if (M[kSlotKeyBiToAttenuation] != 0) {
+    keyToVolume = M[kSlotKeyBiToAttenuation] * kAttenuationStepDb * 0.1875;
+    masterVolume -= keyToVolume / 3.0;
+  } else if (M[kSlotKeyUniToAttenuation] != 0) {
+    keyToVolume = M[kSlotKeyUniToAttenuation] * kAttenuationStepDb * 0.09375;
+    masterVolume += keyToVolume * 5.0;
   }
-  const double r35 = G[kInitialFilterQ] * 0.1;
-  if (filterOn) r14 -= r35 / 2.0;
-  e.put(kRowMasterVolume, tg({kInitialAttenuation}) || ts({33, 34}) || tf, [&] { return r14; });
-  e.put(15, ts({32}), [&] { return M[32] * 0.04; });
-  e.put(16, ts({33, 34}), [&] { return r16; });
-  e.put(17, ts({35}), [&] { return M[35] * 0.04; });
-  e.put(18, ts({36}), [&] { return M[36] * 0.04; });
+  const double resonance = CentibelsToDb(G[kInitialFilterQ]);
+  if (filterOn) masterVolume -= resonance / 2.0;
+  e.put(kRowMasterVolume, tg({kInitialAttenuation}) || ts({kSlotKeyUniToAttenuation, kSlotKeyBiToAttenuation}) || tf,
+        [&] { return masterVolume; });
+  e.put(kRowVelToVolume, ts({kSlotVelToAttenuation}), [&] { return M[kSlotVelToAttenuation] * kAttenuationStepDb; });
+  e.put(kRowKeyToVolume, ts({kSlotKeyUniToAttenuation, kSlotKeyBiToAttenuation}), [&] { return keyToVolume; });
+  e.put(kRowModWheelToVolume, ts({kSlotModWheelToAttenuation}),
+        [&] { return M[kSlotModWheelToAttenuation] * kAttenuationStepDb; });
+  e.put(kRowAftertouchToVolume, ts({kSlotPressureToAttenuation}),
+        [&] { return M[kSlotPressureToAttenuation] * kAttenuationStepDb; });
   e.put(kRowFilterType, tf, [&] { return filterOn ? 2 : 0; });
   if (filterOn) {
-    double f = cutoffHz;
-    double r25 = M[49] * -0.01;
-    if (r25 != 0) {
-      f *= std::exp(r25 * 0.5 * kLn2 / 12.0);
-      r25 *= 0.5;
+    // The velocity slot's source is the standard's negative velocity: its
+    // amount is the fall from the highest velocity to the lowest.
+    FormatCutoff format{cutoffHz, M[kSlotVelToCutoff] * -0.01, 0.0};
+    double referenceKey = 0.0;
+    if (M[kSlotKeyBiToCutoff] != 0) {
+      format.keyPerOctave = M[kSlotKeyBiToCutoff] * 0.001875;
+      referenceKey = kBipolarKeyReference;
+    } else if (M[kSlotKeyUniToCutoff] != 0) {
+      format.keyPerOctave = M[kSlotKeyUniToCutoff] * 0.0009375;
+      referenceKey = kUnipolarKeyReference;
     }
-    double r26 = 0.0;
-    if (M[51] != 0) {
-      r26 = M[51] * 0.001875;
-      f *= std::exp(r26 * (-1.0 / 3.0) * kLn2 / 12.0);
-    } else if (M[50] != 0) {
-      r26 = M[50] * 0.0009375;
-      f *= std::exp(r26 * 5.0 * kLn2 / 12.0);
-    }
-    e.put(kRowCutoff, tf || ts({49, 50, 51}), [&] { return RoundCutoff(f); });
-    e.put(25, tf || ts({49}), [&] { return r25; });
-    e.put(26, tf || ts({50, 51}), [&] { return r26; });
-    e.put(27, tf || ts({52}), [&] { return M[52] * 0.01; });
-    e.put(28, tf || ts({53}), [&] { return M[53] * 0.01; });
-    e.put(kRowResonance, tf, [&] { return r35; });
-    e.put(36, tf || ts({63}), [&] { return M[63] * 0.1; });
-    e.put(37, tf || ts({64}), [&] { return M[64] * 0.1; });
-    e.put(38, tf || ts({65}), [&] { return M[65] * 0.1; });
+    const ModelCutoff cutoff = CutoffToModel(format, referenceKey);
+    e.put(kRowCutoff, tf || ts({kSlotVelToCutoff, kSlotKeyUniToCutoff, kSlotKeyBiToCutoff}),
+          [&] { return RoundCutoff(cutoff.hz); });
+    e.put(kRowVelToCutoff, tf || ts({kSlotVelToCutoff}), [&] { return cutoff.velocityDepth; });
+    e.put(kRowKeyToCutoff, tf || ts({kSlotKeyUniToCutoff, kSlotKeyBiToCutoff}), [&] { return cutoff.keyDepth; });
+    e.put(kRowModWheelToCutoff, tf || ts({kSlotModWheelToCutoff}), [&] { return M[kSlotModWheelToCutoff] * 0.01; });
+    e.put(kRowAftertouchToCutoff, tf || ts({kSlotPressureToCutoff}), [&] { return M[kSlotPressureToCutoff] * 0.01; });
+    e.put(kRowResonance, tf, [&] { return resonance; });
+    e.put(kRowVelToResonance, tf || ts({kSlotVelBiToFilterQ}), [&] { return CentibelsToDb(M[kSlotVelBiToFilterQ]); });
+    e.put(kRowModWheelToResonance, tf || ts({kSlotModWheelToFilterQ}),
+          [&] { return CentibelsToDb(M[kSlotModWheelToFilterQ]); });
+    e.put(kRowAftertouchToResonance, tf || ts({kSlotPressureToFilterQ}),
+          [&] { return CentibelsToDb(M[kSlotPressureToFilterQ]); });
   }
 
   // Pan and sends.
-  e.put(51, tg({kPan}), [&] { return G[kPan] * 0.002; });
-  e.put(52, ts({60}), [&] { return M[60] * 0.002; });
-  e.put(53, ts({59}), [&] { return M[59] * 0.000375; });
-  if (sends.reverb >= 0) e.put(57 + 2 * sends.reverb, tg({kReverbSend}), [&] { return G[kReverbSend] * 0.001; });
-  if (sends.chorus >= 0) e.put(57 + 2 * sends.chorus, tg({kChorusSend}), [&] { return G[kChorusSend] * 0.001; });
+  e.put(kRowPan, tg({kPan}), [&] { return G[kPan] * 0.002; });
+  e.put(kRowCc10ToPan, ts({kSlotCc10ToPan}), [&] { return M[kSlotCc10ToPan] * 0.002; });
+  e.put(kRowKeyToPan, ts({kSlotKeyBiToPan}), [&] { return M[kSlotKeyBiToPan] * 0.000375; });
+  if (sends.reverb >= 0) {
+    e.put(kRowSend1 + 2 * sends.reverb, tg({kReverbSend}), [&] { return G[kReverbSend] * 0.001; });
+  }
+  if (sends.chorus >= 0) {
+    e.put(kRowSend1 + 2 * sends.chorus, tg({kChorusSend}), [&] { return G[kChorusSend] * 0.001; });
+  }
 
   // Envelopes.
   auto envelope = [&](int k, const EnvSource& s, bool place) {
     const int b = s.slotBase;
-    auto vel = [&](int uni, int bi) {
-      if (M[b + bi] != 0) return std::pow(std::exp2(M[b + bi] / 1200.0), 2.0);
-      if (M[b + uni] != 0) return std::pow(std::exp2(M[b + uni] / 1200.0), 1.5);
+    // Velocity to one stage's time, the bipolar source over the unipolar one.
+    auto vel = [&](int stage) {
+      const int32_t bi = M[b + kEnvSlotVelBi + stage], uni = M[b + kEnvSlotVelUni + stage];
+      if (bi != 0) return std::pow(std::exp2(bi / 1200.0), 2.0);
+      if (uni != 0) return std::pow(std::exp2(uni / 1200.0), 1.5);
       return 1.0;
     };
     // Returns the factor per octave; `mul` takes the time change at mid-C
     // that a unipolar key source brings.
-    auto key = [&](int uni, int bi, double& mul) {
+    auto key = [&](int stage, double& mul) {
+      const int32_t bi = M[b + kEnvSlotKeyBi + stage], uni = M[b + kEnvSlotKeyUni + stage];
       mul = 1.0;
-      if (M[b + bi] != 0) return std::pow(std::exp2(M[b + bi] / 1200.0), 0.1875);
-      if (M[b + uni] != 0) {
-        const double base = std::exp2(M[b + uni] / 1200.0);
+      if (bi != 0) return std::pow(std::exp2(bi / 1200.0), 0.1875);
+      if (uni != 0) {
+        const double base = std::exp2(uni / 1200.0);
         mul = std::pow(base, 0.46875);
         return std::pow(base, 0.09375);
       }
       return 1.0;
     };
+    auto velGiven = [&](int stage) {
+      return touched.HasSlot(b + kEnvSlotVelUni + stage) || touched.HasSlot(b + kEnvSlotVelBi + stage);
+    };
+    auto keyGiven = [&](int stage) {
+      return touched.HasSlot(b + kEnvSlotKeyUni + stage) || touched.HasSlot(b + kEnvSlotKeyBi + stage);
+    };
     double mulDelay, mulAttack, mulRelease;
-    const double kDelay = key(5, 13, mulDelay);
-    const double kAttack = key(6, 14, mulAttack);
-    const double kRelease = key(7, 15, mulRelease);
+    const double keyDelay = key(kSlotKeyDelay, mulDelay);
+    const double keyAttack = key(kSlotKeyAttack, mulAttack);
+    const double keyRelease = key(kSlotKeyRelease, mulRelease);
     const double sustain = std::clamp(1.0 - G[s.sustain] / s.sustainScale, 0.0, 1.0);
     auto row = [&](int offset) { return EnvRow(k, offset); };
-    auto T = [&](std::initializer_list<int> gens, std::initializer_list<int> slots) {
-      if (place) return true;
+    auto T = [&](std::initializer_list<int> gens, bool slotGiven) {
+      if (place || slotGiven) return true;
       for (int n : gens)
         if (touched.HasGen(n)) return true;
-      for (int sl : slots)
-        if (touched.HasSlot(b + sl)) return true;
       return false;
     };
-    e.put(row(kEnvA1Time), T({s.delay}, {5, 13}), [&] { return TimecentsToSeconds(G[s.delay]) * mulDelay; });
-    e.put(row(kEnvA1Vel), T({}, {0, 8}), [&] { return vel(0, 8); });
-    e.put(row(kEnvA1Key), T({}, {5, 13}), [&] { return kDelay; });
-    e.put(row(kEnvA2Time), T({s.attack}, {6, 14}), [&] { return TimecentsToSeconds(G[s.attack]) * mulAttack; });
-    e.put(row(kEnvA2Vel), T({}, {1, 9}), [&] { return vel(1, 9); });
-    e.put(row(kEnvA2Key), T({}, {6, 14}), [&] { return kAttack; });
-    e.put(row(kEnvD1Time), T({s.hold}, {}), [&] { return TimecentsToSeconds(G[s.hold]); });
-    e.put(row(kEnvD1Vel), T({}, {2, 10}), [&] { return vel(2, 10); });
-    e.put(row(kEnvD1Key), T({s.keyHold}, {}), [&] { return std::exp2(-G[s.keyHold] / 100.0); });
+    e.put(row(kEnvA1Time), T({s.delay}, keyGiven(kSlotKeyDelay)),
+          [&] { return TimecentsToSeconds(G[s.delay]) * mulDelay; });
+    e.put(row(kEnvA1Vel), T({}, velGiven(kSlotDelay)), [&] { return vel(kSlotDelay); });
+    e.put(row(kEnvA1Key), T({}, keyGiven(kSlotKeyDelay)), [&] { return keyDelay; });
+    e.put(row(kEnvA2Time), T({s.attack}, keyGiven(kSlotKeyAttack)),
+          [&] { return TimecentsToSeconds(G[s.attack]) * mulAttack; });
+    e.put(row(kEnvA2Vel), T({}, velGiven(kSlotAttack)), [&] { return vel(kSlotAttack); });
+    e.put(row(kEnvA2Key), T({}, keyGiven(kSlotKeyAttack)), [&] { return keyAttack; });
+    e.put(row(kEnvD1Time), T({s.hold}, false), [&] { return TimecentsToSeconds(G[s.hold]); });
+    e.put(row(kEnvD1Vel), T({}, velGiven(kSlotHold)), [&] { return vel(kSlotHold); });
+    e.put(row(kEnvD1Key), T({s.keyHold}, false), [&] { return std::exp2(-G[s.keyHold] / 100.0); });
     // The standard's decay is the time of the whole range; the model's is the
     // time it takes to reach the sustain level.
-    e.put(row(kEnvD2Time), T({s.decay, s.sustain}, {}),
+    e.put(row(kEnvD2Time), T({s.decay, s.sustain}, false),
           [&] { return TimecentsToSeconds(G[s.decay]) * (1.0 - sustain); });
-    e.put(row(kEnvD2Vel), T({}, {3, 11}), [&] { return vel(3, 11); });
-    e.put(row(kEnvD2Key), T({s.keyDecay}, {}), [&] { return std::exp2(-G[s.keyDecay] / 100.0); });
-    e.put(row(kEnvSustain), T({s.sustain}, {}), [&] { return sustain; });
-    e.put(row(kEnvR1Rate), T({s.release}, {7, 15}), [&] { return TimecentsToSeconds(G[s.release]) * mulRelease; });
-    e.put(row(kEnvRelVel), T({}, {4, 12}), [&] { return vel(4, 12); });
-    e.put(row(kEnvRelKey), T({}, {7, 15}), [&] { return kRelease; });
+    e.put(row(kEnvD2Vel), T({}, velGiven(kSlotDecay)), [&] { return vel(kSlotDecay); });
+    e.put(row(kEnvD2Key), T({s.keyDecay}, false), [&] { return std::exp2(-G[s.keyDecay] / 100.0); });
+    e.put(row(kEnvSustain), T({s.sustain}, false), [&] { return sustain; });
+    e.put(row(kEnvR1Rate), T({s.release}, keyGiven(kSlotKeyRelease)),
+          [&] { return TimecentsToSeconds(G[s.release]) * mulRelease; });
+    e.put(row(kEnvRelVel), T({}, velGiven(kSlotRelease)), [&] { return vel(kSlotRelease); });
+    e.put(row(kEnvRelKey), T({}, keyGiven(kSlotKeyRelease)), [&] { return keyRelease; });
   };
   envelope(kEnvV, kVolEnv, false);
 
   // Modulation envelope: to the P-ENV when it moves the pitch, to the F-ENV
   // when it moves an active filter.
-  double r11 = G[kModEnvToPitch] * 0.01, r12 = 0.0;
-  if (M[48] != 0) {
-    r12 = M[48] * 0.01;
-  } else if (M[47] != 0) {
-    r12 = M[47] * 0.005;
-    r11 += r12;
+  double pEnvToPitch = G[kModEnvToPitch] * 0.01, velToPEnvPitch = 0.0;
+  if (M[kSlotVelBiToModEnvPitch] != 0) {
+    velToPEnvPitch = M[kSlotVelBiToModEnvPitch] * 0.01;
+  } else if (M[kSlotVelUniToModEnvPitch] != 0) {
+    velToPEnvPitch = M[kSlotVelUniToModEnvPitch] * 0.005;
+    pEnvToPitch += velToPEnvPitch;
   }
-  double r33 = G[kModEnvToFilterFc] * 0.01, r34 = 0.0;
-  if (M[58] != 0) {
-    r34 = M[58] * 0.01;
-  } else if (M[57] != 0) {
-    r34 = M[57] * 0.005;
-    r33 += r34;
+  double fEnvToCutoff = G[kModEnvToFilterFc] * 0.01, velToFEnvCutoff = 0.0;
+  if (M[kSlotVelBiToModEnvCutoff] != 0) {
+    velToFEnvCutoff = M[kSlotVelBiToModEnvCutoff] * 0.01;
+  } else if (M[kSlotVelUniToModEnvCutoff] != 0) {
+    velToFEnvCutoff = M[kSlotVelUniToModEnvCutoff] * 0.005;
+    fEnvToCutoff += velToFEnvCutoff;
   }
-  const bool tp = tg({kModEnvToPitch}) || ts({47, 48});
-  const bool tcut = tg({kModEnvToFilterFc}) || ts({57, 58}) || tf;
-  e.put(11, tp, [&] { return r11; });
-  e.put(12, tp, [&] { return r12; });
-  if (r11 != 0 || r12 != 0) envelope(kEnvP, kModEnv, tp && !baseline);
+  const bool tp = tg({kModEnvToPitch}) || ts({kSlotVelUniToModEnvPitch, kSlotVelBiToModEnvPitch});
+  const bool tcut = tg({kModEnvToFilterFc}) || ts({kSlotVelUniToModEnvCutoff, kSlotVelBiToModEnvCutoff}) || tf;
+  e.put(kRowPEnvToPitch, tp, [&] { return pEnvToPitch; });
+  e.put(kRowVelToPEnvPitch, tp, [&] { return velToPEnvPitch; });
+  if (pEnvToPitch != 0 || velToPEnvPitch != 0) envelope(kEnvP, kModEnv, tp && !baseline);
   if (filterOn) {
-    e.put(33, tcut, [&] { return r33; });
-    e.put(34, tcut, [&] { return r34; });
-    if (r33 != 0 || r34 != 0) envelope(kEnvF, kModEnv, tcut && !baseline);
+    e.put(kRowFEnvToCutoff, tcut, [&] { return fEnvToCutoff; });
+    e.put(kRowVelToFEnvCutoff, tcut, [&] { return velToFEnvCutoff; });
+    if (fEnvToCutoff != 0 || velToFEnvCutoff != 0) envelope(kEnvF, kModEnv, tcut && !baseline);
   }
 }
 
@@ -484,12 +524,12 @@ ZoneValues ArticulationToGens(const Articulation& merged, const SendSlots& sends
   z.g[kCoarseTune] = cents / 100;
   z.g[kFineTune] = cents % 100;
   gen(kScaleTuning, v(kRowKeyToPitch) * 100.0);
-  slot(40, (v(kRowBendToPitch) - 2.0) * 100.0);
+  slot(kSlotWheelToFineTune, (v(kRowBendToPitch) - 2.0) * 100.0);
 
-  gen(kVibLfoToPitch, v(3) * 100.0);
-  slot(44, v(4) * 100.0);
-  slot(46, v(5) * 100.0);
-  slot(45, v(6) * 100.0);
+  gen(kVibLfoToPitch, v(kRowPLfoToPitch) * 100.0);
+  slot(kSlotModWheelToVibLfoPitch, v(kRowModWheelToPLfoPitch) * 100.0);
+  slot(kSlotPressureToVibLfoPitch, v(kRowAftertouchToPLfoPitch) * 100.0);
+  slot(kSlotVelBiToVibLfoPitch, v(kRowVelToPLfoPitch) * 100.0);
   gen(kFreqVibLfo, HzToCents(v(LfoRow(kLfoP, kLfoFrequency))));
   z.g[kDelayVibLfo] = SecondsToTimecents(v(LfoRow(kLfoP, kLfoDelay)), kDelayVibLfo);
 
@@ -501,47 +541,43 @@ ZoneValues ArticulationToGens(const Articulation& merged, const SendSlots& sends
     return false;
   };
   int modLfo = -1;
-  if (hasDepth({7, 8, 9, 10})) {
+  if (hasDepth({kRowXLfoToPitch, kRowModWheelToXLfoPitch, kRowAftertouchToXLfoPitch, kRowVelToXLfoPitch})) {
     modLfo = kLfoX;
-  } else if (hasDepth({19, 20, 21, 22})) {
+  } else if (hasDepth({kRowVLfoToVolume, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume, kRowVelToVLfoVolume})) {
     modLfo = kLfoV;
-  } else if (hasDepth({29, 30, 31, 32})) {
+  } else if (hasDepth({kRowFLfoToCutoff, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff, kRowVelToFLfoCutoff})) {
     modLfo = kLfoF;
   }
   if (modLfo >= 0) {
     gen(kFreqModLfo, HzToCents(v(LfoRow(modLfo, kLfoFrequency))));
     z.g[kDelayModLfo] = SecondsToTimecents(v(LfoRow(modLfo, kLfoDelay)), kDelayModLfo);
   }
-  gen(kModLfoToPitch, v(7) * 100.0);
-  slot(41, v(8) * 100.0);
-  slot(43, v(9) * 100.0);
-  slot(42, v(10) * 100.0);
-  gen(kModLfoToVolume, v(19) * 10.0);
-  slot(37, v(20) * 10.0);
-  slot(38, v(21) * 10.0);
-  slot(39, v(22) * 10.0);
+  gen(kModLfoToPitch, v(kRowXLfoToPitch) * 100.0);
+  slot(kSlotModWheelToModLfoPitch, v(kRowModWheelToXLfoPitch) * 100.0);
+  slot(kSlotPressureToModLfoPitch, v(kRowAftertouchToXLfoPitch) * 100.0);
+  slot(kSlotVelBiToModLfoPitch, v(kRowVelToXLfoPitch) * 100.0);
+  gen(kModLfoToVolume, DbToCentibels(v(kRowVLfoToVolume)));
+  slot(kSlotModWheelToModLfoVolume, DbToCentibels(v(kRowModWheelToVLfoVolume)));
+  slot(kSlotPressureToModLfoVolume, DbToCentibels(v(kRowAftertouchToVLfoVolume)));
+  slot(kSlotVelBiToModLfoVolume, DbToCentibels(v(kRowVelToVLfoVolume)));
 
-  // Volume: undo the reader's corrections of row 14.
-  double r14 = v(kRowMasterVolume);
-  if (v(16) != 0) {
-    slot(34, v(16) / (0.04 * 0.1875));
-    r14 += v(16) / 3.0;
+  // Volume: undo the reader's corrections of the master volume.
+  double masterVolume = v(kRowMasterVolume);
+  if (v(kRowKeyToVolume) != 0) {
+    slot(kSlotKeyBiToAttenuation, v(kRowKeyToVolume) / (kAttenuationStepDb * 0.1875));
+    masterVolume += v(kRowKeyToVolume) / 3.0;
   }
-  slot(32, v(15) / 0.04);
-  slot(35, v(17) / 0.04);
-  slot(36, v(18) / 0.04);
+  slot(kSlotVelToAttenuation, v(kRowVelToVolume) / kAttenuationStepDb);
+  slot(kSlotModWheelToAttenuation, v(kRowModWheelToVolume) / kAttenuationStepDb);
+  slot(kSlotPressureToAttenuation, v(kRowAftertouchToVolume) / kAttenuationStepDb);
 
   const bool filterOn = a.value[kRowFilterType] != 0;
   if (filterOn) {
-    double f = v(kRowCutoff);
-    const double r25 = v(25) * 2.0;
-    if (r25 != 0) f /= std::exp(r25 * 0.5 * kLn2 / 12.0);
-    slot(49, -r25 * 100.0);
-    const double r26 = v(26);
-    if (r26 != 0) {
-      slot(51, r26 / 0.001875);
-      f /= std::exp(r26 * (-1.0 / 3.0) * kLn2 / 12.0);
-    }
+    // Key tracking goes to the bipolar key slot.
+    const FormatCutoff cutoff = CutoffFromModel({v(kRowCutoff), v(kRowVelToCutoff), v(kRowKeyToCutoff)}, kBipolarKeyReference);
+    const double f = cutoff.hz;
+    slot(kSlotVelToCutoff, -cutoff.velocitySpan * 100.0);
+    if (cutoff.keyPerOctave != 0) slot(kSlotKeyBiToCutoff, cutoff.keyPerOctave / 0.001875);
     // A cutoff at the top of the model's range may have reached past it.
     // With resonance it is the SoundFont idiom of an open filter that is on
     // only for its Q: undoing the velocity correction from the clipped value
@@ -549,29 +585,29 @@ ZoneValues ArticulationToGens(const Articulation& merged, const SendSlots& sends
     // top, which undoing the correction gives back.
     const bool open = v(kRowCutoff) >= CatalogueRow(kRowCutoff)->max && v(kRowResonance) > 0;
     gen(kInitialFilterFc, open || f >= 19900.0 ? 13500 : HzToCents(f));
-    gen(kInitialFilterQ, v(kRowResonance) * 10.0);
-    gen(kModLfoToFilterFc, v(29) * 100.0);
-    slot(54, v(30) * 100.0);
-    slot(55, v(31) * 100.0);
-    slot(56, v(32) * 100.0);
+    gen(kInitialFilterQ, DbToCentibels(v(kRowResonance)));
+    gen(kModLfoToFilterFc, v(kRowFLfoToCutoff) * 100.0);
+    slot(kSlotModWheelToModLfoCutoff, v(kRowModWheelToFLfoCutoff) * 100.0);
+    slot(kSlotPressureToModLfoCutoff, v(kRowAftertouchToFLfoCutoff) * 100.0);
+    slot(kSlotVelBiToModLfoCutoff, v(kRowVelToFLfoCutoff) * 100.0);
     // The reader's compensation undone as it was made: a resonance below
-    // zero is written as none, but it lowered row 14 all the same.
-    r14 += v(kRowResonance) * 0.5;
-    slot(52, v(27) * 100.0);
-    slot(53, v(28) * 100.0);
-    slot(63, v(36) * 10.0);
-    slot(64, v(37) * 10.0);
-    slot(65, v(38) * 10.0);
+    // zero is written as none, but it lowered the master volume all the same.
+    masterVolume += v(kRowResonance) * 0.5;
+    slot(kSlotModWheelToCutoff, v(kRowModWheelToCutoff) * 100.0);
+    slot(kSlotPressureToCutoff, v(kRowAftertouchToCutoff) * 100.0);
+    slot(kSlotVelBiToFilterQ, DbToCentibels(v(kRowVelToResonance)));
+    slot(kSlotModWheelToFilterQ, DbToCentibels(v(kRowModWheelToResonance)));
+    slot(kSlotPressureToFilterQ, DbToCentibels(v(kRowAftertouchToResonance)));
   }
   // Below zero is a gain, which only a preset zone may add; the writer lifts
   // the instrument's zones and puts the rest there.
-  z.g[kInitialAttenuation] = std::clamp(RoundHalfAway(-r14 / 0.04), -1440, 1440);
+  z.g[kInitialAttenuation] = std::clamp(RoundHalfAway(-masterVolume / kAttenuationStepDb), -1440, 1440);
 
-  gen(kPan, v(51) * 500.0);
-  slot(60, v(52) / 0.002);
-  slot(59, v(53) / 0.000375);
-  if (sends.reverb >= 0) gen(kReverbSend, v(57 + 2 * sends.reverb) * 1000.0);
-  if (sends.chorus >= 0) gen(kChorusSend, v(57 + 2 * sends.chorus) * 1000.0);
+  gen(kPan, v(kRowPan) * 500.0);
+  slot(kSlotCc10ToPan, v(kRowCc10ToPan) / 0.002);
+  slot(kSlotKeyBiToPan, v(kRowKeyToPan) / 0.000375);
+  if (sends.reverb >= 0) gen(kReverbSend, v(kRowSend1 + 2 * sends.reverb) * 1000.0);
+  if (sends.chorus >= 0) gen(kChorusSend, v(kRowSend1 + 2 * sends.chorus) * 1000.0);
 
   auto envelope = [&](int k, const EnvSource& s) {
     auto r = [&](int offset) { return v(EnvRow(k, offset)); };
@@ -587,27 +623,29 @@ ZoneValues ArticulationToGens(const Articulation& merged, const SendSlots& sends
     z.g[s.release] = SecondsToTimecents(r(kEnvR1Rate), s.release);
     gen(s.keyHold, -100.0 * logOf(r(kEnvD1Key)));
     gen(s.keyDecay, -100.0 * logOf(r(kEnvD2Key)));
-    const int velRows[5] = {kEnvA1Vel, kEnvA2Vel, kEnvD1Vel, kEnvD2Vel, kEnvRelVel};
-    for (int i = 0; i < 5; ++i) slot(b + 8 + i, 600.0 * logOf(r(velRows[i])));
-    const int keyRows[3] = {kEnvA1Key, kEnvA2Key, kEnvRelKey};
-    for (int i = 0; i < 3; ++i) slot(b + 13 + i, 1200.0 * logOf(r(keyRows[i])) / 0.1875);
+    // By slot stage: delay, attack, hold, decay, release; for the key,
+    // delay, attack, release.
+    const int velRows[kEnvSlotStages] = {kEnvA1Vel, kEnvA2Vel, kEnvD1Vel, kEnvD2Vel, kEnvRelVel};
+    for (int i = 0; i < kEnvSlotStages; ++i) slot(b + kEnvSlotVelBi + i, 600.0 * logOf(r(velRows[i])));
+    const int keyRows[kEnvSlotKeyStages] = {kEnvA1Key, kEnvA2Key, kEnvRelKey};
+    for (int i = 0; i < kEnvSlotKeyStages; ++i) slot(b + kEnvSlotKeyBi + i, 1200.0 * logOf(r(keyRows[i])) / 0.1875);
   };
   envelope(kEnvV, kVolEnv);
 
-  const bool pitchEnv = v(11) != 0 || v(12) != 0;
-  const bool cutoffEnv = filterOn && (v(33) != 0 || v(34) != 0);
+  const bool pitchEnv = v(kRowPEnvToPitch) != 0 || v(kRowVelToPEnvPitch) != 0;
+  const bool cutoffEnv = filterOn && (v(kRowFEnvToCutoff) != 0 || v(kRowVelToFEnvCutoff) != 0);
   if (pitchEnv) {
     envelope(kEnvP, kModEnv);
   } else if (cutoffEnv) {
     envelope(kEnvF, kModEnv);
   }
   if (pitchEnv) {
-    gen(kModEnvToPitch, v(11) * 100.0);
-    slot(48, v(12) * 100.0);
+    gen(kModEnvToPitch, v(kRowPEnvToPitch) * 100.0);
+    slot(kSlotVelBiToModEnvPitch, v(kRowVelToPEnvPitch) * 100.0);
   }
   if (cutoffEnv) {
-    gen(kModEnvToFilterFc, v(33) * 100.0);
-    slot(58, v(34) * 100.0);
+    gen(kModEnvToFilterFc, v(kRowFEnvToCutoff) * 100.0);
+    slot(kSlotVelBiToModEnvCutoff, v(kRowVelToFEnvCutoff) * 100.0);
   }
   return z;
 }

@@ -111,7 +111,67 @@ bool InstrumentOnlyGen(int gen);
 
 // ---- modulator slots ----
 
+// The modulators the model has a row for, each in a fixed slot. "Uni" and
+// "Bi" are the source's polarity; velocity to attenuation and to cutoff take
+// the standard's negative velocity. ModWheel is CC 1, Pressure the channel
+// pressure, Wheel the pitch wheel.
+enum Slot : int {
+  // Two blocks of kEnvSlotsPerBlock, laid out as below.
+  kSlotVolEnv = 0,
+  kSlotModEnv = 16,
+  kSlotVelToAttenuation = 32,
+  kSlotKeyUniToAttenuation = 33,
+  kSlotKeyBiToAttenuation = 34,
+  kSlotModWheelToAttenuation = 35,
+  kSlotPressureToAttenuation = 36,
+  kSlotModWheelToModLfoVolume = 37,
+  kSlotPressureToModLfoVolume = 38,
+  kSlotVelBiToModLfoVolume = 39,
+  kSlotWheelToFineTune = 40,
+  kSlotModWheelToModLfoPitch = 41,
+  kSlotVelBiToModLfoPitch = 42,
+  kSlotPressureToModLfoPitch = 43,
+  kSlotModWheelToVibLfoPitch = 44,
+  kSlotVelBiToVibLfoPitch = 45,
+  kSlotPressureToVibLfoPitch = 46,
+  kSlotVelUniToModEnvPitch = 47,
+  kSlotVelBiToModEnvPitch = 48,
+  kSlotVelToCutoff = 49,
+  kSlotKeyUniToCutoff = 50,
+  kSlotKeyBiToCutoff = 51,
+  kSlotModWheelToCutoff = 52,
+  kSlotPressureToCutoff = 53,
+  kSlotModWheelToModLfoCutoff = 54,
+  kSlotPressureToModLfoCutoff = 55,
+  kSlotVelBiToModLfoCutoff = 56,
+  kSlotVelUniToModEnvCutoff = 57,
+  kSlotVelBiToModEnvCutoff = 58,
+  kSlotKeyBiToPan = 59,
+  kSlotCc10ToPan = 60,
+  kSlotCc91ToReverb = 61,
+  kSlotCc93ToChorus = 62,
+  kSlotVelBiToFilterQ = 63,
+  kSlotModWheelToFilterQ = 64,
+  kSlotPressureToFilterQ = 65,
+};
 inline constexpr int kSlotCount = 66;
+
+// An envelope's block of slots: velocity to each EnvSlotStage, key number to
+// each EnvSlotKeyStage, unipolar sources first.
+inline constexpr int kEnvSlotVelUni = 0;
+inline constexpr int kEnvSlotKeyUni = 5;
+inline constexpr int kEnvSlotVelBi = 8;
+inline constexpr int kEnvSlotKeyBi = 13;
+inline constexpr int kEnvSlotsPerBlock = 16;
+enum EnvSlotStage : int { kSlotDelay, kSlotAttack, kSlotHold, kSlotDecay, kSlotRelease, kEnvSlotStages };
+enum EnvSlotKeyStage : int { kSlotKeyDelay, kSlotKeyAttack, kSlotKeyRelease, kEnvSlotKeyStages };
+static_assert(kSlotModEnv == kSlotVolEnv + kEnvSlotsPerBlock &&
+                  kSlotVelToAttenuation == kSlotModEnv + kEnvSlotsPerBlock &&
+                  kSlotPressureToFilterQ + 1 == kSlotCount && kEnvSlotKeyUni == kEnvSlotVelUni + kEnvSlotStages &&
+                  kEnvSlotVelBi == kEnvSlotKeyUni + kEnvSlotKeyStages &&
+                  kEnvSlotKeyBi == kEnvSlotVelBi + kEnvSlotStages &&
+                  kEnvSlotsPerBlock == kEnvSlotKeyBi + kEnvSlotKeyStages,
+              "the slot blocks follow each other");
 
 struct SlotDef {
   uint16_t src;   // low 10 bits of the source: index, CC flag, direction, polarity

@@ -13,13 +13,14 @@
 #include "core/error.h"
 #include "core/fileref.h"
 #include "core/items.h"
+#include "core/resolved.h"
 #include "core/samplecodec.h"
 #include "core/settings.h"
 #include "core/text.h"
 #include "core/wavestore.h"
 #include "formats/modules/sf2.h"
 #include "formats/modules/sf2_format.h"
-#include "formats/registry.h"
+#include "formats/modules/module.h"
 
 namespace kv {
 
@@ -53,6 +54,10 @@ ModRec MakeMod(int slot, int amount) {
   m.amount.set(static_cast<uint32_t>(amount));
   return m;
 }
+
+// CC 91 and 93 to the sends: the standard's own modulators, which the
+// send rows stand for.
+bool DefaultSendSlot(int slot) { return slot == kSlotCc91ToReverb || slot == kSlotCc93ToChorus; }
 
 // The generators that carry articulation; the rest are written per zone.
 constexpr int kArtGens[] = {kModLfoToPitch, kVibLfoToPitch, kModEnvToPitch, kInitialFilterFc, kInitialFilterQ,
@@ -157,7 +162,7 @@ struct Writer {
       for (int n : kArtGens)
         if (global.g[n] != defaults.g[n]) gens.push_back(MakeGen(n, global.g[n]));
       for (int s = 0; s < kSlotCount; ++s)
-        if (global.m[s] != defaults.m[s] && s != 61 && s != 62) mods.push_back(MakeMod(s, global.m[s]));
+        if (global.m[s] != defaults.m[s] && !DefaultSendSlot(s)) mods.push_back(MakeMod(s, global.m[s]));
       if (!gens.empty() || !mods.empty()) Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
     }
     for (const LayerZones::Zone& z : layer.zones) {
@@ -168,7 +173,7 @@ struct Writer {
       SortGens(gens);
       gens.push_back(z.other.back());
       for (int s = 0; s < kSlotCount; ++s)
-        if (z.values.m[s] != global.m[s] && s != 61 && s != 62) mods.push_back(MakeMod(s, z.values.m[s]));
+        if (z.values.m[s] != global.m[s] && !DefaultSendSlot(s)) mods.push_back(MakeMod(s, z.values.m[s]));
       Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
     }
     candidates.push_back(index);
@@ -320,12 +325,9 @@ struct Writer {
         if (!AddWave(*wave)) return false;
         const WavePlace& place = places[PlaceOf(wave->id)];
         if (place.first < 0) continue;
-        const ZoneValues z =
-            ArticulationToGens(MergedArticulation(region->art, layer->art, instrument.art), sends, features);
-        const bool override = region->overrideMask;
-        const int loopType = (region->overrideMask & kOverrideLoopType) ? region->loopType : wave->loopType;
-        const bool releaseLoop =
-            ((region->overrideMask & kOverrideLoopRelease) ? region->loopRelease : wave->loopRelease) != 0;
+        const ResolvedRegion resolved = ResolveRegion(*region);
+        const ZoneValues z = ArticulationToGens(resolved.art, sends, features);
+        const LoopView& loop = resolved.loop;
         for (int ch = 0; ch < place.channels; ++ch) {
           LayerZones::Zone& zone = zones.zones.emplace_back();
           zone.values = z;
@@ -333,28 +335,31 @@ struct Writer {
           if (place.channels == 2) zone.values.g[kPan] = ch == 0 ? -500 : 500;
           std::vector<GenRec>& gens = zone.other;
           OpenRanges(region->trigger, layer->trigger, gens);
-          if (region->startOffset > 0) {
-            gens.push_back(MakeGen(kStartAddrsOffset, region->startOffset % 32768));
-            if (region->startOffset >= 32768) gens.push_back(MakeGen(kStartAddrsCoarse, region->startOffset / 32768));
+          if (resolved.startOffset > 0) {
+            gens.push_back(MakeGen(kStartAddrsOffset, resolved.startOffset % 32768));
+            if (resolved.startOffset >= 32768) {
+              gens.push_back(MakeGen(kStartAddrsCoarse, resolved.startOffset / 32768));
+            }
           }
-          if (region->endOffset < 0) {
-            gens.push_back(MakeGen(kEndAddrsOffset, region->endOffset % 32768));
-            if (region->endOffset <= -32768) gens.push_back(MakeGen(kEndAddrsCoarse, region->endOffset / 32768));
+          if (resolved.endOffset < 0) {
+            gens.push_back(MakeGen(kEndAddrsOffset, resolved.endOffset % 32768));
+            if (resolved.endOffset <= -32768) gens.push_back(MakeGen(kEndAddrsCoarse, resolved.endOffset / 32768));
           }
-          if (override && (region->overrideMask & (kOverrideLoopStart | kOverrideLoopEnd))) {
-            const int ds = RoundHalfAway(region->loopStart - wave->loopStart);
-            const int de = RoundHalfAway(std::min<double>(region->loopEnd, wave->length) -
-                                         std::min<double>(wave->loopEnd, wave->length));
-            if (ds) gens.push_back(MakeGen(kStartloopAddrsOffset, ds % 32768));
-            if (ds / 32768) gens.push_back(MakeGen(kStartloopAddrsCoarse, ds / 32768));
-            if (de) gens.push_back(MakeGen(kEndloopAddrsOffset, de % 32768));
-            if (de / 32768) gens.push_back(MakeGen(kEndloopAddrsCoarse, de / 32768));
-          }
-          if (loopType != 0) gens.push_back(MakeGen(kSampleModes, releaseLoop ? 3 : 1));
+          // The loop as the region plays it, against the sample header's.
+          const int ds = RoundHalfAway(loop.start - wave->loopStart);
+          const int de = RoundHalfAway(std::min<double>(loop.end, wave->length) -
+                                       std::min<double>(wave->loopEnd, wave->length));
+          if (ds) gens.push_back(MakeGen(kStartloopAddrsOffset, ds % 32768));
+          if (ds / 32768) gens.push_back(MakeGen(kStartloopAddrsCoarse, ds / 32768));
+          if (de) gens.push_back(MakeGen(kEndloopAddrsOffset, de % 32768));
+          if (de / 32768) gens.push_back(MakeGen(kEndloopAddrsCoarse, de / 32768));
+          if (loop.type != 0) gens.push_back(MakeGen(kSampleModes, loop.release != 0 ? 3 : 1));
           if (region->trigger.exclusionGroup) {
             gens.push_back(MakeGen(kExclusiveClass, std::min<int>(region->trigger.exclusionGroup, 127)));
           }
-          if (region->overrideMask & kOverrideRootKey) gens.push_back(MakeGen(kOverridingRootKey, region->rootKey));
+          if (region->overrideMask & kOverrideRootKey) {
+            gens.push_back(MakeGen(kOverridingRootKey, resolved.pitch.rootKey));
+          }
           gens.push_back(MakeGen(kSampleId, place.first + ch));
         }
       }

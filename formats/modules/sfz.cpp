@@ -57,9 +57,9 @@ int sfz_Detect(const uint8_t* data, uint32_t, uint32_t size, uint64_t) {
 #include "core/items.h"
 #include "core/params.h"
 #include "core/text.h"
-#include "formats/import.h"
+#include "core/units.h"
+#include "formats/modules/module.h"
 #include "formats/modules/sfz_internal.h"
-#include "formats/registry.h"
 
 namespace kv {
 
@@ -139,6 +139,10 @@ constexpr int kMaxIncludes = 1024;
 constexpr std::size_t kMaxRegions = 1u << 17;
 constexpr std::size_t kMaxEffects = 16;
 constexpr std::size_t kMaxLayers = 1024;
+// lfoN_ and egN_ opcodes number with one or two digits; an egN_ has up to 16
+// points, time0-15 and level0-15.
+constexpr int kLastNumbered = 99;
+constexpr int kEgPoints = 16;
 
 using Opcodes = std::map<std::string, std::string, std::less<>>;
 
@@ -498,7 +502,7 @@ std::string Canonical(std::string_view raw) {
     if (!ok && (StartsWith(w, "time") || StartsWith(w, "level"))) {
       rest = w.substr(w[0] == 't' ? 4 : 5);
       auto r = std::from_chars(rest.data(), rest.data() + rest.size(), k);
-      ok = r.ec == std::errc() && r.ptr == rest.data() + rest.size() && k >= 0 && k < 16;
+      ok = r.ec == std::errc() && r.ptr == rest.data() + rest.size() && k >= 0 && k < kEgPoints;
     }
     return ok ? "eg" + std::to_string(n) + "_" + std::string(w) : "";
   }
@@ -561,7 +565,7 @@ double VelocityRatio(double time, double amount) {
 
 double KeyRatio(double time, double amount) {
   if (time <= 0.0) return amount > 0 ? 4.0 : amount < 0 ? 0.25 : 1.0;
-  return std::clamp((time + amount * 12.0 / 127.0) / time, 0.25, 4.0);
+  return std::clamp((time + amount * 12.0 / sfz::kCcTop) / time, 0.25, 4.0);
 }
 
 // The articulation a record gives: catalogue defaults, with every row that
@@ -575,68 +579,64 @@ void ToArticulation(const Record& r, Articulation& a) {
   if (r.Has("pitch_keytrack")) set(kRowKeyToPitch, num("pitch_keytrack", 100) * 0.01);
   if (r.Has("bend_up") || r.Has("bend_down"))
     set(kRowBendToPitch, std::max(std::fabs(num("bend_up", 200)), std::fabs(num("bend_down", -200))) * 0.01);
-  if (r.Has("pitch_random")) set(13, num("pitch_random", 0) * 0.01);
-  else if (r.Has("pitchcc135")) set(13, num("pitchcc135", 0) * 0.005);
+  if (r.Has("pitch_random")) set(kRowRandomPitch, num("pitch_random", 0) * 0.01);
+  else if (r.Has("pitchcc135")) set(kRowRandomPitch, num("pitchcc135", 0) * 0.005);
 
   // Volume.
   if (r.Has("volume") || r.Has("amp_keytrack") || r.Has("amp_keycenter"))
     set(kRowMasterVolume, num("volume", 0) + (60.0 - r.Key("amp_keycenter", 60)) * num("amp_keytrack", 0));
-  if (r.Has("amp_veltrack")) set(15, num("amp_veltrack", 100) / 100.0 * 96.0);
-  if (r.Has("amp_keytrack")) set(16, num("amp_keytrack", 0) * 12.0);
-  if (r.Has("volumecc1")) set(17, num("volumecc1", 0));
-  if (r.Has("volumecc129")) set(18, num("volumecc129", 0));
+  if (r.Has("amp_veltrack")) set(kRowVelToVolume, num("amp_veltrack", 100) / 100.0 * 96.0);
+  if (r.Has("amp_keytrack")) set(kRowKeyToVolume, num("amp_keytrack", 0) * 12.0);
+  if (r.Has("volumecc1")) set(kRowModWheelToVolume, num("volumecc1", 0));
+  if (r.Has("volumecc129")) set(kRowAftertouchToVolume, num("volumecc129", 0));
 
   // Filter: the second one only when the first is off.
   const bool second = !r.Has("cutoff") && r.Has("cutoff2");
   const std::string p = second ? "2" : "";
   if (r.Has("cutoff" + p)) {
     const std::string fil = second ? "fil2_" : "fil_";
-    double cutoff = num("cutoff" + p, 8000);
     const std::string_view typeName = r.Str(fil + "type");
     const int type = typeName.empty() ? 2 : sfz::FilterTypeFromName(typeName);
     set(kRowFilterType, type);
-    double vel = 0, key = 0;
-    if (r.Has(fil + "veltrack")) {
-      vel = num(fil + "veltrack", 0) * 0.01 / 2.0;
-      cutoff *= std::exp(vel * std::log(2.0) / 12.0);
-      set(25, vel);
-    }
-    if (r.Has(fil + "keytrack")) {
-      key = num(fil + "keytrack", 0) * 0.12;
-      cutoff *= std::exp(key * (60.0 - r.Key(fil + "keycenter", 60)) / 12.0 * std::log(2.0) / 12.0);
-      set(26, key);
-    }
-    set(kRowCutoff, cutoff);
-    if (r.Has("cutoff" + p + "cc1")) set(27, num("cutoff" + p + "cc1", 0) * 0.01);
-    if (r.Has("cutoff" + p + "cc129")) set(28, num("cutoff" + p + "cc129", 0) * 0.01);
+    // SFZ's cutoff holds at velocity 0 and at fil_keycenter.
+    FormatCutoff format;
+    format.hz = num("cutoff" + p, 8000);
+    format.velocitySpan = num(fil + "veltrack", 0) * 0.01;
+    format.keyPerOctave = num(fil + "keytrack", 0) * 0.12;
+    const ModelCutoff model = CutoffToModel(format, r.Key(fil + "keycenter", 60));
+    if (r.Has(fil + "veltrack")) set(kRowVelToCutoff, model.velocityDepth);
+    if (r.Has(fil + "keytrack")) set(kRowKeyToCutoff, model.keyDepth);
+    set(kRowCutoff, model.hz);
+    if (r.Has("cutoff" + p + "cc1")) set(kRowModWheelToCutoff, num("cutoff" + p + "cc1", 0) * 0.01);
+    if (r.Has("cutoff" + p + "cc129")) set(kRowAftertouchToCutoff, num("cutoff" + p + "cc129", 0) * 0.01);
   }
   const std::string q = !r.Has("resonance") && r.Has("resonance2") ? "2" : "";
   if (r.Has("resonance" + q)) set(kRowResonance, num("resonance" + q, 0));
-  if (r.Has("resonance" + q + "cc1")) set(37, num("resonance" + q + "cc1", 0));
-  if (r.Has("resonance" + q + "cc129")) set(38, num("resonance" + q + "cc129", 0));
+  if (r.Has("resonance" + q + "cc1")) set(kRowModWheelToResonance, num("resonance" + q + "cc1", 0));
+  if (r.Has("resonance" + q + "cc129")) set(kRowAftertouchToResonance, num("resonance" + q + "cc129", 0));
 
   // EQ bands.
   for (int b = 0; b < kEqBands; ++b) {
     const std::string e = "eq" + std::to_string(b + 1) + "_";
-    const int base = kRowEqBase + 4 * b;
+    const int band = (kRowEq2Mode - kRowEq1Mode) * b;
     if (r.Has(e + "type")) {
       const std::string_view t = r.Str(e + "type");
-      set(base, t == "lshelf" ? 1 : t == "hshelf" ? 2 : 0);
+      set(kRowEq1Mode + band, t == "lshelf" ? 1 : t == "hshelf" ? 2 : 0);
     }
-    if (r.Has(e + "freq")) set(base + 1, num(e + "freq", 0));
-    if (r.Has(e + "gain")) set(base + 2, num(e + "gain", 0));
-    if (r.Has(e + "bw")) set(base + 3, sfz::BandwidthToQ(num(e + "bw", 1)));
+    if (r.Has(e + "freq")) set(kRowEq1Frequency + band, num(e + "freq", 0));
+    if (r.Has(e + "gain")) set(kRowEq1Gain + band, num(e + "gain", 0));
+    if (r.Has(e + "bw")) set(kRowEq1Q + band, sfz::BandwidthToQ(num(e + "bw", 1)));
   }
 
   // Pan and sends.
   if (r.Has("pan") || r.Has("pan_keytrack"))
-    set(51, num("pan", 0) / 100.0 + (60.0 - r.Key("pan_keycenter", 60)) * num("pan_keytrack", 0) / 100.0);
-  if (r.Has("pancc10")) set(52, num("pancc10", 100) / 100.0);
-  if (r.Has("pan_keytrack")) set(53, num("pan_keytrack", 0) * 12.0 / 100.0);
-  if (r.Has("pan_random")) set(56, num("pan_random", 0) / 100.0);
+    set(kRowPan, num("pan", 0) / 100.0 + (60.0 - r.Key("pan_keycenter", 60)) * num("pan_keytrack", 0) / 100.0);
+  if (r.Has("pancc10")) set(kRowCc10ToPan, num("pancc10", 100) / 100.0);
+  if (r.Has("pan_keytrack")) set(kRowKeyToPan, num("pan_keytrack", 0) * 12.0 / 100.0);
+  if (r.Has("pan_random")) set(kRowRandomPan, num("pan_random", 0) / 100.0);
   for (int n = 0; n < 4; ++n) {
     const std::string k = "effect" + std::to_string(n + 1);
-    if (r.Has(k)) set(57 + 2 * n, num(k, 0) / 100.0);
+    if (r.Has(k)) set(sfz::kSendRows[n], num(k, 0) / 100.0);
   }
 
   // Envelopes V, P, F.
@@ -645,8 +645,9 @@ void ToArticulation(const Record& r, Articulation& a) {
     int k;
     int depthRow, velDepthRow;
   };
-  for (const EnvDef& d : {EnvDef{"ampeg_", kEnvV, -1, -1}, EnvDef{"pitcheg_", kEnvP, 11, 12},
-                          EnvDef{"fileg_", kEnvF, 33, 34}}) {
+  for (const EnvDef& d : {EnvDef{"ampeg_", kEnvV, -1, -1},
+                          EnvDef{"pitcheg_", kEnvP, kRowPEnvToPitch, kRowVelToPEnvPitch},
+                          EnvDef{"fileg_", kEnvF, kRowFEnvToCutoff, kRowVelToFEnvCutoff}}) {
     const std::string e = d.prefix;
     auto row = [&](int offset) { return EnvRow(d.k, offset); };
     auto time = [&](const char* w) { return std::max(0.0, num(e + w, 0)); };
@@ -675,8 +676,15 @@ void ToArticulation(const Record& r, Articulation& a) {
     double scale;
   };
   bool pitchLfo = false;
-  for (const LfoDef& d : {LfoDef{"pitchlfo_", kLfoP, {3, 4, 5, 6}, 0.01}, LfoDef{"amplfo_", kLfoV, {19, 20, 21, 22}, 1.0},
-                          LfoDef{"fillfo_", kLfoF, {29, 30, 31, 32}, 0.01}}) {
+  const LfoDef lfos[] = {
+      {"pitchlfo_", kLfoP,
+       {kRowPLfoToPitch, kRowModWheelToPLfoPitch, kRowAftertouchToPLfoPitch, kRowVelToPLfoPitch}, 0.01},
+      {"amplfo_", kLfoV,
+       {kRowVLfoToVolume, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume, kRowVelToVLfoVolume}, 1.0},
+      {"fillfo_", kLfoF,
+       {kRowFLfoToCutoff, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff, kRowVelToFLfoCutoff}, 0.01},
+  };
+  for (const LfoDef& d : lfos) {
     const std::string l = d.prefix;
     bool any = false;
     if (r.Has(l + "freq")) set(LfoRow(d.n, kLfoFrequency), num(l + "freq", 5)), any = true;
@@ -690,7 +698,7 @@ void ToArticulation(const Record& r, Articulation& a) {
 
   // Generic LFOs, folded by target: amplitude to V, cutoff to F, pitch to P
   // (to X when the P-LFO is in use already), pan to X.
-  for (int n = 1; n <= 99; ++n) {
+  for (int n = 1; n <= kLastNumbered; ++n) {
     const std::string l = "lfo" + std::to_string(n) + "_";
     auto it = r.o.lower_bound(l);
     if (it == r.o.end() || !StartsWith(it->first, l)) continue;
@@ -700,13 +708,15 @@ void ToArticulation(const Record& r, Articulation& a) {
       int rows[3];  // depth, mod wheel, aftertouch
       double scale;
     };
-    const int pitchTo = pitchLfo ? kLfoX : kLfoP;
+    const Target pitch =
+        pitchLfo ? Target{"pitch", kLfoX, {kRowXLfoToPitch, kRowModWheelToXLfoPitch, kRowAftertouchToXLfoPitch}, 0.01}
+                 : Target{"pitch", kLfoP, {kRowPLfoToPitch, kRowModWheelToPLfoPitch, kRowAftertouchToPLfoPitch}, 0.01};
     const Target targets[5] = {
-        {"pitch", pitchTo, {pitchTo == kLfoP ? 3 : 7, pitchTo == kLfoP ? 4 : 8, pitchTo == kLfoP ? 5 : 9}, 0.01},
-        {"cutoff", kLfoF, {29, 30, 31}, 0.01},
-        {"volume", kLfoV, {19, 20, 21}, 1.0},
-        {"amplitude", kLfoV, {19, 20, 21}, -1.0},
-        {"pan", kLfoX, {54, -1, -1}, 0.01},
+        pitch,
+        {"cutoff", kLfoF, {kRowFLfoToCutoff, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff}, 0.01},
+        {"volume", kLfoV, {kRowVLfoToVolume, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume}, 1.0},
+        {"amplitude", kLfoV, {kRowVLfoToVolume, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume}, -1.0},
+        {"pan", kLfoX, {kRowXLfoToPan, -1, -1}, 0.01},
     };
     for (const Target& t : targets) {
       const std::string w = t.word;
@@ -735,19 +745,19 @@ void ToArticulation(const Record& r, Articulation& a) {
 
   // Generic envelopes: points before the sustain point fill attack 1, attack
   // 2, decay 1 and decay 2; those after it the three release segments.
-  for (int n = 1; n <= 99; ++n) {
+  for (int n = 1; n <= kLastNumbered; ++n) {
     const std::string e = "eg" + std::to_string(n) + "_";
     auto it = r.o.lower_bound(e);
     if (it == r.o.end() || !StartsWith(it->first, e)) continue;
     int k = -1, depthRow = -1;
     double depth = 0;
     if (r.Has(e + "amplitude")) k = kEnvV;
-    else if (r.Has(e + "cutoff")) k = kEnvF, depthRow = 33, depth = num(e + "cutoff", 0) * 0.01;
-    else if (r.Has(e + "pitch")) k = kEnvP, depthRow = 11, depth = num(e + "pitch", 0) * 0.01;
-    else if (r.Has(e + "pan")) k = kEnvX, depthRow = 55, depth = num(e + "pan", 0) * 0.01;
+    else if (r.Has(e + "cutoff")) k = kEnvF, depthRow = kRowFEnvToCutoff, depth = num(e + "cutoff", 0) * 0.01;
+    else if (r.Has(e + "pitch")) k = kEnvP, depthRow = kRowPEnvToPitch, depth = num(e + "pitch", 0) * 0.01;
+    else if (r.Has(e + "pan")) k = kEnvX, depthRow = kRowXEnvToPan, depth = num(e + "pan", 0) * 0.01;
     if (k < 0) continue;
     auto row = [&](int offset) { return EnvRow(k, offset); };
-    const int points = std::clamp(static_cast<int>(num(e + "points", 16)), 1, 16);
+    const int points = std::clamp(static_cast<int>(num(e + "points", kEgPoints)), 1, kEgPoints);
     const int sustain = std::clamp(static_cast<int>(num(e + "sustain", 0)), 0, points - 1);
     auto time = [&](int i) { return std::max(0.0, num(e + "time" + std::to_string(i), 0)); };
     auto level = [&](int i) { return num(e + "level" + std::to_string(i), 0); };
@@ -784,7 +794,7 @@ struct RegionDraft {
   Articulation art;
   Ranges ranges;
   int root = 60;  // 255: the sample's own
-  std::vector<std::pair<int, float>> trigger;  // rows 189-203 but for the ranges
+  std::vector<std::pair<int, float>> trigger;  // trigger rows but for the ranges
   int loopType = -1;                           // -1: the sample's
   int loopRelease = -1;
   double loopStart = -1, loopEnd = -1;         // loopEnd exclusive
@@ -812,19 +822,19 @@ RegionDraft ToRegion(const Opcodes& o) {
 
   auto trig = [&](int p, double v) { s.trigger.emplace_back(p, static_cast<float>(v)); };
   if (r.Has("locc64") || r.Has("hicc64")) {
-    const double lo = r.Num("locc64", 0), hi = r.Num("hicc64", 127);
-    trig(200, lo < 64 && hi >= 64 ? 0 : lo >= 64 ? 1 : 2);
+    const double lo = r.Num("locc64", 0), hi = r.Num("hicc64", sfz::kCcTop);
+    trig(kRowSustainSwitch, lo < sfz::kPedalDown && hi >= sfz::kPedalDown ? 0 : lo >= sfz::kPedalDown ? 1 : 2);
   }
   if (r.Has("group") && r.Has("off_by") && r.Num("group", 0) == r.Num("off_by", -1) && r.Num("group", 0) > 0)
-    trig(202, std::min(r.Num("group", 0), 65535.0));
+    trig(kRowExclusionGroup, std::min(r.Num("group", 0), 65535.0));
   if (r.Has("trigger")) {
     const std::string_view t = r.Str("trigger");
-    if (t == "release" || t == "release_key") trig(189, 1);
-    else if (t == "attack") trig(189, 0);
+    if (t == "release" || t == "release_key") trig(kRowTriggerType, 1);
+    else if (t == "attack") trig(kRowTriggerType, 0);
   }
-  if (r.Num("seq_length", 1) >= 2) trig(189, 2 + std::clamp(r.Num("seq_position", 1) - 1, 0.0, 15.0));
-  if (r.Has("xf_keycurve")) trig(196, r.Str("xf_keycurve") == "gain" ? 1 : 0);
-  if (r.Has("xf_velcurve")) trig(199, r.Str("xf_velcurve") == "gain" ? 1 : 0);
+  if (r.Num("seq_length", 1) >= 2) trig(kRowTriggerType, 2 + std::clamp(r.Num("seq_position", 1) - 1, 0.0, 15.0));
+  if (r.Has("xf_keycurve")) trig(kRowKeyFadeFormula, r.Str("xf_keycurve") == "gain" ? 1 : 0);
+  if (r.Has("xf_velcurve")) trig(kRowVelFadeFormula, r.Str("xf_velcurve") == "gain" ? 1 : 0);
   // Fades: the region's limit moves to the centre of the fade, whose width
   // is the range.
   auto fade = [&](const char* lo, const char* hi, bool key, int row, int& limit) {
@@ -835,11 +845,11 @@ RegionDraft ToRegion(const Opcodes& o) {
     limit = (a + b + 1) / 2;
     trig(row, std::min(b - a, 126));
   };
-  fade("xfin_lokey", "xfin_hikey", true, 194, s.ranges.lokey);
-  fade("xfout_lokey", "xfout_hikey", true, 195, s.ranges.hikey);
-  fade("xfin_lovel", "xfin_hivel", false, 197, s.ranges.lovel);
-  fade("xfout_lovel", "xfout_hivel", false, 198, s.ranges.hivel);
-  if (r.Has("delay")) trig(201, std::clamp(r.Num("delay", 0), 0.0, 100.0));
+  fade("xfin_lokey", "xfin_hikey", true, kRowKeyFadeIn, s.ranges.lokey);
+  fade("xfout_lokey", "xfout_hikey", true, kRowKeyFadeOut, s.ranges.hikey);
+  fade("xfin_lovel", "xfin_hivel", false, kRowVelFadeIn, s.ranges.lovel);
+  fade("xfout_lovel", "xfout_hivel", false, kRowVelFadeOut, s.ranges.hivel);
+  if (r.Has("delay")) trig(kRowTriggerDelay, std::clamp(r.Num("delay", 0), 0.0, 100.0));
   if (r.Has("delay_samples")) s.delaySamples = std::max(0.0, r.Num("delay_samples", 0));
 
   s.offset = std::clamp(r.Num("offset", 0), 0.0, 1e6);
@@ -874,38 +884,39 @@ double Percent(const Record& r, std::string_view k, double def) { return r.Num(k
 void ApplyEffect(Instrument& inst, int slot, const Opcodes& o) {
   const Record r{o};
   const std::string_view type = r.Str("type");
-  const int base = kFirstFxParam + kFxRowsPerSlot * slot;
-  auto put = [&](int i, double v) { params::Set(inst, base + 1 + i, static_cast<float>(v)); };
+  auto setType = [&](sfz::FxType t) { params::Set(inst, FxTypeParam(slot), static_cast<float>(t)); };
+  auto put = [&](sfz::FxPlace place, double v) { params::Set(inst, FxParam(slot, place), static_cast<float>(v)); };
+  using namespace sfz;
   if (type == "large_hall" || type == "large_room" || type == "small_hall" || type == "small_room" ||
       type == "fverb") {
-    params::Set(inst, base, 2);
+    setType(kFxReverb);
     const double size = type == "large_hall" ? 0.9 : type == "large_room" ? 0.7 : type == "small_hall" ? 0.5 : 0.3;
-    put(0, std::clamp(Percent(r, "size", size), 0.0, 1.0));
-    if (r.Has("damp")) put(1, std::clamp(Percent(r, "damp", 0.5), 0.0, 1.0));
+    put(kReverbSize, std::clamp(Percent(r, "size", size), 0.0, 1.0));
+    if (r.Has("damp")) put(kReverbDamp, std::clamp(Percent(r, "damp", 0.5), 0.0, 1.0));
   } else if (type == "chorus" || type == "flanger") {
-    params::Set(inst, base, 1);
-    if (r.Has("lfofreq")) put(0, r.Num("lfofreq", 0.3));
-    if (r.Has("depth")) put(1, Percent(r, "depth", 0.4) * 0.02);
-    if (r.Has("feedback")) put(3, std::fabs(Percent(r, "feedback", 0)));
-    if (type == "flanger") put(6, 1);
+    setType(kFxChorus);
+    if (r.Has("lfofreq")) put(kChorusRate, r.Num("lfofreq", 0.3));
+    if (r.Has("depth")) put(kChorusDepth, Percent(r, "depth", 0.4) * kChorusFullDepth);
+    if (r.Has("feedback")) put(kChorusFeedback, std::fabs(Percent(r, "feedback", 0)));
+    if (type == "flanger") put(kChorusFlanger, 1);
   } else if (type == "phaser") {
-    params::Set(inst, base, 7);
-    if (r.Has("lfofreq")) put(1, r.Num("lfofreq", 0.5));
-    if (r.Has("depth")) put(2, Percent(r, "depth", 0.5));
-    if (r.Has("feedback")) put(4, std::fabs(Percent(r, "feedback", 0.75)));
+    setType(kFxPhaser);
+    if (r.Has("lfofreq")) put(kPhaserRate, r.Num("lfofreq", 0.5));
+    if (r.Has("depth")) put(kPhaserDepth, Percent(r, "depth", 0.5));
+    if (r.Has("feedback")) put(kPhaserFeedback, std::fabs(Percent(r, "feedback", 0.75)));
   } else if (type == "disto") {
-    params::Set(inst, base, 6);
-    if (r.Has("drive")) put(0, r.Num("drive", 24));
+    setType(kFxOverdrive);
+    if (r.Has("drive")) put(kOverdriveDrive, r.Num("drive", 24));
   } else if (type == "comp") {
-    params::Set(inst, base, 5);
-    if (r.Has("threshold")) put(0, r.Num("threshold", -24));
-    if (r.Has("ratio")) put(1, r.Num("ratio", 4));
-    if (r.Has("attack")) put(2, r.Num("attack", 0.025));
-    if (r.Has("release")) put(3, r.Num("release", 0.125));
-    if (r.Has("gain")) put(4, r.Num("gain", 0));
+    setType(kFxCompressor);
+    if (r.Has("threshold")) put(kCompThreshold, r.Num("threshold", -24));
+    if (r.Has("ratio")) put(kCompRatio, r.Num("ratio", 4));
+    if (r.Has("attack")) put(kCompAttack, r.Num("attack", 0.025));
+    if (r.Has("release")) put(kCompRelease, r.Num("release", 0.125));
+    if (r.Has("gain")) put(kCompGain, r.Num("gain", 0));
   } else if (type == "filter") {
-    params::Set(inst, base, 8);
-    if (r.Has("cutoff") || r.Has("freq")) put(2, r.Num(r.Has("cutoff") ? "cutoff" : "freq", 0));
+    setType(kFxShaper);
+    if (r.Has("cutoff") || r.Has("freq")) put(kShaperFocus, r.Num(r.Has("cutoff") ? "cutoff" : "freq", 0));
   }
 }
 
@@ -1007,13 +1018,8 @@ class SampleLoader {
     const std::string ext = LowerExtension(path);
     const bool known = std::find(std::begin(kSampleExtensions), std::end(kSampleExtensions), ext) !=
                        std::end(kSampleExtensions);
-    FormatReadFn read = nullptr;
-    int row = -1;
-    if (known) {
-      row = FindReaderByPath(path);
-      read = RowReadFunction(row);
-    }
-    if (known && !read) {
+    const SampleReader reader = known ? FindSampleReader(path) : SampleReader{};
+    if (known && !reader.read) {
       const char* decoder = DecoderName(ext);
       Missing& m = missingDecoder_[decoder ? decoder : ext];
       if (m.count++ == 0) m.first = stored;
@@ -1025,7 +1031,7 @@ class SampleLoader {
       NoteNotFound(stored);
       return nullptr;
     }
-    return ReadInto(file, read, FormatAt(row)->parameter, path.stem().string(), stored);
+    return ReadInto(file, reader.read, reader.parameter, path.stem().string(), stored);
   }
 
   // A sample stored in the file itself (a <sample> header with base64data):
@@ -1037,9 +1043,8 @@ class SampleLoader {
       return nullptr;
     }
     const std::string ext = LowerExtension(fs::path(name));
-    const int row = FindReaderByPath(fs::path(name));
-    const FormatReadFn read = RowReadFunction(row);
-    if (!read || std::find(std::begin(kSampleExtensions), std::end(kSampleExtensions), ext) ==
+    const SampleReader reader = FindSampleReader(fs::path(name));
+    if (!reader.read || std::find(std::begin(kSampleExtensions), std::end(kSampleExtensions), ext) ==
                      std::end(kSampleExtensions)) {
       NoteNotFound(name);
       return nullptr;
@@ -1055,7 +1060,7 @@ class SampleLoader {
     {
       FileRef file(fd, pattern, true);
       if (file.Write(bytes.data(), bytes.size()) && file.Seek(0))
-        wave = ReadInto(file, read, FormatAt(row)->parameter, fs::path(name).stem().string(), name);
+        wave = ReadInto(file, reader.read, reader.parameter, fs::path(name).stem().string(), name);
       // The temporary file goes: the samples must be in memory first.
       if (wave && wave->EnsureData()) {
         wave->readCallback = nullptr;
@@ -1341,16 +1346,17 @@ struct LayerSlot {
 void ApplyRegion(Region& region, const RegionDraft& s, const Waveform* wave) {
   for (const auto& [p, v] : s.trigger) region.SetParam(p, v);
   const double rate = wave && wave->sampleRate ? wave->sampleRate : 44100.0;
-  if (s.delaySamples >= 0) region.SetParam(201, static_cast<float>(std::min(100.0, s.delaySamples / rate)));
-  if (s.loopType >= 0) region.SetParam(204, static_cast<float>(s.loopType));
-  if (s.loopRelease >= 0) region.SetParam(205, static_cast<float>(s.loopRelease));
-  if (s.loopStart >= 0) region.SetParam(206, static_cast<float>(s.loopStart));
-  if (s.loopEnd >= 0) region.SetParam(207, static_cast<float>(s.loopEnd));
-  if (s.hasLoopTune) region.SetParam(208, static_cast<float>(s.loopTune));
-  if (s.offset > 0) region.SetParam(221, static_cast<float>(s.offset));
+  if (s.delaySamples >= 0)
+    region.SetParam(kRowTriggerDelay, static_cast<float>(std::min(100.0, s.delaySamples / rate)));
+  if (s.loopType >= 0) region.SetParam(kRowLoopType, static_cast<float>(s.loopType));
+  if (s.loopRelease >= 0) region.SetParam(kRowLoopRelease, static_cast<float>(s.loopRelease));
+  if (s.loopStart >= 0) region.SetParam(kRowLoopStart, static_cast<float>(s.loopStart));
+  if (s.loopEnd >= 0) region.SetParam(kRowLoopEnd, static_cast<float>(s.loopEnd));
+  if (s.hasLoopTune) region.SetParam(kRowLoopPitch, static_cast<float>(s.loopTune));
+  if (s.offset > 0) region.SetParam(kRowStartOffset, static_cast<float>(s.offset));
   if (s.hasEnd && wave && wave->length) {
     const double endOffset = std::min(0.0, s.end + 1.0 - wave->length);
-    if (endOffset < 0) region.SetParam(222, static_cast<float>(std::max(-1e6, endOffset)));
+    if (endOffset < 0) region.SetParam(kRowEndOffset, static_cast<float>(std::max(-1e6, endOffset)));
   }
 }
 
@@ -1432,12 +1438,12 @@ bool ReadSfz(Collection& c, FileRef& file) {
         const Ranges& g = rec.groupRanges;
         const Ranges full;
         if (g.lokey != full.lokey || g.hikey != full.hikey) {
-          slot->layer->SetParam(190, static_cast<float>(std::clamp(g.lokey, 0, 127)));
-          slot->layer->SetParam(191, static_cast<float>(std::clamp(g.hikey, 0, 127)));
+          slot->layer->SetParam(kRowLoKey, static_cast<float>(std::clamp(g.lokey, 0, 127)));
+          slot->layer->SetParam(kRowHiKey, static_cast<float>(std::clamp(g.hikey, 0, 127)));
         }
         if (g.lovel != full.lovel || g.hivel != full.hivel) {
-          slot->layer->SetParam(192, static_cast<float>(std::clamp(g.lovel, 0, 127)));
-          slot->layer->SetParam(193, static_cast<float>(std::clamp(g.hivel, 0, 127)));
+          slot->layer->SetParam(kRowLoVel, static_cast<float>(std::clamp(g.lovel, 0, 127)));
+          slot->layer->SetParam(kRowHiVel, static_cast<float>(std::clamp(g.hivel, 0, 127)));
         }
         layers.push_back(std::move(slot));
         layerGroup.push_back(rec.group);

@@ -35,4 +35,33 @@ inline constexpr EnvSegment kEnvSegments[] = {
     {"release", kEnvR1Rate, kEnvRelVel, kEnvRelKey},
 };
 
+// Controller values: CC 64 from kPedalDown up is a held pedal; kCcTop is the
+// top of every controller, CC 133 (the key number) included.
+inline constexpr int kPedalDown = 64;
+inline constexpr int kCcTop = 127;
+
+// The send levels, one per bus (effect1-4 opcodes, fx1-fx4 buses).
+inline constexpr int kSendRows[4] = {kRowSend1, kRowSend2, kRowSend3, kRowSend4};
+
+// Channel effect types an <effect> header becomes, and the places
+// (ChannelFx::param, FxParam) of the values it names.
+enum FxType : int {
+  kFxChorus = 1,
+  kFxReverb = 2,
+  kFxCompressor = 5,
+  kFxOverdrive = 6,
+  kFxPhaser = 7,
+  kFxShaper = 8,  // the "filter" effect: its cutoff is the focus frequency
+};
+enum FxPlace : int {
+  kChorusRate = 0, kChorusDepth = 1, kChorusFeedback = 3, kChorusFlanger = 6,
+  kReverbSize = 0, kReverbDamp = 1,
+  kCompThreshold = 0, kCompRatio = 1, kCompAttack = 2, kCompRelease = 3, kCompGain = 4,
+  kOverdriveDrive = 0,
+  kPhaserRate = 1, kPhaserDepth = 2, kPhaserFeedback = 4,
+  kShaperFocus = 2,
+};
+// Chorus depth is a time in the model, a percent of this in SFZ.
+inline constexpr double kChorusFullDepth = 0.02;
+
 }  // namespace kv::sfz

@@ -21,11 +21,12 @@
 #include "core/error.h"
 #include "core/fileref.h"
 #include "core/items.h"
-#include "formats/export.h"
+#include "core/resolved.h"
+#include "core/units.h"
+#include "formats/modules/module.h"
 #include "formats/modules/sfz.h"
 #include "formats/modules/sfz_internal.h"
 #include "formats/modules/wav.h"
-#include "formats/registry.h"
 
 namespace kv {
 
@@ -69,27 +70,30 @@ OpList ArticulationOpcodes(const Articulation& source, bool v2) {
   w.Put("pitch_keytrack", v[kRowKeyToPitch] * 100.0);
   w.Put("bend_up", v[kRowBendToPitch] * 100.0);
   w.Put("bend_down", -v[kRowBendToPitch] * 100.0);
-  if (v2) w.Put("pitch_random", v[13] * 100.0);
+  if (v2) w.Put("pitch_random", v[kRowRandomPitch] * 100.0);
 
   w.Put("volume", v[kRowMasterVolume] + volumeGain);
-  w.Put("amp_veltrack", v[15] / 96.0 * 100.0);
-  w.Put("amp_keytrack", v[16] / 12.0);
-  w.Put(v2 ? "volume_oncc1" : "gain_cc1", v[17]);
-  w.Put(v2 ? "volume_oncc129" : "gain_cc129", v[18]);
+  w.Put("amp_veltrack", v[kRowVelToVolume] / 96.0 * 100.0);
+  w.Put("amp_keytrack", v[kRowKeyToVolume] / 12.0);
+  w.Put(v2 ? "volume_oncc1" : "gain_cc1", v[kRowModWheelToVolume]);
+  w.Put(v2 ? "volume_oncc129" : "gain_cc129", v[kRowAftertouchToVolume]);
 
   const int type = ValueAsInt(v[kRowFilterType]);
   if (type > 0) {
     w.Put("fil_type", sfz::FilterTypeName(type, v2));
-    // The model's cutoff is the one at mid velocity; SFZ's at velocity 0.
-    w.Put("cutoff", v[kRowCutoff] / std::exp2(v[25] / 12.0));
-    w.Put("fil_veltrack", v[25] * 2.0 * 100.0);
-    w.Put("fil_keytrack", v[26] / 0.12);
-    w.Put(v2 ? "cutoff_oncc1" : "cutoff_cc1", v[27] * 100.0);
-    w.Put("cutoff_chanaft", v[28] * 100.0);
+    // SFZ's cutoff holds at velocity 0 and at fil_keycenter, which stays at
+    // its default, middle C.
+    const FormatCutoff cutoff =
+        CutoffFromModel(ModelCutoff{v[kRowCutoff], v[kRowVelToCutoff], v[kRowKeyToCutoff]}, 60.0);
+    w.Put("cutoff", cutoff.hz);
+    w.Put("fil_veltrack", cutoff.velocitySpan * 100.0);
+    w.Put("fil_keytrack", cutoff.keyPerOctave / 0.12);
+    w.Put(v2 ? "cutoff_oncc1" : "cutoff_cc1", v[kRowModWheelToCutoff] * 100.0);
+    w.Put("cutoff_chanaft", v[kRowAftertouchToCutoff] * 100.0);
     w.Put("resonance", v[kRowResonance]);
     if (v2) {
-      w.Put("resonance_oncc1", v[37]);
-      w.Put("resonance_oncc129", v[38]);
+      w.Put("resonance_oncc1", v[kRowModWheelToResonance]);
+      w.Put("resonance_oncc129", v[kRowAftertouchToResonance]);
     }
   } else {
     // Nothing says "no filter" in SFZ; a wide-open one sounds the same.
@@ -106,11 +110,11 @@ OpList ArticulationOpcodes(const Articulation& source, bool v2) {
     if (v2) w.Put(p + "type", std::string(e.mode == 1 ? "lshelf" : e.mode == 2 ? "hshelf" : "peak"));
   }
 
-  w.Put("pan", v[51] * 100.0);
-  if (v2) w.Put("pan_oncc10", v[52] * 100.0);
-  w.Put("pan_keytrack", v[53] * 100.0 / 12.0);
-  if (v2) w.Put("pan_random", v[56] * 100.0);
-  for (int n = 0; n < 4; ++n) w.Put("effect" + std::to_string(n + 1), v[57 + 2 * n] * 100.0);
+  w.Put("pan", v[kRowPan] * 100.0);
+  if (v2) w.Put("pan_oncc10", v[kRowCc10ToPan] * 100.0);
+  w.Put("pan_keytrack", v[kRowKeyToPan] * 100.0 / 12.0);
+  if (v2) w.Put("pan_random", v[kRowRandomPan] * 100.0);
+  for (int n = 0; n < 4; ++n) w.Put("effect" + std::to_string(n + 1), v[sfz::kSendRows[n]] * 100.0);
 
   struct EnvDef {
     const char* prefix;
@@ -140,8 +144,10 @@ OpList ArticulationOpcodes(const Articulation& source, bool v2) {
     int rows[3];  // depth, mod wheel, aftertouch
     double scale;
   };
-  for (const LfoDef& d : {LfoDef{"pitchlfo_", kLfoP, {3, 4, 5}, 100.0}, LfoDef{"amplfo_", kLfoV, {19, 20, 21}, 1.0},
-                          LfoDef{"fillfo_", kLfoF, {29, 30, 31}, 100.0}}) {
+  for (const LfoDef& d :
+       {LfoDef{"pitchlfo_", kLfoP, {kRowPLfoToPitch, kRowModWheelToPLfoPitch, kRowAftertouchToPLfoPitch}, 100.0},
+        LfoDef{"amplfo_", kLfoV, {kRowVLfoToVolume, kRowModWheelToVLfoVolume, kRowAftertouchToVLfoVolume}, 1.0},
+        LfoDef{"fillfo_", kLfoF, {kRowFLfoToCutoff, kRowModWheelToFLfoCutoff, kRowAftertouchToFLfoCutoff}, 100.0}}) {
     const std::string p = d.prefix;
     w.Put(p + "freq", v[LfoRow(d.n, kLfoFrequency)]);
     w.Put(p + "delay", v[LfoRow(d.n, kLfoDelay)]);
@@ -158,10 +164,10 @@ OpList ArticulationOpcodes(const Articulation& source, bool v2) {
     static constexpr int kWave[6] = {1, 0, 3, 12, 6, 7};
     const int shape = ValueAsInt(v[LfoRow(kLfoX, kLfoShape)]) & kLfoShapeMask;
     w.Put("lfo01_wave", static_cast<double>(shape < 6 ? kWave[shape] : 1));
-    w.Put("lfo01_pitch", v[7] * 100.0);
-    w.Put("lfo01_pitch_oncc1", v[8] * 100.0);
-    w.Put("lfo01_pitch_oncc129", v[9] * 100.0);
-    w.Put("lfo01_pan", v[54] * 100.0);
+    w.Put("lfo01_pitch", v[kRowXLfoToPitch] * 100.0);
+    w.Put("lfo01_pitch_oncc1", v[kRowModWheelToXLfoPitch] * 100.0);
+    w.Put("lfo01_pitch_oncc129", v[kRowAftertouchToXLfoPitch] * 100.0);
+    w.Put("lfo01_pan", v[kRowXLfoToPan] * 100.0);
   }
   return w.ops;
 }
@@ -336,24 +342,29 @@ bool WriteInstrument(Instrument& inst, FileRef& file, const ExportRequest& reque
     const ChannelFx& fx = inst.fx[slot];
     const float* p = fx.param;
     std::string e;
+    using namespace sfz;
     switch (fx.type) {
-      case 1:
-        e = std::string(" type=") + (p[6] != 0 ? "flanger" : "chorus") + " lfofreq=" + sfz::FormatNumber(p[0]) +
-            " depth=" + sfz::FormatNumber(p[1] / 0.02 * 100.0) + " feedback=" + sfz::FormatNumber(p[3] * 100.0);
+      case kFxChorus:
+        e = std::string(" type=") + (p[kChorusFlanger] != 0 ? "flanger" : "chorus") +
+            " lfofreq=" + FormatNumber(p[kChorusRate]) +
+            " depth=" + FormatNumber(p[kChorusDepth] / kChorusFullDepth * 100.0) +
+            " feedback=" + FormatNumber(p[kChorusFeedback] * 100.0);
         break;
-      case 2:
-        e = " type=fverb size=" + sfz::FormatNumber(p[0] * 100.0) + " damp=" + sfz::FormatNumber(p[1] * 100.0);
+      case kFxReverb:
+        e = " type=fverb size=" + FormatNumber(p[kReverbSize] * 100.0) +
+            " damp=" + FormatNumber(p[kReverbDamp] * 100.0);
         break;
-      case 5:
-        e = " type=comp threshold=" + sfz::FormatNumber(p[0]) + " ratio=" + sfz::FormatNumber(p[1]) +
-            " attack=" + sfz::FormatNumber(p[2]) + " release=" + sfz::FormatNumber(p[3]) + " gain=" + sfz::FormatNumber(p[4]);
+      case kFxCompressor:
+        e = " type=comp threshold=" + FormatNumber(p[kCompThreshold]) + " ratio=" + FormatNumber(p[kCompRatio]) +
+            " attack=" + FormatNumber(p[kCompAttack]) + " release=" + FormatNumber(p[kCompRelease]) +
+            " gain=" + FormatNumber(p[kCompGain]);
         break;
-      case 6: e = " type=disto drive=" + sfz::FormatNumber(p[0]); break;
-      case 7:
-        e = " type=phaser lfofreq=" + sfz::FormatNumber(p[1]) + " depth=" + sfz::FormatNumber(p[2] * 100.0) +
-            " feedback=" + sfz::FormatNumber(p[4] * 100.0);
+      case kFxOverdrive: e = " type=disto drive=" + FormatNumber(p[kOverdriveDrive]); break;
+      case kFxPhaser:
+        e = " type=phaser lfofreq=" + FormatNumber(p[kPhaserRate]) + " depth=" + FormatNumber(p[kPhaserDepth] * 100.0) +
+            " feedback=" + FormatNumber(p[kPhaserFeedback] * 100.0);
         break;
-      case 8: e = " type=filter cutoff=" + sfz::FormatNumber(p[2]); break;
+      case kFxShaper: e = " type=filter cutoff=" + FormatNumber(p[kShaperFocus]); break;
       default: continue;
     }
     text += "<effect> bus=fx" + std::to_string(slot + 1) + e + "\n";
@@ -386,12 +397,13 @@ bool WriteInstrument(Instrument& inst, FileRef& file, const ExportRequest& reque
       if (lo > hi || lovel > hivel) continue;  // plays nowhere
       std::string sampleName;
       if (!waves.Name(*wave, sampleName)) return false;
+      const ResolvedRegion view = ResolveRegion(*region);
 
       Articulation art = region->art;
       art.Inherit(layerArt);
       // The wave's own tuning and level belong to the region in SFZ.
-      art.Set(kRowMasterTune, art.value[kRowMasterTune] + wave->fineTune * 0.01f);
-      art.Set(kRowMasterVolume, art.value[kRowMasterVolume] + wave->volume);
+      art.Set(kRowMasterTune, art.value[kRowMasterTune] + view.pitch.waveFineTune * 0.01f);
+      art.Set(kRowMasterVolume, art.value[kRowMasterVolume] + view.amplitude.waveVolume);
 
       text += "<region> sample=" + sampleName;
       OpList ops;
@@ -422,8 +434,7 @@ bool WriteInstrument(Instrument& inst, FileRef& file, const ExportRequest& reque
       ops.insert(ops.end(), fades.begin(), fades.end());
       if (t.keyFadeFormula) ops.emplace_back("xf_keycurve", "gain");
       if (t.velFadeFormula) ops.emplace_back("xf_velcurve", "gain");
-      const int root = (region->overrideMask & kOverrideRootKey) ? region->rootKey : wave->rootKey;
-      if (root != 60) put("pitch_keycenter", root);
+      if (view.pitch.rootKey != 60) put("pitch_keycenter", view.pitch.rootKey);
       if (t.exclusionGroup) {
         put("group", t.exclusionGroup);
         put("off_by", t.exclusionGroup);
@@ -433,29 +444,24 @@ bool WriteInstrument(Instrument& inst, FileRef& file, const ExportRequest& reque
         put("seq_length", seqLength);
         put("seq_position", t.triggerType - 1);
       }
-      if (t.sustainSwitch == 1) put("locc64", 64), put("hicc64", 127);
-      if (t.sustainSwitch == 2) put("locc64", 0), put("hicc64", 63);
+      if (t.sustainSwitch == 1) put("locc64", sfz::kPedalDown), put("hicc64", sfz::kCcTop);
+      if (t.sustainSwitch == 2) put("locc64", 0), put("hicc64", sfz::kPedalDown - 1);
       if (t.delay > 0) put("delay", t.delay);
-      if (region->startOffset > 0) put("offset", region->startOffset);
-      if (region->endOffset < 0 && wave->length) put("end", static_cast<double>(wave->length) - 1.0 + region->endOffset);
+      if (view.startOffset > 0) put("offset", view.startOffset);
+      if (view.endOffset < 0 && wave->length) put("end", static_cast<double>(wave->length) - 1.0 + view.endOffset);
 
-      const bool ownLoop = region->overrideMask & kOverrideLoopType;
-      const int loopType = ownLoop ? region->loopType : wave->loopType;
-      const int loopRelease = (region->overrideMask & kOverrideLoopRelease) ? region->loopRelease : wave->loopRelease;
-      const double loopStart = (region->overrideMask & kOverrideLoopStart) ? region->loopStart : wave->loopStart;
-      double loopEnd = (region->overrideMask & kOverrideLoopEnd) ? region->loopEnd : wave->loopEnd;
-      loopEnd = std::min(loopEnd, static_cast<double>(wave->length));
-      const double loopPitch = (region->overrideMask & kOverrideLoopPitch) ? region->loopPitch : wave->loopPitch;
+      const LoopView& loop = view.loop;
+      const double loopEnd = std::min(static_cast<double>(loop.end), static_cast<double>(wave->length));
       const bool oneShot = ValueAsInt(art.value[EnvRow(kEnvV, kEnvReleaseMode)]) == 1;
-      if (loopType == 0 || loopEnd <= loopStart) {
+      if (loop.type == 0 || loopEnd <= loop.start) {
         if (oneShot) ops.emplace_back("loop_mode", "one_shot");
         else if (wave->loopType != 0) ops.emplace_back("loop_mode", "no_loop");
       } else {
-        ops.emplace_back("loop_mode", loopRelease ? "loop_sustain" : "loop_continuous");
-        put("loop_start", loopStart);
+        ops.emplace_back("loop_mode", loop.release ? "loop_sustain" : "loop_continuous");
+        put("loop_start", loop.start);
         put("loop_end", loopEnd - 1.0);
-        if (v2 && loopType != 1) ops.emplace_back("loop_type", loopType == 2 ? "backward" : "alternate");
-        if (loopPitch != 0) put("loop_tune", loopPitch * 100.0);
+        if (v2 && loop.type != 1) ops.emplace_back("loop_type", loop.type == 2 ? "backward" : "alternate");
+        if (loop.pitch != 0) put("loop_tune", loop.pitch * 100.0);
       }
       Append(text, ops);
       Append(text, Difference(ArticulationOpcodes(art, v2), layerOps));

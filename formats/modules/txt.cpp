@@ -10,7 +10,7 @@
 #include "core/params.h"
 #include "core/settings.h"
 #include "formats/modules/txt.h"
-#include "formats/registry.h"
+#include "formats/modules/module.h"
 
 namespace kv {
 namespace {

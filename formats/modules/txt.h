@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "formats/registry.h"
+#include "formats/modules/module.h"
 
 namespace kv {
 

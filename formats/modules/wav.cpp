@@ -683,7 +683,7 @@ void FinishWave(WavState& st, FileRef& file) {
     w.readCallback = wav_ImpWave;
     w.sourceFormat = 0;
     // wav_ImpWave re-reads the fmt payload, as the decoders need its fields.
-    w.secondPartOffset = st.fmtOffset;
+    w.codingChunkOffset = st.fmtOffset;
   }
 }
 
@@ -763,7 +763,7 @@ bool wav_ImpWave(Waveform& wave, FileRef& file) {
   ByteCursor cur(file);
   const uint64_t dataOffset = cur.Tell();
   uint8_t head[16] = {};
-  if (wave.secondPartOffset == 0 || !cur.Seek(wave.secondPartOffset) || !cur.Bytes(head, 14))
+  if (wave.codingChunkOffset == 0 || !cur.Seek(wave.codingChunkOffset) || !cur.Bytes(head, 14))
     return Fail(kImpWave, "Reading from file failed");
   uint32_t tag = GetU16le(head);
   const uint32_t fileChannels = GetU16le(head + 2);

@@ -17,7 +17,7 @@
 #include "core/wavestore.h"
 #include "formats/modules/wav.h"
 #include "formats/modules/wav_cursor.h"
-#include "formats/registry.h"
+#include "formats/modules/module.h"
 
 namespace kv {
 
@@ -270,7 +270,8 @@ void PutInfo(BlockWriter& o, const Waveform& w, const WavLayout& L) {
   for (const auto& t : texts) {
     const std::string text = Utf8ToWindows1252(t.text);
     if (text.empty()) continue;
-    // An even-length text has no terminator, as files of earlier versions.
+    // An even-length text has no terminator: the chunk size is the text's own
+    // and readers stop at the chunk's end.
     o.Id(t.id);
     o.U32le(static_cast<uint32_t>(Even(text.size())));
     o.Bytes(text.data(), text.size());
@@ -352,7 +353,7 @@ bool AssembleWav(BlockWriter& o, Waveform& w, const WavLayout& L) {
   if (uint8_t* p = o.Reserve(static_cast<std::size_t>(L.dataBytes))) {
     if (!EncodeSamples(w, c, p, uint64_t{L.frames} * L.channels)) return false;
   }
-  if (L.dataBytes & 1) o.U8(0x80);  // the pad value is not zero, as files of earlier versions
+  if (L.dataBytes & 1) o.U8(0x80);  // pad with 8-bit silence, which is 0x80, not 0
   if (L.variant != kWavBare) {
     PutInfo(o, w, L);
     if (L.looped && (L.variant == kWavNormal || L.variant == kWavExtensible)) PutCueLoop(o, w);

@@ -41,7 +41,7 @@ TEST(ArticulationSet, HalfAwayFromZero) {
   Articulation a;
   EXPECT_FLOAT_EQ(a.Set(kRowMasterTune, 0.125f), 0.13f);
   EXPECT_FLOAT_EQ(a.Set(kRowMasterTune, -0.125f), -0.13f);
-  EXPECT_FLOAT_EQ(a.Set(51, -0.0005f), -0.001f);               // pan, a fraction
+  EXPECT_FLOAT_EQ(a.Set(kRowPan, -0.0005f), -0.001f);  // a fraction
   EXPECT_FLOAT_EQ(a.Set(EnvRow(kEnvV, kEnvSustain), 0.12345f), 0.1235f);
   EXPECT_FLOAT_EQ(a.Set(LfoRow(kLfoP, kLfoShape), 64.7f), 64.7f);  // discrete kinds are not rounded
 }
@@ -60,7 +60,7 @@ TEST(ArticulationSet, ResetRestoresDefaultsAndClearsBits) {
   a.Reset();
   EXPECT_FALSE(a.AnySet());
   EXPECT_FLOAT_EQ(a.value[kRowCutoff], 8000);
-  EXPECT_FLOAT_EQ(a.value[15], 96);
+  EXPECT_FLOAT_EQ(a.value[kRowVelToVolume], 96);
   EXPECT_FLOAT_EQ(a.value[EnvRow(kEnvV, kEnvShutdown)], 0.015f);
   EXPECT_FLOAT_EQ(a.value[EnvRow(kEnvP, kEnvSustain)], 1);
   EXPECT_FLOAT_EQ(a.value[kRowEqBase + 3], 0.71f);
@@ -160,13 +160,13 @@ TEST(ArticulationPresence, MergedRecordTakesNearestLevel) {
 TEST(ArticulationGroups, PhaseMembersTakeThePitchRowsAndKeepTheirPan) {
   Articulation master, member;
   master.Set(kRowMasterTune, 0.3f);
-  master.Set(51, -1.0f);                      // pan
+  master.Set(kRowPan, -1.0f);
   master.Set(kRowMasterVolume, -6.0f);
   master.Set(LfoRow(kLfoP, kLfoFrequency), 7.0f);
   master.Set(EnvRow(kEnvP, kEnvA2Time), 0.5f);  // P-ENV, reaching no pitch
   master.Set(LfoRow(kLfoX, kLfoFrequency), 3.0f);
-  master.Set(7, 0.5f);                        // X-LFO to pitch
-  member.Set(51, 1.0f);
+  master.Set(kRowXLfoToPitch, 0.5f);
+  member.Set(kRowPan, 1.0f);
   member.Set(kRowKeyToPitch, 0.5f);
   member.MatchPitchOf(master);
   EXPECT_FLOAT_EQ(member.value[kRowMasterTune], 0.3f);
@@ -176,13 +176,13 @@ TEST(ArticulationGroups, PhaseMembersTakeThePitchRowsAndKeepTheirPan) {
   EXPECT_FLOAT_EQ(member.value[LfoRow(kLfoP, kLfoFrequency)], 7.0f);
   EXPECT_FLOAT_EQ(member.value[LfoRow(kLfoX, kLfoFrequency)], 3.0f);
   EXPECT_FALSE(member.IsSet(EnvRow(kEnvP, kEnvA2Time)));
-  EXPECT_FLOAT_EQ(member.value[51], 1.0f);
+  EXPECT_FLOAT_EQ(member.value[kRowPan], 1.0f);
   EXPECT_FALSE(member.IsSet(kRowMasterVolume));
 
   // An X-LFO that also pans stays the member's own, and a P-ENV that
   // reaches pitch comes along.
-  master.Set(54, 0.5f);
-  master.Set(11, 2.0f);
+  master.Set(kRowXLfoToPan, 0.5f);
+  master.Set(kRowPEnvToPitch, 2.0f);
   Articulation other;
   other.MatchPitchOf(master);
   EXPECT_FALSE(other.IsSet(LfoRow(kLfoX, kLfoFrequency)));
@@ -201,8 +201,8 @@ TEST(ArticulationGroups, LfoShapeSplitAndDepthRows) {
   for (int j = 0; j < 5; ++j) g.depth[j] = 0.1f * (j + 1);
   a.WriteLfo(kLfoX, g);
   EXPECT_FLOAT_EQ(a.value[LfoRow(kLfoX, kLfoShape)], 67);  // "Noise+"
-  EXPECT_FLOAT_EQ(a.value[7], 0.1f);
-  EXPECT_FLOAT_EQ(a.value[54], 0.5f);
+  EXPECT_FLOAT_EQ(a.value[kRowXLfoToPitch], 0.1f);
+  EXPECT_FLOAT_EQ(a.value[kRowXLfoToPan], 0.5f);
   const LfoGroup back = a.ReadLfo(kLfoX);
   EXPECT_EQ(back.shape, 3);
   EXPECT_TRUE(back.unipolar);
@@ -225,10 +225,10 @@ TEST(ArticulationGroups, EnvelopeAndEqRoundTrip) {
   g.depth[0] = 24;
   a.WriteEnvelope(kEnvF, g);
   EXPECT_FLOAT_EQ(a.value[EnvRow(kEnvF, kEnvSustain)], 0.25f);
-  EXPECT_FLOAT_EQ(a.value[33], 24);
+  EXPECT_FLOAT_EQ(a.value[kRowFEnvToCutoff], 24);
   a.WriteEq(2, EqBand{2, 6000, -3, 1.5f});
-  EXPECT_FLOAT_EQ(a.value[47], 2);
-  EXPECT_FLOAT_EQ(a.value[49], -3);
+  EXPECT_FLOAT_EQ(a.value[kRowEq3Mode], 2);
+  EXPECT_FLOAT_EQ(a.value[kRowEq3Gain], -3);
   EXPECT_EQ(a.ReadEq(2).mode, 2);
   EXPECT_FLOAT_EQ(a.ReadEq(2).q, 1.5f);
 }
@@ -280,7 +280,7 @@ TEST(Catalogue, EffectSlotsHaveTheirTypeTables) {
   EXPECT_STREQ(CatalogueRow(kFirstFxParam + 6, 3)->name, "Use LPF instead of than HPF");
 }
 
-TEST(Catalogue, TextsAsTheyHaveAlwaysRead) {
+TEST(Catalogue, TextsStandAtTheirNumbers) {
   struct Expect {
     int row;
     const char* name;
@@ -345,14 +345,15 @@ TEST(Catalogue, BlockRangesAndKinds) {
   }
   EXPECT_EQ(CatalogueRow(kRowFilterType)->kind, kKindFilterType);
   EXPECT_EQ(CatalogueRow(kRowEqBase + 4)->kind, kKindEqMode);
-  EXPECT_EQ(CatalogueRow(190)->kind, kKindKey);
-  EXPECT_EQ(CatalogueRow(209)->kind, kKindText);
+  EXPECT_EQ(CatalogueRow(kRowLoKey)->kind, kKindKey);
+  EXPECT_EQ(CatalogueRow(kRowName)->kind, kKindText);
 }
 
 TEST(Catalogue, NamesUniqueExceptTheKnownRepeats) {
   // Rows that repeat another row's name on purpose: the fourth send, the
   // X-LFO block, the X-ENV's offset 22 and the hidden shutdown places.
-  const std::set<int> repeats = {63, 77, 78, 79, 80, 184, 134, 161, 188};
+  const std::set<int> repeats = {kRowSend4,        kRowXLfoShape,    kRowXLfoFrequency, kRowXLfoDelay,   kRowXLfoRamp,
+                                 kRowXEnvR3Level,  kRowPEnvShutdown, kRowFEnvShutdown,  kRowXEnvShutdown};
   std::map<std::string, int> seen;
   for (int i = 0; i < kFirstFxParam; ++i) {
     if (repeats.count(i)) continue;
@@ -363,28 +364,28 @@ TEST(Catalogue, NamesUniqueExceptTheKnownRepeats) {
 
 TEST(Catalogue, SharedLfoAndEnvelopeTexts) {
   const uint64_t noSeparate = Without(kFeatSeparateLfos) & Without(kFeatPitchModLfos);
-  EXPECT_STREQ(LookupRow(3, noSeparate)->name, "M-LFO to Pitch");
-  EXPECT_STREQ(LookupRow(8, noSeparate)->name, "Mod wheel to M-LFO to Pitch");
-  EXPECT_STREQ(LookupRow(21, noSeparate)->name, "Aftertrouch to M-LFO to Volume");
-  EXPECT_STREQ(LookupRow(54, noSeparate)->name, "M-LFO to Pan position");
-  EXPECT_STREQ(LookupRow(65, noSeparate)->name, "M-LFO Wave Shape");
-  EXPECT_STREQ(LookupRow(80, noSeparate)->name, "M-LFO Ramp/fade-in Time");
-  EXPECT_STREQ(LookupRow(24, noSeparate)->name, "Filter Cutoff frequency");
+  EXPECT_STREQ(LookupRow(kRowPLfoToPitch, noSeparate)->name, "M-LFO to Pitch");
+  EXPECT_STREQ(LookupRow(kRowModWheelToXLfoPitch, noSeparate)->name, "Mod wheel to M-LFO to Pitch");
+  EXPECT_STREQ(LookupRow(kRowAftertouchToVLfoVolume, noSeparate)->name, "Aftertrouch to M-LFO to Volume");
+  EXPECT_STREQ(LookupRow(kRowXLfoToPan, noSeparate)->name, "M-LFO to Pan position");
+  EXPECT_STREQ(LookupRow(kRowPLfoShape, noSeparate)->name, "M-LFO Wave Shape");
+  EXPECT_STREQ(LookupRow(kRowXLfoRamp, noSeparate)->name, "M-LFO Ramp/fade-in Time");
+  EXPECT_STREQ(LookupRow(kRowCutoff, noSeparate)->name, "Filter Cutoff frequency");
   // A pitch LFO of its own keeps the P-LFO texts.
   const uint64_t pitchAndMod = Without(kFeatSeparateLfos);
-  EXPECT_STREQ(LookupRow(3, pitchAndMod)->name, "P-LFO to Pitch");
-  EXPECT_STREQ(LookupRow(68, pitchAndMod)->name, "P-LFO Ramp/fade-in Time");
-  EXPECT_STREQ(LookupRow(7, pitchAndMod)->name, "M-LFO to Pitch");
-  EXPECT_STREQ(LookupRow(69, pitchAndMod)->name, "M-LFO Wave Shape");
-  EXPECT_STREQ(LookupRow(3)->name, "P-LFO to Pitch");
+  EXPECT_STREQ(LookupRow(kRowPLfoToPitch, pitchAndMod)->name, "P-LFO to Pitch");
+  EXPECT_STREQ(LookupRow(kRowPLfoRamp, pitchAndMod)->name, "P-LFO Ramp/fade-in Time");
+  EXPECT_STREQ(LookupRow(kRowXLfoToPitch, pitchAndMod)->name, "M-LFO to Pitch");
+  EXPECT_STREQ(LookupRow(kRowVLfoShape, pitchAndMod)->name, "M-LFO Wave Shape");
+  EXPECT_STREQ(LookupRow(kRowPLfoToPitch)->name, "P-LFO to Pitch");
 
   const uint64_t sharedEnv = Without(kFeatSeparateEnvs);
-  EXPECT_STREQ(LookupRow(11, sharedEnv)->name, "M-ENV to Pitch");
-  EXPECT_STREQ(LookupRow(55, sharedEnv)->name, "M-ENV to Pan position");
-  EXPECT_STREQ(LookupRow(108, sharedEnv)->name, "M-ENV Initial Level");
+  EXPECT_STREQ(LookupRow(kRowPEnvToPitch, sharedEnv)->name, "M-ENV to Pitch");
+  EXPECT_STREQ(LookupRow(kRowXEnvToPan, sharedEnv)->name, "M-ENV to Pan position");
+  EXPECT_STREQ(LookupRow(kRowPEnvInitial, sharedEnv)->name, "M-ENV Initial Level");
   EXPECT_STREQ(LookupRow(EnvRow(kEnvX, kEnvSustain), sharedEnv)->name, "M-ENV Sustain");
-  EXPECT_STREQ(LookupRow(81, sharedEnv)->name, "V-ENV Initial Level");
-  EXPECT_FLOAT_EQ(LookupRow(108, sharedEnv)->min, -1);
+  EXPECT_STREQ(LookupRow(kRowVEnvInitial, sharedEnv)->name, "V-ENV Initial Level");
+  EXPECT_FLOAT_EQ(LookupRow(kRowPEnvInitial, sharedEnv)->min, -1);
 
   EXPECT_EQ(LookupRow(kRowLoopStart)->kind, kKindReal3);
   EXPECT_EQ(LookupRow(kRowLoopEnd, Without(kFeatFractionalLoops))->kind, kKindInteger);
@@ -420,32 +421,32 @@ TEST(Catalogue, ParameterSetsAndEnumerations) {
 TEST(ValueText, UnitsAndNames) {
   const ParamDisplay notes;
   const ParamDisplay numbers{false, 4};
-  EXPECT_EQ(ValueText(*CatalogueRow(51), -0.5f, notes), "-50%");
-  EXPECT_EQ(ValueText(*CatalogueRow(217), 25, notes), "25%");  // cents: not scaled
+  EXPECT_EQ(ValueText(*CatalogueRow(kRowPan), -0.5f, notes), "-50%");
+  EXPECT_EQ(ValueText(*CatalogueRow(kRowWaveFineTune), 25, notes), "25%");  // cents: not scaled
   EXPECT_EQ(ValueText(*CatalogueRow(EnvRow(kEnvV, kEnvShutdown)), 0.015f, notes), "15 ms");
   EXPECT_EQ(ValueText(*CatalogueRow(EnvRow(kEnvV, kEnvA1Time)), 12.35f, notes), "12.35 s");
   EXPECT_EQ(ValueText(*CatalogueRow(kRowCutoff), 8000, notes), "8000 Hz");
   EXPECT_EQ(ValueText(*CatalogueRow(kRowFilterType), 2, notes), "Low-Pass 12 dB/oct");
-  EXPECT_EQ(ValueText(*CatalogueRow(190), 60, notes), "C4");
-  EXPECT_EQ(ValueText(*CatalogueRow(190), 61, ParamDisplay{true, 5}), "C#5");
-  EXPECT_EQ(ValueText(*CatalogueRow(190), 0, notes), "C-1");
-  EXPECT_EQ(ValueText(*CatalogueRow(190), 60, numbers), "60");
+  EXPECT_EQ(ValueText(*CatalogueRow(kRowLoKey), 60, notes), "C4");
+  EXPECT_EQ(ValueText(*CatalogueRow(kRowLoKey), 61, ParamDisplay{true, 5}), "C#5");
+  EXPECT_EQ(ValueText(*CatalogueRow(kRowLoKey), 0, notes), "C-1");
+  EXPECT_EQ(ValueText(*CatalogueRow(kRowLoKey), 60, numbers), "60");
   EXPECT_EQ(ValueText(*CatalogueRow(EnvRow(kEnvV, kEnvSustain)), 0, notes), "-inf dB");
   EXPECT_EQ(ValueText(*CatalogueRow(EnvRow(kEnvV, kEnvSustain)), 1, notes), "0 dB");
-  EXPECT_EQ(ValueText(*CatalogueRow(225), 1, notes), "On");
+  EXPECT_EQ(ValueText(*CatalogueRow(kRowDrumKit), 1, notes), "On");
 }
 
 TEST(ValueText, ParsesWhatItShows) {
   const ParamDisplay d;
   float v = 0;
-  ASSERT_TRUE(ParseValueText(*CatalogueRow(190), "c#4", d, &v));
+  ASSERT_TRUE(ParseValueText(*CatalogueRow(kRowLoKey), "c#4", d, &v));
   EXPECT_FLOAT_EQ(v, 61);
-  ASSERT_TRUE(ParseValueText(*CatalogueRow(190), "Db4", d, &v));
+  ASSERT_TRUE(ParseValueText(*CatalogueRow(kRowLoKey), "Db4", d, &v));
   EXPECT_FLOAT_EQ(v, 61);
-  ASSERT_TRUE(ParseValueText(*CatalogueRow(190), "72", d, &v));
+  ASSERT_TRUE(ParseValueText(*CatalogueRow(kRowLoKey), "72", d, &v));
   EXPECT_FLOAT_EQ(v, 72);
-  EXPECT_FALSE(ParseValueText(*CatalogueRow(190), "H4", d, &v));
-  EXPECT_FALSE(ParseValueText(*CatalogueRow(190), "C10", d, &v));
+  EXPECT_FALSE(ParseValueText(*CatalogueRow(kRowLoKey), "H4", d, &v));
+  EXPECT_FALSE(ParseValueText(*CatalogueRow(kRowLoKey), "C10", d, &v));
   ASSERT_TRUE(ParseValueText(*CatalogueRow(LfoRow(kLfoV, kLfoShape)), "noise+", d, &v));
   EXPECT_FLOAT_EQ(v, 67);
   ASSERT_TRUE(ParseValueText(*CatalogueRow(EnvRow(kEnvV, kEnvA1Time)), "250 ms", d, &v));
@@ -453,17 +454,26 @@ TEST(ValueText, ParsesWhatItShows) {
   ASSERT_TRUE(ParseValueText(*CatalogueRow(kRowCutoff), "1.5 kHz", d, &v));
   EXPECT_FLOAT_EQ(v, 1500);
   EXPECT_FALSE(ParseValueText(*CatalogueRow(kRowCutoff), "loud", d, &v));
-  EXPECT_FALSE(ParseValueText(*CatalogueRow(209), "x", d, &v));
+  EXPECT_FALSE(ParseValueText(*CatalogueRow(kRowName), "x", d, &v));
 
   // Text shown for a stored value reads back as the same stored value.
   struct Case {
     int row;
     float value;
   };
-  const Case cases[] = {{51, 0.333f},  {52, 1},   {kRowCutoff, 123.4f}, {EnvRow(kEnvV, kEnvShutdown), 0.015f},
-                        {EnvRow(kEnvV, kEnvSustain), 0.5f}, {EnvRow(kEnvP, kEnvSustain), -0.25f},
-                        {EnvRow(kEnvF, kEnvA2Vel), 0.016f}, {kRowMasterVolume, -6.5f}, {216, 0}, {216, 127},
-                        {203, 1}, {kRowFilterType, 11}, {LfoRow(kLfoF, kLfoFrequency), 12.35f}};
+  const Case cases[] = {{kRowPan, 0.333f},
+                        {kRowCc10ToPan, 1},
+                        {kRowCutoff, 123.4f},
+                        {EnvRow(kEnvV, kEnvShutdown), 0.015f},
+                        {EnvRow(kEnvV, kEnvSustain), 0.5f},
+                        {EnvRow(kEnvP, kEnvSustain), -0.25f},
+                        {EnvRow(kEnvF, kEnvA2Vel), 0.016f},
+                        {kRowMasterVolume, -6.5f},
+                        {kRowWaveRootKey, 0},
+                        {kRowWaveRootKey, 127},
+                        {kRowNoteExclusion, 1},
+                        {kRowFilterType, 11},
+                        {LfoRow(kLfoF, kLfoFrequency), 12.35f}};
   for (const Case& c : cases) {
     const ParameterRow& row = *CatalogueRow(c.row);
     const std::string text = ValueText(row, c.value, d);
@@ -648,19 +658,19 @@ TEST(EnvelopeFold, ShapeComparisonUsesItsRoundings) {
 
 TEST(Reduce, MinimalSetLeavesOneLfoTimingNoFilterNoEq) {
   Articulation a;
-  a.Set(3, 2);  // P-LFO to pitch
+  a.Set(kRowPLfoToPitch, 2);
   a.Set(LfoRow(kLfoP, kLfoFrequency), 6);
-  a.Set(19, 6);  // V-LFO to volume: the strongest
+  a.Set(kRowVLfoToVolume, 6);  // the strongest
   a.Set(LfoRow(kLfoV, kLfoFrequency), 3);
   a.Set(LfoRow(kLfoV, kLfoDelay), 1);
   a.Set(LfoRow(kLfoV, kLfoRamp), 1);
-  a.Set(29, 1);
+  a.Set(kRowFLfoToCutoff, 1);
   a.Set(LfoRow(kLfoF, kLfoFrequency), 3.02f);  // same rate to 0.1 Hz as V
   a.Set(LfoRow(kLfoF, kLfoDelay), 1.5f);
   a.Set(kRowFilterType, 4);
-  a.Set(41, 3);
-  a.Set(45, -3);
-  a.Set(49, 6);
+  a.Set(kRowEq1Gain, 3);
+  a.Set(kRowEq2Gain, -3);
+  a.Set(kRowEq3Gain, 6);
   ReduceArticulation(a, 0);
 
   for (int n = 0; n < kLfoCount; ++n) {
@@ -669,26 +679,26 @@ TEST(Reduce, MinimalSetLeavesOneLfoTimingNoFilterNoEq) {
     EXPECT_FLOAT_EQ(a.value[LfoRow(n, kLfoRamp)], 0) << n;
     EXPECT_FLOAT_EQ(a.value[LfoRow(n, kLfoShape)], 0) << n;
   }
-  EXPECT_FLOAT_EQ(a.value[19], 6);
-  EXPECT_FLOAT_EQ(a.value[3], 0);  // P ran at another rate
+  EXPECT_FLOAT_EQ(a.value[kRowVLfoToVolume], 6);
+  EXPECT_FLOAT_EQ(a.value[kRowPLfoToPitch], 0);  // P ran at another rate
   EXPECT_FLOAT_EQ(a.value[kRowFilterType], 0);
-  EXPECT_FLOAT_EQ(a.value[29], 0);  // no filter: no filter modulation
-  EXPECT_FLOAT_EQ(a.value[41], 0);
-  EXPECT_FLOAT_EQ(a.value[45], 0);
-  EXPECT_FLOAT_EQ(a.value[49], 0);
-  EXPECT_FALSE(a.IsSet(41));
+  EXPECT_FLOAT_EQ(a.value[kRowFLfoToCutoff], 0);  // no filter: no filter modulation
+  EXPECT_FLOAT_EQ(a.value[kRowEq1Gain], 0);
+  EXPECT_FLOAT_EQ(a.value[kRowEq2Gain], 0);
+  EXPECT_FLOAT_EQ(a.value[kRowEq3Gain], 0);
+  EXPECT_FALSE(a.IsSet(kRowEq1Gain));
   EXPECT_FLOAT_EQ(a.value[kRowBendToPitch], 2);
 }
 
 TEST(Reduce, InvertedLfoBecomesNegatedDepths) {
   Articulation a;
   a.Set(LfoRow(kLfoX, kLfoShape), 128 + 1);  // inverted "Triangle"
-  a.Set(7, 3);
-  a.Set(54, 0.5f);
+  a.Set(kRowXLfoToPitch, 3);
+  a.Set(kRowXLfoToPan, 0.5f);
   ReduceArticulation(a, kAllFeatures);
   EXPECT_FLOAT_EQ(a.value[LfoRow(kLfoX, kLfoShape)], 1);
-  EXPECT_FLOAT_EQ(a.value[7], -3);
-  EXPECT_FLOAT_EQ(a.value[54], -0.5f);
+  EXPECT_FLOAT_EQ(a.value[kRowXLfoToPitch], -3);
+  EXPECT_FLOAT_EQ(a.value[kRowXLfoToPan], -0.5f);
 }
 
 TEST(Reduce, ThreeReleasesFoldKeepingTheReleaseTime) {
@@ -719,14 +729,14 @@ TEST(Reduce, PeakBelowOneGoesIntoMasterVolume) {
 
 TEST(Reduce, OneModulationEnvelopeTakesTheStrongest) {
   Articulation a;
-  a.Set(11, 2);                                 // P-ENV to pitch
+  a.Set(kRowPEnvToPitch, 2);
   a.Set(EnvRow(kEnvP, kEnvA2Time), 1);
-  a.Set(33, 24);                                // F-ENV to cutoff: the strongest
+  a.Set(kRowFEnvToCutoff, 24);  // the strongest
   a.Set(EnvRow(kEnvF, kEnvD2Time), 2);
   a.Set(EnvRow(kEnvF, kEnvSustain), 0.5f);
   ReduceArticulation(a, Without(kFeatSeparateEnvs));
-  EXPECT_FLOAT_EQ(a.value[33], 24);
-  EXPECT_FLOAT_EQ(a.value[11], 0);  // other shape: depth dropped
+  EXPECT_FLOAT_EQ(a.value[kRowFEnvToCutoff], 24);
+  EXPECT_FLOAT_EQ(a.value[kRowPEnvToPitch], 0);  // other shape: depth dropped
   for (int k : {kEnvP, kEnvX}) {
     EXPECT_FLOAT_EQ(a.value[EnvRow(k, kEnvD2Time)], 2);
     EXPECT_FLOAT_EQ(a.value[EnvRow(k, kEnvSustain)], 0.5f);

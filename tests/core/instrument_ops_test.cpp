@@ -139,16 +139,16 @@ TEST_F(Ops, SharedTriggerParamsMoveUpRangesStay) {
   Layer* layer = AddLayer(*inst);
   for (uint8_t lo : {0, 64}) {
     Region* r = RegionOn(*layer, w, lo, static_cast<uint8_t>(lo + 63));
-    r->trigger.Put(200, 1);
-    r->trigger.MarkSet(200);
+    r->trigger.Put(kRowSustainSwitch, 1);
+    r->trigger.MarkSet(kRowSustainSwitch);
   }
   EXPECT_EQ(MoveTriggerParamsUp(c), 1);
-  EXPECT_TRUE(layer->trigger.IsSet(200));
-  EXPECT_EQ(layer->trigger.Get(200), 1.0f);
-  EXPECT_FALSE(layer->trigger.IsSet(190));
+  EXPECT_TRUE(layer->trigger.IsSet(kRowSustainSwitch));
+  EXPECT_EQ(layer->trigger.Get(kRowSustainSwitch), 1.0f);
+  EXPECT_FALSE(layer->trigger.IsSet(kRowLoKey));
   for (Region* r : c.All<Region>()) {
-    EXPECT_FALSE(r->trigger.IsSet(200));
-    EXPECT_TRUE(r->trigger.IsSet(190));
+    EXPECT_FALSE(r->trigger.IsSet(kRowSustainSwitch));
+    EXPECT_TRUE(r->trigger.IsSet(kRowLoKey));
   }
 }
 

@@ -107,7 +107,7 @@ TEST_F(Fixture, LayerSortsAndCutsOverlappingKeys) {
   ASSERT_EQ(layer->children.size(), 2u);
   EXPECT_EQ(layer->children[0], low->id);
   EXPECT_EQ(high->trigger.loKey, 61);
-  EXPECT_TRUE(high->trigger.IsSet(190));
+  EXPECT_TRUE(high->trigger.IsSet(kRowLoKey));
 }
 
 TEST_F(Fixture, LayerSplitsVelocityWhenThatIsTheSmallerCut) {
@@ -124,14 +124,14 @@ TEST_F(Fixture, LayerExclusionIsPushedDownToRegions) {
   Region* a = MakeRegion(*layer, 0, 10);
   Region* b = MakeRegion(*layer, 11, 20);
   b->trigger.exclusionGroup = 7;
-  b->trigger.MarkSet(202);
+  b->trigger.MarkSet(kRowExclusionGroup);
   layer->trigger.exclusionGroup = 3;
-  layer->trigger.MarkSet(202);
+  layer->trigger.MarkSet(kRowExclusionGroup);
   layer->FixUp();
   EXPECT_EQ(a->trigger.exclusionGroup, 3);
-  EXPECT_TRUE(a->trigger.IsSet(202));
+  EXPECT_TRUE(a->trigger.IsSet(kRowExclusionGroup));
   EXPECT_EQ(b->trigger.exclusionGroup, 7);
-  EXPECT_FALSE(layer->trigger.IsSet(202));
+  EXPECT_FALSE(layer->trigger.IsSet(kRowExclusionGroup));
   EXPECT_EQ(layer->trigger.exclusionGroup, 0);
 }
 
@@ -326,15 +326,15 @@ TEST_F(Fixture, WaveFixUpTakesTheDefaultLoopEndDownToTheLength) {
 TEST_F(Fixture, InstrumentFixUpNamesLayersAndPassesArticulationDown) {
   AddLayer(*inst);
   inst->location = MakeLocation(0, 0, 0, true);
-  inst->art.value[14] = -6.0f;
-  inst->art.MarkSet(14);
+  inst->art.value[kRowMasterVolume] = -6.0f;
+  inst->art.MarkSet(kRowMasterVolume);
   Region* r = MakeRegion(*layer, 0, 127);
   inst->FixUp();
   EXPECT_STREQ(layer->name, "Layer 1");
   EXPECT_EQ(layer->drum, 1);
-  EXPECT_FLOAT_EQ(layer->art.value[14], -6.0f);
-  EXPECT_FLOAT_EQ(r->art.value[14], -6.0f);
-  EXPECT_FALSE(r->art.IsSet(14));
+  EXPECT_FLOAT_EQ(layer->art.value[kRowMasterVolume], -6.0f);
+  EXPECT_FLOAT_EQ(r->art.value[kRowMasterVolume], -6.0f);
+  EXPECT_FALSE(r->art.IsSet(kRowMasterVolume));
 }
 
 TEST_F(Fixture, DeletingAnInstrumentTakesItsTreeButNotItsWaves) {
@@ -376,7 +376,7 @@ TEST(Merge, EmptySourceChangesNothing) {
 
 TEST_F(Fixture, CloneSharesWavesAndCopiesTheTree) {
   Region* r = MakeRegion(*layer, 0, 127, 0, 127, wave->id);
-  r->art.value[3] = 2.0f;
+  r->art.value[kRowPLfoToPitch] = 2.0f;
   auto* copy = static_cast<Instrument*>(CloneItem(*inst, c));
   ASSERT_EQ(copy->children.size(), 1u);
   auto* copyLayer = c.FindAs<Layer>(copy->children[0]);
@@ -386,14 +386,14 @@ TEST_F(Fixture, CloneSharesWavesAndCopiesTheTree) {
   ASSERT_NE(copyRegion, nullptr);
   EXPECT_NE(copyRegion, r);
   EXPECT_EQ(RegionWaveform(*copyRegion), wave);
-  EXPECT_FLOAT_EQ(copyRegion->art.value[3], 2.0f);
+  EXPECT_FLOAT_EQ(copyRegion->art.value[kRowPLfoToPitch], 2.0f);
 }
 
 TEST_F(Fixture, FlatRecordsRoundTrip) {
   Region* r = MakeRegion(*layer, 12, 24, 5, 99, wave->id);
   r->loopPitch = 0.5f;
-  r->art.value[7] = 3.0f;
-  r->art.MarkSet(7);
+  r->art.value[kRowXLfoToPitch] = 3.0f;
+  r->art.MarkSet(kRowXLfoToPitch);
   std::vector<uint8_t> flat;
   std::size_t n = r->Serialize(flat);
   EXPECT_EQ(n, flat.size());
@@ -403,7 +403,7 @@ TEST_F(Fixture, FlatRecordsRoundTrip) {
   EXPECT_EQ(other->trigger.loKey, 12);
   EXPECT_EQ(other->trigger.hiVel, 99);
   EXPECT_FLOAT_EQ(other->loopPitch, 0.5f);
-  EXPECT_TRUE(other->art.IsSet(7));
+  EXPECT_TRUE(other->art.IsSet(kRowXLfoToPitch));
   EXPECT_EQ(RegionWaveform(*other), wave);
   // A truncated record is refused, not half read.
   EXPECT_EQ(other->Deserialize(std::span(flat).first(flat.size() - 3)), 0u);
@@ -427,7 +427,7 @@ TEST_F(Fixture, ItemSetMakesTemporaryInstrumentsAndCleansUp) {
     auto* l = c.FindAs<Layer>(set.instruments[0]->children[0]);
     auto* reg = c.FindAs<Region>(l->children[0]);
     EXPECT_EQ(reg->trigger.exclusionGroup, 1);
-    EXPECT_TRUE(reg->trigger.IsSet(202));
+    EXPECT_TRUE(reg->trigger.IsSet(kRowExclusionGroup));
   }
   auto* second = Create<Instrument>(c, "Second");
   second->location = 0;
@@ -441,14 +441,14 @@ TEST(TextParameters, LandInTheirFieldsAndAreCutToThem) {
   Collection c;
   auto* w = Create<Waveform>(c, "w");
   auto* song = Create<Song>(c, "s");
-  w->SetParamText(210, "Artist");
-  song->SetParamText(214, std::string(300, 'p'));
-  song->SetParamText(209, "  Renamed  ");
-  EXPECT_EQ(w->GetParamText(210), "Artist");
-  EXPECT_EQ(w->GetParamText(212), "");
-  EXPECT_EQ(song->GetParamText(214), std::string(128, 'p'));
-  EXPECT_EQ(song->GetParamText(209), "Renamed");
-  c.SetParamText(211, "Collection comment");
+  w->SetParamText(kRowArtist, "Artist");
+  song->SetParamText(kRowProduct, std::string(300, 'p'));
+  song->SetParamText(kRowName, "  Renamed  ");
+  EXPECT_EQ(w->GetParamText(kRowArtist), "Artist");
+  EXPECT_EQ(w->GetParamText(kRowCopyright), "");
+  EXPECT_EQ(song->GetParamText(kRowProduct), std::string(128, 'p'));
+  EXPECT_EQ(song->GetParamText(kRowName), "Renamed");
+  c.SetParamText(kRowComment, "Collection comment");
   EXPECT_STREQ(c.comment, "Collection comment");
 }
 

@@ -49,33 +49,33 @@ TEST_F(ParamsFixture, InstrumentResetWalksDown) {
 }
 
 TEST_F(ParamsFixture, TriggerAndOverrideRows) {
-  params::Set(*layer, 202, 70000);
-  EXPECT_FLOAT_EQ(params::Get(*layer, 202), 65535);
-  EXPECT_FLOAT_EQ(params::Get(*region, 202), 65535);  // inherited
-  EXPECT_FALSE(params::IsSet(*region, 202));
-  params::Set(*region, 201, 1.23456f);
-  EXPECT_FLOAT_EQ(params::Get(*region, 201), 1.235f);
+  params::Set(*layer, kRowExclusionGroup, 70000);
+  EXPECT_FLOAT_EQ(params::Get(*layer, kRowExclusionGroup), 65535);
+  EXPECT_FLOAT_EQ(params::Get(*region, kRowExclusionGroup), 65535);  // inherited
+  EXPECT_FALSE(params::IsSet(*region, kRowExclusionGroup));
+  params::Set(*region, kRowTriggerDelay, 1.23456f);
+  EXPECT_FLOAT_EQ(params::Get(*region, kRowTriggerDelay), 1.235f);
 
-  params::Set(*region, 220, 200);
-  EXPECT_FLOAT_EQ(params::Get(*region, 220), 127);
-  EXPECT_TRUE(params::IsSet(*region, 220));
-  params::Reset(*region, 220);
-  EXPECT_FALSE(params::IsSet(*region, 220));
-  EXPECT_FLOAT_EQ(params::Get(*region, 220), wave->rootKey);
-  params::Set(*region, 222, 5);
-  EXPECT_FLOAT_EQ(params::Get(*region, 222), 0);  // only zero or below
+  params::Set(*region, kRowRootKeyOverride, 200);
+  EXPECT_FLOAT_EQ(params::Get(*region, kRowRootKeyOverride), 127);
+  EXPECT_TRUE(params::IsSet(*region, kRowRootKeyOverride));
+  params::Reset(*region, kRowRootKeyOverride);
+  EXPECT_FALSE(params::IsSet(*region, kRowRootKeyOverride));
+  EXPECT_FLOAT_EQ(params::Get(*region, kRowRootKeyOverride), wave->rootKey);
+  params::Set(*region, kRowEndOffset, 5);
+  EXPECT_FLOAT_EQ(params::Get(*region, kRowEndOffset), 0);  // only zero or below
 }
 
 TEST_F(ParamsFixture, RowsOfOtherLevelsAnswerThroughTheirOwner) {
-  params::Set(*region, 216, 64);
+  params::Set(*region, kRowWaveRootKey, 64);
   EXPECT_EQ(wave->rootKey, 64);
-  params::Set(*region, 218, -3.456f);
+  params::Set(*region, kRowWaveVolume, -3.456f);
   EXPECT_FLOAT_EQ(wave->volume, -3.46f);
-  params::Set(*layer, 228, 12);
+  params::Set(*layer, kRowProgram, 12);
   EXPECT_EQ(LocationProgram(inst->location), 12u);
-  EXPECT_FLOAT_EQ(params::Get(*region, 228), 12);
+  EXPECT_FLOAT_EQ(params::Get(*region, kRowProgram), 12);
   EXPECT_EQ(params::Descriptor(*wave, kRowCutoff), nullptr);
-  EXPECT_EQ(params::Descriptor(*inst, 190), nullptr);
+  EXPECT_EQ(params::Descriptor(*inst, kRowLoKey), nullptr);
 }
 
 TEST_F(ParamsFixture, EffectSlotsFollowTheirType) {
@@ -97,17 +97,17 @@ TEST_F(ParamsFixture, EffectSlotsFollowTheirType) {
 
 TEST_F(ParamsFixture, TextsWithUnitsAndParameterSet) {
   const ParamDisplay d;
-  EXPECT_TRUE(params::SetText(*region, 190, "C3", d));
+  EXPECT_TRUE(params::SetText(*region, kRowLoKey, "C3", d));
   EXPECT_EQ(region->trigger.loKey, 48);
-  EXPECT_EQ(params::GetText(*region, 190, d), "C3");
-  EXPECT_EQ(params::GetText(*region, 190, ParamDisplay{false, 4}), "48");
-  EXPECT_TRUE(params::SetText(*layer, 51, "-25%", d));
-  EXPECT_FLOAT_EQ(params::Get(*layer, 51), -0.25f);
-  EXPECT_FALSE(params::SetText(*layer, 51, "left", d));
-  EXPECT_FALSE(params::SetText(*inst, 209, "Name", d));  // text rows are the item's own
-  EXPECT_STREQ(params::Descriptor(*inst, 65, 0)->name, "M-LFO Wave Shape");
-  EXPECT_FLOAT_EQ(params::Default(*region, 216), 60);
-  EXPECT_FLOAT_EQ(params::Default(*inst, 15), 96);
+  EXPECT_EQ(params::GetText(*region, kRowLoKey, d), "C3");
+  EXPECT_EQ(params::GetText(*region, kRowLoKey, ParamDisplay{false, 4}), "48");
+  EXPECT_TRUE(params::SetText(*layer, kRowPan, "-25%", d));
+  EXPECT_FLOAT_EQ(params::Get(*layer, kRowPan), -0.25f);
+  EXPECT_FALSE(params::SetText(*layer, kRowPan, "left", d));
+  EXPECT_FALSE(params::SetText(*inst, kRowName, "Name", d));  // text rows are the item's own
+  EXPECT_STREQ(params::Descriptor(*inst, kRowPLfoShape, 0)->name, "M-LFO Wave Shape");
+  EXPECT_FLOAT_EQ(params::Default(*region, kRowWaveRootKey), 60);
+  EXPECT_FLOAT_EQ(params::Default(*inst, kRowVelToVolume), 96);
 }
 
 TEST_F(ParamsFixture, PropagatedEditMovesChildrenThatSetTheRow) {

@@ -356,7 +356,7 @@ TEST_F(WaveTest, SequentialStereoReadsHalvesInOrderOrFromSecondPart) {
   const auto split = dir / "split.raw";
   test::WriteFile(split, std::string("hdr!") + Bytes({1, 2, 3}) + std::string(13, 'x') + Bytes({0xFF, 0xFE, 0xFD}));
   Waveform* s = RawWave(split, kPcm8, kSourceSequential, 3, 2, 4);
-  s->secondPartOffset = 20;
+  s->secondChannelOffset = 20;
   ASSERT_TRUE(s->EnsureData());
   EXPECT_EQ(std::vector<int16_t>(s->samples16.get(), s->samples16.get() + 6),
             (std::vector<int16_t>{256, -256, 512, -512, 768, -768}));

@@ -17,6 +17,7 @@
 #include "core/error.h"
 #include "core/fileref.h"
 #include "core/items.h"
+#include "core/resolved.h"
 #include "core/wavestore.h"
 #include "formats/export.h"
 #include "formats/import.h"
@@ -56,12 +57,7 @@ std::vector<T*> Children(const Collection& c, const Item& parent) {
 }
 
 // The value a region plays: its own, else its layer's, else its instrument's.
-float Effective(const Collection& c, const Region& r, int row) {
-  const Layer* l = LayerOf(r);
-  const Instrument* i = l ? InstrumentOf(*l) : nullptr;
-  (void)c;
-  return MergedArticulation(r.art, l ? l->art : Articulation(), i ? i->art : Articulation()).value[row];
-}
+float Effective(const Collection&, const Region& r, int row) { return ResolveRegion(r).art.value[row]; }
 
 // ---- a bank built byte by byte: one preset, one instrument, one sample ----
 
@@ -332,7 +328,7 @@ TEST(Sf2Read, FilterSwitchesOnOnlyBelowTheTopOrWithResonance) {
     Region* r = LoadMini(c, dir, {.instGens = {{8, 8000}}});
     ASSERT_TRUE(r);
     EXPECT_EQ(Effective(c, *r, kRowFilterType), 2.0f);
-    EXPECT_FLOAT_EQ(Effective(c, *r, 25), 12.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *r, kRowVelToCutoff), 12.0f);
     EXPECT_FLOAT_EQ(Effective(c, *r, kRowCutoff), 1660.0f);
   }
   {
@@ -340,7 +336,7 @@ TEST(Sf2Read, FilterSwitchesOnOnlyBelowTheTopOrWithResonance) {
     Collection c;
     Region* r = LoadMini(c, dir, {.instGens = {{8, 8000}}, .instMods = {{0x0002, 8, 1200}}});
     ASSERT_TRUE(r);
-    EXPECT_FLOAT_EQ(Effective(c, *r, 25), 6.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *r, kRowVelToCutoff), 6.0f);
   }
 }
 
@@ -418,8 +414,8 @@ TEST(Sf2Read, OverlappingZonesAllSoundInLayersOfTheirOwn) {
     }
     EXPECT_EQ(RegionWaveform(*sides[0])->Name(), "Sine(L)");
     EXPECT_EQ(RegionWaveform(*sides[1])->Name(), "Sine(R)");
-    EXPECT_FLOAT_EQ(Effective(c, *sides[0], 51), -1.0f);
-    EXPECT_FLOAT_EQ(Effective(c, *sides[1], 51), 1.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *sides[0], kRowPan), -1.0f);
+    EXPECT_FLOAT_EQ(Effective(c, *sides[1], kRowPan), 1.0f);
     EXPECT_EQ(sides[2]->trigger.loKey, 60);
     EXPECT_EQ(sides[2]->trigger.hiKey, 70);
     if (!reload) {
@@ -488,7 +484,7 @@ TEST(Sf2Write, StereoBecomesALinkedPairAnd24BitUsesSm24) {
   // Two zones, hard left and right.
   auto regions = back.All<Region>();
   ASSERT_EQ(regions.size(), 2u);
-  EXPECT_EQ(Effective(back, *regions[0], 51) * Effective(back, *regions[1], 51), -1.0f);
+  EXPECT_EQ(Effective(back, *regions[0], kRowPan) * Effective(back, *regions[1], kRowPan), -1.0f);
 }
 
 TEST(Sf2Write, OtherItemsAreRefused) {
@@ -810,7 +806,7 @@ TEST(SoundFontWrite, TooManyParametersFailsWithTheFormatsTextAndKeepsTheOldFile)
   for (int key = 0; key < 128; ++key)
     for (int vel = 0; vel < 128; ++vel) {
       Region* r = AddRegion(*layer, w->id, MakeRange(key, key), MakeRange(vel, vel), 255);
-      r->art.Set(51, (vel % 100) * 0.01f - 0.5f);
+      r->art.Set(kRowPan, (vel % 100) * 0.01f - 0.5f);
       r->art.Set(kRowMasterTune, (1 + vel % 50) * 0.01f);
     }
   FixUpItems(c, 0, false);

@@ -17,6 +17,7 @@
 #include "core/fileref.h"
 #include "core/instrument_ops.h"
 #include "core/items.h"
+#include "core/resolved.h"
 #include "formats/export.h"
 #include "formats/import.h"
 #include "formats/modules/sfz.h"
@@ -57,11 +58,7 @@ std::vector<Region*> Regions(const Collection& c) {
   return out;
 }
 
-float Effective(const Region& r, int row) {
-  const Layer* l = LayerOf(r);
-  const Instrument* i = l ? InstrumentOf(*l) : nullptr;
-  return MergedArticulation(r.art, l ? l->art : Articulation(), i ? i->art : Articulation()).value[row];
-}
+float Effective(const Region& r, int row) { return ResolveRegion(r).art.value[row]; }
 
 // A short 16-bit sine as a WAV file, to stand for any sample.
 void MakeWave(const fs::path& path, uint32_t frames = 4410) {
@@ -186,7 +183,7 @@ TEST(SfzCorpus, PolyphoneBackslashPathsAndLoopsInclusive) {
   EXPECT_FLOAT_EQ(r[0]->loopStart, 3.0f);
   EXPECT_FLOAT_EQ(r[0]->loopEnd, 594.0f);
   EXPECT_EQ(r[0]->rootKey, 44);
-  EXPECT_NEAR(Effective(*r[0], 51), 0.008f, 1e-6);
+  EXPECT_NEAR(Effective(*r[0], kRowPan), 0.008f, 1e-6);
   EXPECT_NEAR(Effective(*r[0], kRowMasterTune), 0.35f, 1e-6);
   EXPECT_EQ(ValueAsInt(Effective(*r[0], kRowFilterType)), 2);
 }
@@ -225,15 +222,15 @@ TEST(SfzRead, GroupsStartFromGlobalAndEmptyGroupsAddNothing) {
   ASSERT_EQ(t.regions.size(), 3u);
   EXPECT_FLOAT_EQ(Effective(*t.regions[0], kRowMasterVolume), -6.0f);
   EXPECT_FLOAT_EQ(Effective(*t.regions[0], kRowMasterTune), 0.0f);
-  EXPECT_FLOAT_EQ(Effective(*t.regions[1], 51), -0.1f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[1], kRowPan), -0.1f);
   EXPECT_FLOAT_EQ(Effective(*t.regions[2], kRowMasterTune), 0.1f);
   // Global values live on the instrument; what all regions of a group share
   // on the layer; differences on the regions.
   Instrument* inst = t.c.All<Instrument>().front();
   EXPECT_TRUE(inst->art.IsSet(kRowMasterVolume));
   EXPECT_FALSE(t.regions[0]->art.IsSet(kRowMasterVolume));
-  EXPECT_TRUE(t.regions[1]->art.IsSet(51));
-  EXPECT_FALSE(t.regions[0]->art.IsSet(51));
+  EXPECT_TRUE(t.regions[1]->art.IsSet(kRowPan));
+  EXPECT_FALSE(t.regions[0]->art.IsSet(kRowPan));
   EXPECT_EQ(LayerOf(*t.regions[0])->trigger.loKey, 10);
 }
 
@@ -304,16 +301,16 @@ TEST(SfzRead, VelocityKeyAndFilterConversions) {
            "<region> sample=a.wav cutoff2=500 fil2_type=lpf_6p\n");
   ASSERT_TRUE(t.ok) << ErrorMessage;
   ASSERT_EQ(t.regions.size(), 5u);
-  EXPECT_FLOAT_EQ(Effective(*t.regions[0], 15), 96.0f);
-  EXPECT_FLOAT_EQ(Effective(*t.regions[1], 15), 48.0f);
-  EXPECT_FLOAT_EQ(Effective(*t.regions[1], 16), 12.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[0], kRowVelToVolume), 96.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[1], kRowVelToVolume), 48.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[1], kRowKeyToVolume), 12.0f);
   EXPECT_FLOAT_EQ(Effective(*t.regions[1], kRowMasterVolume), 12.0f);
   EXPECT_EQ(ValueAsInt(Effective(*t.regions[2], kRowFilterType)), 8);
-  EXPECT_FLOAT_EQ(Effective(*t.regions[2], 25), 6.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[2], kRowVelToCutoff), 6.0f);
   EXPECT_NEAR(Effective(*t.regions[2], kRowCutoff), 1414.2f, 0.1f);
   EXPECT_FLOAT_EQ(Effective(*t.regions[2], kRowResonance), 3.0f);
   EXPECT_EQ(ValueAsInt(Effective(*t.regions[3], kRowFilterType)), 9);
-  EXPECT_FLOAT_EQ(Effective(*t.regions[3], 26), 12.0f);
+  EXPECT_FLOAT_EQ(Effective(*t.regions[3], kRowKeyToCutoff), 12.0f);
   EXPECT_NEAR(Effective(*t.regions[3], kRowCutoff), 2000.0f, 0.1f);
   EXPECT_EQ(ValueAsInt(Effective(*t.regions[4], kRowFilterType)), 4);
   EXPECT_FLOAT_EQ(Effective(*t.regions[4], kRowCutoff), 500.0f);
@@ -345,8 +342,8 @@ TEST(SfzRead, LoopsTriggersAndEnvelopes) {
   EXPECT_FLOAT_EQ(Effective(d, EnvRow(kEnvV, kEnvA2Time)), 0.5f);
   EXPECT_FLOAT_EQ(Effective(d, EnvRow(kEnvV, kEnvA2Vel)), 0.5f);
   EXPECT_FLOAT_EQ(Effective(d, EnvRow(kEnvV, kEnvSustain)), 0.5f);
-  EXPECT_FLOAT_EQ(Effective(d, 33), 12.0f);
-  EXPECT_FLOAT_EQ(Effective(d, 4), 0.5f);
+  EXPECT_FLOAT_EQ(Effective(d, kRowFEnvToCutoff), 12.0f);
+  EXPECT_FLOAT_EQ(Effective(d, kRowModWheelToPLfoPitch), 0.5f);
   EXPECT_EQ(d.startOffset, 100);
   EXPECT_EQ(d.endOffset, -410);
   EXPECT_EQ(d.trigger.sustainSwitch, 1);
@@ -418,8 +415,9 @@ TEST(SfzWrite, ReadBackKeepsWhatTheModelSays) {
       for (int row = 0; row < kArticulationCount; ++row)
         EXPECT_NEAR(Effective(*a[i], row), Effective(*b[i], row), 0.002f + 0.001f * std::fabs(Effective(*a[i], row)))
             << "row " << row;
-      for (int p = 189; p <= 208; ++p) EXPECT_FLOAT_EQ(a[i]->GetParam(p), b[i]->GetParam(p)) << "param " << p;
-      EXPECT_EQ(a[i]->GetParam(220), b[i]->GetParam(220));
+      for (int p = kRowTriggerType; p <= kRowLoopPitch; ++p)
+        EXPECT_FLOAT_EQ(a[i]->GetParam(p), b[i]->GetParam(p)) << "param " << p;
+      EXPECT_EQ(a[i]->GetParam(kRowRootKeyOverride), b[i]->GetParam(kRowRootKeyOverride));
     }
   }
 }
@@ -472,8 +470,7 @@ TEST(SfzWrite, DualMonoHalvesKeepTheirOwnLoopsThroughSoundFontAndBack) {
     EXPECT_EQ(w->channels, 1);
     const bool isRight = Effective(*g, kRowPan) > 0.0f;
     SCOPED_TRACE(isRight ? "right" : "left");
-    const float loopStart = (g->overrideMask & kOverrideLoopStart) ? g->loopStart : w->loopStart;
-    EXPECT_FLOAT_EQ(loopStart, isRight ? 1200.0f : 300.0f);
+    EXPECT_FLOAT_EQ(ResolveRegion(*g).loop.start, isRight ? 1200.0f : 300.0f);
     EXPECT_NEAR(Effective(*g, attack), isRight ? 0.15f : 0.03f, 0.002f);
   }
 }
@@ -586,10 +583,12 @@ TEST(SfzPeers, SoundFontThroughSfzRendersLikeTheOriginal) {
   TempDir dir;
   Collection bank;
   ASSERT_TRUE(ImportFile(bank, kTimGM, false)) << ErrorMessage;
-  const int row = 388;  // v2, waves in sub-folders
+  const int v2SubFolderWriter = 388;  // the writer's row: v2, waves in sub-folders
+  const int namedAfterItem = 213;     // each file named after its instrument
   fs::create_directories(dir / "out");
   int saved = 0;
-  ASSERT_TRUE(SaveAll(bank, dir / "out" / "x.sfz", row, ExportRequest{}, 213, false, OnExists::Overwrite, saved))
+  ASSERT_TRUE(SaveAll(bank, dir / "out" / "x.sfz", v2SubFolderWriter, ExportRequest{}, namedAfterItem, false,
+                      OnExists::Overwrite, saved))
       << ErrorContext << ": " << ErrorMessage;
   EXPECT_EQ(saved, static_cast<int>(bank.Count(ItemType::Instrument)));
 
