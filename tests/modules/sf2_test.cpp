@@ -2,6 +2,7 @@
 // are easy to get wrong, and round trips checked by FluidSynth and libgig.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -485,6 +486,42 @@ TEST(Sf2Write, StereoBecomesALinkedPairAnd24BitUsesSm24) {
   auto regions = back.All<Region>();
   ASSERT_EQ(regions.size(), 2u);
   EXPECT_EQ(Effective(back, *regions[0], kRowPan) * Effective(back, *regions[1], kRowPan), -1.0f);
+}
+
+TEST(Sf2Write, RegionLoopOverridesMoveOnlyTheEndsTheyOverride) {
+  TempDir dir;
+  Collection c;
+  auto* w = Create<Waveform>(c);
+  w->SetName("Looped");
+  w->length = 200;
+  w->sampleRate = 44100;
+  int16_t* s = AllocSamples16(*w);
+  ASSERT_TRUE(s);
+  for (int i = 0; i < 200; ++i) s[i] = static_cast<int16_t>((i % 50) * 300);
+  w->loopType = 1;
+  w->loopStart = 50;
+  w->loopEnd = 150;
+  auto* ins = Create<Instrument>(c);
+  Layer* layer = AddLayer(*ins);
+  Region* startOnly = AddRegion(*layer, w->id, MakeRange(0, 59), kNoRange, 255);
+  startOnly->loopStart = 70;
+  startOnly->overrideMask |= kOverrideLoopStart;
+  Region* endOnly = AddRegion(*layer, w->id, MakeRange(60, 127), kNoRange, 255);
+  endOnly->loopEnd = 120;
+  endOnly->overrideMask |= kOverrideLoopEnd;
+  ASSERT_TRUE(Save(c, dir / "loops.sf2")) << ErrorMessage;
+
+  Collection back;
+  ASSERT_TRUE(Load(back, dir / "loops.sf2")) << ErrorMessage;
+  auto regions = back.All<Region>();
+  ASSERT_EQ(regions.size(), 2u);
+  std::sort(regions.begin(), regions.end(),
+            [](const Region* a, const Region* b) { return a->trigger.loKey < b->trigger.loKey; });
+  const LoopView low = ResolveRegion(*regions[0]).loop, high = ResolveRegion(*regions[1]).loop;
+  EXPECT_EQ(low.start, 70.0f);
+  EXPECT_EQ(low.end, 150.0f);
+  EXPECT_EQ(high.start, 50.0f);
+  EXPECT_EQ(high.end, 120.0f);
 }
 
 TEST(Sf2Write, OtherItemsAreRefused) {
