@@ -40,7 +40,14 @@ int MessageBox(const std::string& text, const std::string& title, BoxButtons but
 }
 
 void ShowErrorBox() {
-  MessageBox(ErrorMessage, ErrorContext[0] ? ErrorContext : kProgramName, BoxButtons::Ok);
+  const char* title = ErrorContext[0] ? ErrorContext : kProgramName;
+  if (MessageBoxesEnabled && g_presenter) {
+    g_presenter(ErrorMessage, title, BoxButtons::Ok);
+    return;
+  }
+  // Boxes off stops questions and warnings, not the reason a command failed:
+  // without a box it goes to stderr.
+  std::fprintf(stderr, "%s: %s\n", title, ErrorMessage);
 }
 
 void StatusText(const char* format, ...) {

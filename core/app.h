@@ -50,7 +50,8 @@ using FilePresenter = std::filesystem::path (*)(const std::string& title, const 
 void SetFilePresenter(FilePresenter presenter);
 
 // The standard reaction to a false result: ErrorMessage under the title
-// ErrorContext ("Kelvo Studio" when empty).
+// ErrorContext ("Kelvo Studio" when empty), in a box where one can be shown,
+// else as "Title: message" on stderr, with boxes off (-NOMSG) too.
 void ShowErrorBox();
 
 // Status text: progress and results, with the words "Done:" and "Failed:".

@@ -99,7 +99,7 @@ int OpenFileList(std::span<const fs::path> paths) {
       first = false;
     } else {
       ++failures;
-      if (MessageBoxesEnabled) ShowErrorBox();
+      ShowErrorBox();
     }
   }
   return failures;

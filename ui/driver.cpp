@@ -232,7 +232,7 @@ int RunDriver(std::vector<std::string> args) {
   if (batch) {
     Fail("Batch conversion", "Batch conversion is not available in this build.");
     ShowErrorBox();
-    return 0;
+    return 1;
   }
 
   for (const std::string& p : positional) {

@@ -1,6 +1,7 @@
 // The command-line driver run as a user runs it: a real process, real files.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 #include "support/testsupport.h"
@@ -97,18 +98,28 @@ TEST_F(Driver, SwitchesAndSkippedArguments) {
   EXPECT_EQ(a.code, 0) << a.err;
   EXPECT_NE(a.out.find("frames=10 "), std::string::npos);
 
-  // -NOMSG silences error boxes; the exit code still tells.
+  // -NOMSG stops questions and boxes, never the reason a command failed.
   Result quiet = Kelvo("-nomsg missing.raw");
   EXPECT_EQ(quiet.code, 1);
-  EXPECT_EQ(quiet.err.find("Could not open file"), std::string::npos) << quiet.err;
+  EXPECT_NE(quiet.err.find("File Import: Could not open file"), std::string::npos) << quiet.err;
 
-  // A switch behind -BATCH isn't seen: batch runs with boxes on.
-  Result batch = Kelvo("/BATCH -NOMSG");
-  EXPECT_EQ(batch.code, 0);
-  EXPECT_NE(batch.err.find("Batch conversion"), std::string::npos) << batch.err;
-  Result silentBatch = Kelvo("-NOMSG -BATCH");
-  EXPECT_EQ(silentBatch.code, 0);
-  EXPECT_TRUE(silentBatch.err.empty()) << silentBatch.err;
+  // A refused batch run is a failed command, with boxes on or off.
+  for (const char* args : {"/BATCH -NOMSG", "-NOMSG -BATCH"}) {
+    Result batch = Kelvo(args);
+    EXPECT_EQ(batch.code, 1) << args;
+    EXPECT_NE(batch.err.find("Batch conversion: "), std::string::npos) << args << ": " << batch.err;
+  }
+}
+
+TEST_F(Driver, AFailedSaveSaysWhyUnderNoMsg) {
+  Make("in.raw", 100);
+  // A folder where the file should go: no writer can replace it.
+  std::filesystem::create_directories(dir / "taken.wav");
+  Result r = Kelvo("-NOMSG in.raw --save taken.wav");
+  EXPECT_EQ(r.code, 1) << r.err;
+  const std::size_t line = r.err.find("File Export: ");
+  ASSERT_NE(line, std::string::npos) << r.err;
+  EXPECT_GT(r.err.find('\n', line), line + std::string("File Export: ").size()) << "no reason given: " << r.err;
 }
 
 TEST_F(Driver, DemoListsACollection) {
