@@ -1,9 +1,12 @@
 #include "formats/export.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -130,8 +133,8 @@ bool SamePath(const fs::path& a, const fs::path& b) {
   return fs::absolute(a, ec).lexically_normal() == fs::absolute(b, ec).lexically_normal();
 }
 
-// Where the old file waits during a save: "<path>.bak", or a hidden unique
-// name beside it when that is taken (a rename must never replace a file).
+// Where the old file is kept during a save: "<path>.bak", or a hidden unique
+// name beside it when that is taken (a backup must never replace a file).
 fs::path BackupPath(const fs::path& target) {
   fs::path bak = target;
   bak += ".bak";
@@ -141,6 +144,88 @@ fs::path BackupPath(const fs::path& target) {
   }
   return bak;
 }
+
+// The guarded save's new file. It is made in the target's folder, without a
+// name where the file system allows (O_TMPFILE) and else under a hidden
+// unique one, and takes the target's name only once it is whole and on disk:
+// the target holds the old file or the new one, whole, at every instant, and
+// a save killed half-way leaves nothing behind (or only the hidden file).
+// The writer sees the target's path, so files it puts beside it are named
+// after the target.
+class PendingFile {
+ public:
+  PendingFile() = default;
+  PendingFile(const PendingFile&) = delete;
+  PendingFile& operator=(const PendingFile&) = delete;
+  ~PendingFile() { Discard(); }
+
+  bool Open(const fs::path& target) {
+    target_ = target;
+    folder_ = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+    int fd = -1;
+    std::error_code ec;
+    // Naming an unnamed file goes through /proc.
+    if (fs::exists("/proc/self/fd", ec)) fd = ::open(folder_.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+    if (fd < 0) {
+      for (int n = 0; n < 1000 && fd < 0; ++n) {
+        temp_ = TempName(n);
+        fd = ::open(temp_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0 && errno != EEXIST) break;
+      }
+      if (fd < 0) {
+        temp_.clear();
+        return false;
+      }
+    }
+    file_ = FileRef(fd, target, true);
+    return true;
+  }
+
+  FileRef& File() { return file_; }
+
+  // Flushes the file to disk, gives it `mode` (unless negative) and puts it
+  // at the target in one rename.
+  bool Commit(int mode) {
+    const int fd = file_.Fd();
+    if (::fsync(fd) != 0) return Fail(kExportContext, "Writing to file failed");
+    if (mode >= 0) ::fchmod(fd, static_cast<mode_t>(mode));
+    if (temp_.empty()) {
+      const std::string self = "/proc/self/fd/" + std::to_string(fd);
+      for (int n = 0; n < 1000 && temp_.empty(); ++n) {
+        const fs::path name = TempName(n);
+        if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) temp_ = name;
+        else if (errno != EEXIST) break;
+      }
+      if (temp_.empty()) return Fail(kExportContext, "Could not create file");
+    }
+    if (::rename(temp_.c_str(), target_.c_str()) != 0) return Fail(kExportContext, "Could not create file");
+    temp_.clear();
+    file_.Close();
+    // The rename itself reaches the disk with the folder.
+    if (const int dir = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); dir >= 0) {
+      ::fsync(dir);
+      ::close(dir);
+    }
+    return true;
+  }
+
+  void Discard() {
+    file_.Close();
+    if (!temp_.empty()) ::unlink(temp_.c_str());
+    temp_.clear();
+  }
+
+ private:
+  fs::path TempName(int n) const {
+    return folder_ / ("." + target_.filename().string() + ".kvsave" + std::to_string(::getpid()) + "-" +
+                      std::to_string(n));
+  }
+
+  fs::path target_;
+  fs::path folder_;
+  fs::path temp_;  // the hidden name, while the file has one
+  FileRef file_;
+};
 
 std::string SizeText(uint64_t bytes) {
   char text[64];
@@ -198,7 +283,12 @@ void ReleaseAdaptedWave(const Waveform& original, Waveform* adapted) { ReleaseAd
 
 // ---------------------------------------------------------------- ExportItem
 
-bool ExportItem(Item* item, int row, const fs::path& path, ExportRequest request, bool keepEmpty) {
+namespace {
+
+// ExportItem into `pending` when given (the guarded save), else into a file
+// made at `path`.
+bool ExportItemTo(Item* item, int row, const fs::path& path, ExportRequest request, bool keepEmpty,
+                  PendingFile* pending) {
   if (!item) return Fail(kExportContext, "No item selected");
   const FormatEntry* entry = FormatAt(row);
   const FormatWriteFn write = RowWriteFunction(row);
@@ -285,18 +375,26 @@ bool ExportItem(Item* item, int row, const fs::path& path, ExportRequest request
   }
 
   StatusText("Writing - %s", path.c_str());
-  FileRef file;
-  if (!file.OpenWrite(path)) {
+  FileRef own;
+  if (pending ? !pending->Open(path) : !own.OpenWrite(path)) {
     Fail(kExportContext, "Could not create file");
     return finish(false);
   }
-  const bool ok = write(*target, file, request);
-  file.Close();
-  if (!ok) {
-    std::error_code ec;
-    fs::remove(path, ec);
+  const bool ok = write(*target, pending ? pending->File() : own, request);
+  if (!pending) {
+    own.Close();
+    if (!ok) {
+      std::error_code ec;
+      fs::remove(path, ec);
+    }
   }
   return finish(ok);
+}
+
+}  // namespace
+
+bool ExportItem(Item* item, int row, const fs::path& path, ExportRequest request, bool keepEmpty) {
+  return ExportItemTo(item, row, path, request, keepEmpty, nullptr);
 }
 
 // ---------------------------------------------------------------- SaveFile
@@ -329,29 +427,30 @@ bool SaveFile(Item* item, const fs::path& path, int row, ExportRequest request, 
           return false;
         }
     ::stat(target.c_str(), &oldInfo);
+    // The old file stays where it is until the new one replaces it; the
+    // backup is a second name for it (a copy where names can't be shared).
     backup = BackupPath(target);
-    fs::rename(target, backup, ec);
-    if (ec) {
-      StatusText("Failed to Save.");
-      return Fail(kExportContext, "Could not create file");
+    if (::link(target.c_str(), backup.c_str()) != 0) {
+      fs::copy_file(target, backup, fs::copy_options::none, ec);
+      if (ec) {
+        StatusText("Failed to Save.");
+        return Fail(kExportContext, "Could not create file");
+      }
     }
   }
 
-  const bool ok = ExportItem(item, row, target, request, false);
-  if (!ok) {
-    StatusText("Failed to Save.");
-    if (existed) {
-      std::error_code ignore;
-      fs::remove(target, ignore);
-      fs::rename(backup, target, ignore);
-    }
-    if (report) RememberRecent(fs::absolute(path, ec));
-    return false;
-  }
+  PendingFile pending;
+  const bool ok = ExportItemTo(item, row, target, request, false, &pending) &&
+                  pending.Commit(existed ? static_cast<int>(oldInfo.st_mode & 07777) : -1);
+  pending.Discard();
   if (existed) {
     std::error_code ignore;
-    ::chmod(target.c_str(), oldInfo.st_mode & 07777);
     fs::remove(backup, ignore);
+  }
+  if (!ok) {
+    StatusText("Failed to Save.");
+    if (report) RememberRecent(fs::absolute(path, ec));
+    return false;
   }
   if (report) {
     if (auto* coll = dynamic_cast<Collection*>(item)) {

@@ -27,9 +27,12 @@ bool ExportItem(Item* item, int row, const std::filesystem::path& path, ExportRe
 Waveform* AdaptWave(Waveform* wave, const ExportRequest& request, uint32_t rate);
 void ReleaseAdaptedWave(const Waveform& original, Waveform* adapted);
 
-// The guarded save: an existing file is moved to a backup first (kept for
-// the save only) and put back if the save fails. Waves that read lazily
-// from `path` are read before it moves. With `report` the status says
+// The guarded save: the new file is written under a temporary name in the
+// target's folder, flushed to disk and renamed over the target, so the path
+// holds the old file or the new one, whole, whatever happens to the process.
+// An existing file is also kept as a backup for the length of the save, and
+// the new file takes its permissions. Waves that read lazily from `path` are
+// read first. With `report` the status says
 // "Saved: <path> (<size>)", a saved Collection takes the path and row, and
 // the recent lists take the path.
 bool SaveFile(Item* item, const std::filesystem::path& path, int row, ExportRequest request, bool report);

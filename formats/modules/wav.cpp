@@ -23,10 +23,12 @@ using namespace detect;
 
 namespace {
 
-// The 12-byte RIFF head with form WAVE. A truncated body is still readable
-// (the reader warns and reads what is there), so only the head must fit.
-bool IsRiffWave(const uint8_t* data, uint32_t size, uint64_t fileSize) {
-  return fileSize >= 12 && FourCC(data, size, 0, "RIFF") && FourCC(data, size, 8, "WAVE");
+// The 12-byte RIFF head with form WAVE, or its RF64 twin for files past 4 GB
+// when `rf64` allows. A truncated body is still readable (the reader warns
+// and reads what is there), so only the head must fit.
+bool IsRiffWave(const uint8_t* data, uint32_t size, uint64_t fileSize, bool rf64 = true) {
+  return fileSize >= 12 && (FourCC(data, size, 0, "RIFF") || (rf64 && FourCC(data, size, 0, "RF64"))) &&
+         FourCC(data, size, 8, "WAVE");
 }
 
 constexpr uint8_t kW64Riff[16] = {0x72, 0x69, 0x66, 0x66, 0x2E, 0x91, 0xCF, 0x11,
@@ -54,8 +56,9 @@ int wav_BwfDetect(const uint8_t* data, uint32_t, uint32_t size, uint64_t fileSiz
 }
 
 int wav_RockwellDetect(const uint8_t* data, uint32_t, uint32_t size, uint64_t fileSize) {
-  // Format tag 0x0300 at its usual place behind the first `fmt ` head.
-  if (!IsRiffWave(data, size, fileSize) || !Has(size, 20, 2)) return 0;
+  // Format tag 0x0300 at its usual place behind the first `fmt ` head; in
+  // RF64 the ds64 chunk stands there.
+  if (!IsRiffWave(data, size, fileSize, false) || !Has(size, 20, 2)) return 0;
   return data[20] == 0x00 && data[21] == 0x03 ? 6 : 0;
 }
 
@@ -94,6 +97,18 @@ struct CuePoint {
   uint32_t sampleOffset;
 };
 
+// RF64's ds64 chunk: the 64-bit sizes of chunks whose 32-bit size says
+// 0xFFFFFFFF (the RF64 head, data, and any listed in its table) and the
+// 64-bit fact count.
+struct Ds64 {
+  bool present = false;
+  uint64_t riffSize = 0;
+  uint64_t dataSize = 0;
+  uint64_t sampleCount = 0;
+  std::vector<std::pair<uint32_t, uint64_t>> table;  // chunk id as read, size
+};
+constexpr uint32_t kSizeInDs64 = 0xFFFFFFFF;
+
 struct WavState {
   ByteCursor& cur;
   Waveform& wave;
@@ -110,11 +125,51 @@ struct WavState {
   bool haveCue = false;
   std::vector<CuePoint> cues;
   bool sawRiff = false;
+  Ds64 ds64;
 };
 
 bool IdIs(const char (&id)[5], const char* want) { return std::memcmp(id, want, 4) == 0; }
 
+// A chunk's size: the 32-bit field, or the ds64's entry for it in an RF64
+// file when the field is 0xFFFFFFFF.
+uint64_t ChunkSize(const WavState& st, const char (&id)[5], uint32_t size) {
+  if (size != kSizeInDs64 || !st.ds64.present) return size;
+  if (IdIs(id, "RF64")) return st.ds64.riffSize;
+  if (IdIs(id, "data")) return st.ds64.dataSize;
+  for (const auto& [chunk, bytes] : st.ds64.table)
+    if (chunk == GetU32le(reinterpret_cast<const uint8_t*>(id))) return bytes;
+  return size;
+}
+
+// The ds64 chunk, which must open the RF64 body. Without one the sizes stay
+// as written, and a 0xFFFFFFFF runs to the end of the file.
+void ReadDs64(WavState& st, uint64_t pos, uint64_t end) {
+  ByteCursor& cur = st.cur;
+  char id[5];
+  uint32_t size;
+  uint8_t h[28];
+  if (pos + 8 + sizeof h > end || !cur.Seek(pos) || !cur.FourCC(id) || !cur.U32le(size) || !IdIs(id, "ds64") ||
+      size < sizeof h || !cur.Bytes(h, sizeof h))
+    return;
+  Ds64& d = st.ds64;
+  d.present = true;
+  d.riffSize = GetU64le(h);
+  d.dataSize = GetU64le(h + 8);
+  d.sampleCount = GetU64le(h + 16);
+  // Never more entries than the chunk holds; each is read before it is kept.
+  const uint64_t entries = std::min<uint64_t>(GetU32le(h + 24), (std::min<uint64_t>(size, end - pos - 8) - 28) / 12);
+  for (uint64_t i = 0; i < entries; ++i) {
+    uint8_t e[12];
+    if (!cur.Bytes(e, sizeof e)) break;
+    d.table.emplace_back(GetU32le(e), GetU64le(e + 4));
+  }
+}
+
 uint64_t Even(uint64_t size) { return size + (size & 1); }
+
+// Where a body of `size` bytes at `body` ends, cut to `end` (body < end); a
+// 64-bit size from ds64 may be anything, so the sum is never formed past it.
+uint64_t EndOf(uint64_t body, uint64_t size, uint64_t end) { return size >= end - body ? end : body + size; }
 
 const CuePoint* FindCue(const WavState& st, uint32_t id) {
   for (const CuePoint& c : st.cues)
@@ -303,7 +358,7 @@ bool ParseFmt(WavState& st, uint64_t body, uint64_t bodyEnd) {
 
 // ---- data ----
 
-void ReadData(WavState& st, uint64_t body, uint32_t size) {
+void ReadData(WavState& st, uint64_t body, uint64_t size) {
   st.haveData = true;
   st.dataOffset = body;
   st.dataSize = size;
@@ -570,16 +625,22 @@ bool Walk(WavState& st, uint64_t start, uint64_t end, int depth) {
   uint64_t pos = start;
   while (pos + 8 < end) {
     char id[5];
-    uint32_t size;
-    if (!cur.Seek(pos) || !cur.FourCC(id) || !cur.U32le(size)) return true;  // a walk stops silently at the end
+    uint32_t size32;
+    if (!cur.Seek(pos) || !cur.FourCC(id) || !cur.U32le(size32)) return true;  // a walk stops silently at the end
     const uint64_t body = pos + 8;
-    const uint64_t bodyEnd = std::min(body + size, end);
-    const uint64_t next = std::min(body + Even(size), end);
+    const uint64_t size = ChunkSize(st, id, size32);
+    uint64_t bodyEnd = EndOf(body, size, end);
+    const uint64_t next = bodyEnd == end ? end : std::min(body + Even(size), end);
 
-    if (IdIs(id, "RIFF") || IdIs(id, "SDSS")) {
+    if (IdIs(id, "RIFF") || IdIs(id, "SDSS") || IdIs(id, "RF64")) {
       if (depth == 0) {
         char form[5];
         if (!cur.FourCC(form) || !IdIs(form, "WAVE")) return Fail(kImp, "Not a RIFF WAVE file");
+        st.ds64 = {};
+        if (IdIs(id, "RF64")) {
+          ReadDs64(st, body + 4, end);
+          bodyEnd = EndOf(body, ChunkSize(st, id, size32), end);
+        }
         st.fmtOffset = 0;
         st.formatTag = 0;
         st.byteSkip = 0;
@@ -607,7 +668,11 @@ bool Walk(WavState& st, uint64_t start, uint64_t end, int depth) {
       if (!st.haveData) ReadData(st, body, size);
     } else if (IdIs(id, "fact")) {
       uint32_t n;
-      if (body + 4 <= bodyEnd && cur.U32le(n) && n != 0) st.count = n;
+      if (body + 4 <= bodyEnd && cur.U32le(n) && n != 0) {
+        st.count = n;
+        if (n == kSizeInDs64 && st.ds64.present && st.ds64.sampleCount != 0)
+          st.count = static_cast<int64_t>(std::min<uint64_t>(st.ds64.sampleCount, INT64_MAX));
+      }
     } else if (IdIs(id, "cue ")) {
       if (!st.haveCue) ReadCue(st, body, bodyEnd);
     } else if (IdIs(id, "labl")) {

@@ -1,6 +1,6 @@
-// RIFF WAVE family: Microsoft wave, Broadcast wave, Rockwell ADPCM, SmartSound
-// SDS and Wave-64. Detect functions score the first bytes of a file on the
-// registry's 0/2/4/6 scale.
+// RIFF WAVE family: Microsoft wave and its RF64 form for files past 4 GB,
+// Broadcast wave, Rockwell ADPCM, SmartSound SDS and Wave-64. Detect functions
+// score the first bytes of a file on the registry's 0/2/4/6 scale.
 //
 // Other modules use this family in three ways:
 //  - WriteWaveFile: every exporter that stores its samples as WAV files beside
@@ -30,8 +30,8 @@ int wav_W64Detect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64
 
 // ---- registry functions ----
 
-// RIFF WAVE, Broadcast wave, Rockwell and SmartSound SDS: one Waveform per
-// file, samples left on disk. Context "wav_Imp".
+// RIFF WAVE (and RF64), Broadcast wave, Rockwell and SmartSound SDS: one
+// Waveform per file, samples left on disk. Context "wav_Imp".
 bool wav_Imp(Collection& collection, FileRef& file, uint32_t parameter);
 // The lazy read of a wave found by wav_Imp whose coding the generic reader
 // can't take (more than two channels, wide containers, coded tags). Context
@@ -58,11 +58,17 @@ inline constexpr uint32_t kWavCapabilities = 0x00327F75;
 // The encodings the writer has now: PCM 8/16/24/32, Float 32, Mu-law, A-law.
 inline constexpr uint32_t kWavWritableNow = 0x00300375;
 
-// Writes `wave` as a RIFF WAVE file at the file's current position (normally
-// a new, empty file). `request` is a capability word: bits 0-19 the allowed
-// DataFormats (one bit fixes the encoding; 0 means "Auto": the wave's
-// preferred format, else the next better PCM or float, else PCM 16-bit), bits
-// 20/21 the allowed channel counts (a stereo wave goes out as mono without
+// A RIFF size field holds 32 bits: a file whose RIFF size would pass this
+// many bytes is written as RF64, with a ds64 chunk holding the 64-bit sizes
+// and 0xFFFFFFFF in the fields they replace. A variable so that tests can see
+// RF64 without writing 4 GB.
+inline uint64_t WavRf64Threshold = 0xFFFFFFFE;
+
+// Writes `wave` as a RIFF WAVE file (RF64 past the threshold above) at the
+// file's current position (normally a new, empty file). `request` is a
+// capability word: bits 0-19 the allowed DataFormats (one bit fixes the
+// encoding; 0 means "Auto": the wave's preferred format, else the next better
+// PCM or float, else PCM 16-bit), bits 20/21 the allowed channel counts (a stereo wave goes out as mono without
 // bit 21, a mono one as stereo without bit 20). The wave is read if needed
 // and never changed. False with ErrorContext "wav_Exp" and ErrorMessage set.
 bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t variant = kWavNormal);

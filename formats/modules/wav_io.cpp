@@ -96,15 +96,34 @@ bool FailRead(const char* context) {
   return false;
 }
 
-// Codes `count` samples into `out`. WAV stores 8-bit samples as offset
-// binary and everything else little-endian.
-bool EncodeSamples(Waveform& w, const Coding& c, uint8_t* out, uint64_t count) {
-  constexpr bool bigEndian = false;
-  if (count == 0) return true;
-  const std::span<uint8_t> dst(out, count * c.bytes);
+// The samples a coding is made from, found (or converted) once before
+// anything is written.
+struct SampleSource {
+  const int16_t* s16 = nullptr;
+  const float* f = nullptr;
+  bool widen16 = false;  // 16-bit samples going to a float-made coding
+};
+
+bool SourceFor(Waveform& w, const Coding& c, SampleSource& s) {
+  if (w.SampleCount() == 0) return true;
   if (c.fromFloat && w.samples16 && !w.samplesF) {
     // A 16-bit wave widens exactly: no float copy of the whole wave is needed.
-    const int16_t* src = w.samples16.get();
+    s.s16 = w.samples16.get();
+    s.widen16 = true;
+    return true;
+  }
+  if (c.fromFloat) return (s.f = SamplesFloat(w)) != nullptr;
+  return (s.s16 = Samples16(w)) != nullptr;
+}
+
+// Codes samples [first, first + count) into `out`. WAV stores 8-bit samples
+// as offset binary and everything else little-endian.
+void EncodeSamples(const SampleSource& s, const Coding& c, uint8_t* out, uint64_t first, uint64_t count) {
+  constexpr bool bigEndian = false;
+  if (count == 0) return;
+  const std::span<uint8_t> dst(out, count * c.bytes);
+  if (s.widen16) {
+    const int16_t* src = s.s16 + first;
     for (uint64_t i = 0; i < count; ++i) {
       const int32_t v = src[i];
       uint8_t* p = out + i * c.bytes;
@@ -120,21 +139,17 @@ bool EncodeSamples(Waveform& w, const Coding& c, uint8_t* out, uint64_t count) {
         std::memcpy(p, &f, 4);
       }
     }
-    return true;
+    return;
   }
   if (c.fromFloat) {
-    const float* src = SamplesFloat(w);
-    if (!src) return false;
-    const std::span<const float> in(src, count);
+    const std::span<const float> in(s.f + first, count);
     switch (c.format) {
       case kPcm24: kvEncodePcm24(in, dst, bigEndian, false); break;
       case kPcm32: kvEncodePcm32(in, dst, bigEndian, false); break;
       default: kvEncodeFloat32(in, dst, bigEndian); break;
     }
   } else {
-    const int16_t* src = Samples16(w);
-    if (!src) return false;
-    const std::span<const int16_t> in(src, count);
+    const std::span<const int16_t> in(s.s16 + first, count);
     switch (c.format) {
       case kPcm8: kvEncodePcm8(in, dst, true); break;
       case kPcm16: kvEncodePcm16(in, dst, bigEndian, false); break;
@@ -142,7 +157,6 @@ bool EncodeSamples(Waveform& w, const Coding& c, uint8_t* out, uint64_t count) {
       default: kvEncodeALaw(in, dst); break;
     }
   }
-  return true;
 }
 
 bool WriteBlock(FileRef& file, const uint8_t* data, uint64_t size, const char* context) {
@@ -177,6 +191,8 @@ struct WavLayout {
   bool extensible = false;
   bool fact = false;
   bool looped = false;
+  bool rf64 = false;
+  uint64_t riffSize = 0;  // the whole file less the RIFF head's 8 bytes
 };
 
 uint32_t RoundU32(double v) { return static_cast<uint32_t>(std::clamp(std::round(v), 0.0, 4294967295.0)); }
@@ -321,11 +337,22 @@ void PutCueLoop(BlockWriter& o, const Waveform& w) {
   PutLabel(o, 3, "Loop End");
 }
 
-bool AssembleWav(BlockWriter& o, Waveform& w, const WavLayout& L) {
+// Everything before the samples: the RIFF (or RF64 and ds64) head, fmt,
+// fact, a bare variant's smpl and the data chunk's head.
+void PutHead(BlockWriter& o, const Waveform& w, const WavLayout& L) {
   const Coding& c = L.coding;
-  o.Id("RIFF");
-  o.U32le(0);
+  o.Id(L.rf64 ? "RF64" : "RIFF");
+  o.U32le(L.rf64 ? 0xFFFFFFFF : static_cast<uint32_t>(L.riffSize));
   o.Id("WAVE");
+  if (L.rf64) {
+    // The sizes the 0xFFFFFFFF fields of RF64 and data stand for.
+    o.Id("ds64");
+    o.U32le(28);
+    o.U64le(L.riffSize);
+    o.U64le(L.dataBytes);
+    o.U64le(L.frames);
+    o.U32le(0);  // no other chunk needs a 64-bit size
+  }
   o.Id("fmt ");
   const uint32_t fmtSize = L.extensible ? 40 : (c.tag == 6 || c.tag == 7) ? 18 : 16;
   o.U32le(fmtSize);
@@ -349,18 +376,28 @@ bool AssembleWav(BlockWriter& o, Waveform& w, const WavLayout& L) {
   }
   if (L.variant == kWavBare) PutSmpl(o, w, L);
   o.Id("data");
-  o.U32le(static_cast<uint32_t>(L.dataBytes));
-  if (uint8_t* p = o.Reserve(static_cast<std::size_t>(L.dataBytes))) {
-    if (!EncodeSamples(w, c, p, uint64_t{L.frames} * L.channels)) return false;
-  }
+  o.U32le(L.rf64 ? 0xFFFFFFFF : static_cast<uint32_t>(L.dataBytes));
+}
+
+// Everything after the samples: the pad byte, LIST INFO, cue and smpl.
+void PutTail(BlockWriter& o, const Waveform& w, const WavLayout& L) {
   if (L.dataBytes & 1) o.U8(0x80);  // pad with 8-bit silence, which is 0x80, not 0
   if (L.variant != kWavBare) {
     PutInfo(o, w, L);
     if (L.looped && (L.variant == kWavNormal || L.variant == kWavExtensible)) PutCueLoop(o, w);
     PutSmpl(o, w, L);
   }
-  o.PatchU32le(4, static_cast<uint32_t>(o.Size() - 8));
-  return true;
+}
+
+bool WriteBlockOf(FileRef& file, const Waveform& w, const WavLayout& L,
+                  void (*put)(BlockWriter&, const Waveform&, const WavLayout&)) {
+  BlockWriter counter;
+  put(counter, w, L);
+  auto block = TryAllocArray<uint8_t>(counter.Size());
+  if (!block) return Fail(kExp, "Out of memory");
+  BlockWriter out(block.get(), counter.Size());
+  put(out, w, L);
+  return WriteBlock(file, block.get(), counter.Size(), kExp);
 }
 
 }  // namespace
@@ -394,15 +431,31 @@ bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t var
   L.looped = w->loopType != 0 && w->loopEnd > w->loopStart;
   L.dataBytes = uint64_t{L.frames} * L.channels * L.coding.bytes;
 
-  BlockWriter counter;
-  if (!AssembleWav(counter, *w, L)) return FailRead(kExp);
-  const uint64_t total = counter.Size();
-  if (total - 8 > 0xFFFFFFFFull) return Fail(kExp, "The wave is too large for a RIFF WAVE file");
-  auto block = TryAllocArray<uint8_t>(static_cast<std::size_t>(total));
-  if (!block) return Fail(kExp, "Out of memory");
-  BlockWriter out(block.get(), static_cast<std::size_t>(total));
-  if (!AssembleWav(out, *w, L)) return FailRead(kExp);
-  return WriteBlock(file, block.get(), total, kExp);
+  BlockWriter head, tail;
+  PutHead(head, *w, L);
+  PutTail(tail, *w, L);
+  L.riffSize = head.Size() + L.dataBytes + tail.Size() - 8;
+  if (L.riffSize > WavRf64Threshold) {
+    L.rf64 = true;
+    L.riffSize += 8 + 28;  // the ds64 chunk
+  }
+
+  SampleSource source;
+  if (!SourceFor(*w, L.coding, source)) return FailRead(kExp);
+  if (!WriteBlockOf(file, *w, L, PutHead)) return false;
+  // The samples go out a block at a time: a wave of gigabytes needs no
+  // second copy of itself in memory.
+  const uint64_t frameBytes = uint64_t{L.channels} * L.coding.bytes;
+  const uint64_t blockFrames = std::max<uint64_t>(1, (1u << 20) / frameBytes);
+  auto block = TryAllocArray<uint8_t>(static_cast<std::size_t>(std::min<uint64_t>(L.frames, blockFrames) * frameBytes));
+  if (!block && L.frames) return Fail(kExp, "Out of memory");
+  for (uint64_t done = 0; done < L.frames;) {
+    const uint64_t n = std::min<uint64_t>(blockFrames, L.frames - done);
+    EncodeSamples(source, L.coding, block.get(), done * L.channels, n * L.channels);
+    if (!WriteBlock(file, block.get(), n * frameBytes, kExp)) return false;
+    done += n;
+  }
+  return WriteBlockOf(file, *w, L, PutTail);
 }
 
 bool WriteWaveFile(Waveform& wave, const std::filesystem::path& path, uint32_t request, uint32_t variant) {
@@ -621,7 +674,9 @@ bool AssembleW64(BlockWriter& o, Waveform& w, const Coding& c, uint32_t channels
   o.Bytes(kGuidData, 16);
   o.U64le(dataBytes + kW64Head);
   if (uint8_t* p = o.Reserve(static_cast<std::size_t>(dataBytes))) {
-    if (!EncodeSamples(w, c, p, frames * channels)) return false;
+    SampleSource source;
+    if (!SourceFor(w, c, source)) return false;
+    EncodeSamples(source, c, p, 0, frames * channels);
   }
   o.PatchU64le(16, o.Size());
   return true;

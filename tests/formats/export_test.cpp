@@ -1,10 +1,20 @@
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstring>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "core/instrument_ops.h"
 #include "formats/export.h"
+#include "formats/modules/wav.h"
 #include "pipeline_support.h"
 
 namespace kv {
@@ -39,6 +49,12 @@ class ExportTest : public test::PipelineTest {
       OverrideRowFunctions(row, nullptr, test::ScriptedWriteFn);
   }
   bool Exists(const fs::path& p) { return fs::exists(p); }
+  // The names in the test's folder, hidden ones included.
+  std::set<std::string> Names() {
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir_.path())) names.insert(e.path().filename().string());
+    return names;
+  }
 };
 
 TEST_F(ExportTest, SavingOverTheFileALazyWaveReadsFromKeepsItsSamples) {
@@ -76,12 +92,153 @@ TEST_F(ExportTest, AFailedWriteRestoresTheOldFileAndLeavesNoBackup) {
   EXPECT_STREQ(ErrorContext, "test_Exp");
   EXPECT_STREQ(ErrorMessage, "Disk full halfway");
   EXPECT_EQ(test::ReadFile(path), "previous contents");
-  EXPECT_FALSE(Exists(dir_ / "keep.wav.bak"));
+  EXPECT_EQ(Names(), std::set<std::string>{"keep.wav"}) << "no backup, no half-written file";
   EXPECT_EQ(LastStatusText(), "Failed to Save.");
 
   // A new file that fails is not left behind either.
   EXPECT_FALSE(SaveFile(w, dir_ / "new.wav", test::kWavRow, ExportRequest{}, false));
   EXPECT_FALSE(Exists(dir_ / "new.wav"));
+
+  // The real writer on a disk that fills half-way, in a child whose writes
+  // past 1 MB fail (EFBIG, as ENOSPC would).
+  const pid_t pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{1 << 20, 1 << 20};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    OverrideRowFunctions(test::kWavRow, nullptr, wav_Exp);
+    Collection big;
+    const bool ok = SaveFile(MakeWave(big, "W", 1u << 20), path, test::kWavRow, ExportRequest{}, false);
+    ::_exit(!ok && std::strcmp(ErrorMessage, "Writing to file failed") == 0 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the save failed for the full disk";
+  EXPECT_EQ(test::ReadFile(path), "previous contents");
+  EXPECT_EQ(Names(), std::set<std::string>{"keep.wav"});
+}
+
+// A save in a child process whose writer reports each step of its write and
+// waits; the parent looks at the target at every step and kills the child
+// with SIGKILL at one of them.
+TEST_F(ExportTest, ASaveKilledAtAnyPointLeavesTheOldFileOrTheNewOneWhole) {
+  const fs::path path = dir_ / "existing.wav";
+  const std::string old = test::WaveFileBytes(1 << 20);
+  const std::string fresh = test::WaveFileBytes(3 << 20);
+  constexpr int kSteps = 4;
+  const std::size_t part = (fresh.size() + kSteps - 1) / kSteps;
+  // Kill after step 0..kSteps of the write, as soon as the writer is done,
+  // or never.
+  for (int killAt = 0; killAt <= kSteps + 2; ++killAt) {
+    SCOPED_TRACE("kill at " + std::to_string(killAt));
+    test::WriteFile(path, old);
+    ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+    int toParent[2], toChild[2];
+    ASSERT_EQ(::pipe(toParent), 0);
+    ASSERT_EQ(::pipe(toChild), 0);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      test::ScriptedWrite() = [&](Item&, FileRef& f, ExportRequest&) {
+        for (int step = 0; step <= kSteps; ++step) {
+          const std::size_t at = (step - 1) * part;
+          if (step > 0 && !f.Write(fresh.data() + at, std::min(part, fresh.size() - at))) return false;
+          char c = static_cast<char>(step);
+          if (::write(toParent[1], &c, 1) != 1 || ::read(toChild[0], &c, 1) != 1) return false;
+        }
+        return true;
+      };
+      Collection c;
+      ::_exit(SaveFile(MakeWave(c, "W", 4), path, test::kWavRow, ExportRequest{}, false) ? 0 : 1);
+    }
+    ::close(toParent[1]);
+    ::close(toChild[0]);
+    char step;
+    bool killed = false;
+    while (::read(toParent[0], &step, 1) == 1) {
+      EXPECT_EQ(test::ReadFile(path), old) << "while the new file is written, at step " << int{step};
+      if (step == killAt) {
+        ::kill(pid, SIGKILL);
+        killed = true;
+        break;
+      }
+      const char go = 1;
+      ASSERT_EQ(::write(toChild[1], &go, 1), 1);
+      if (step == kSteps && killAt == kSteps + 1) {
+        ::kill(pid, SIGKILL);  // somewhere in the flush, the rename or the clean-up
+        killed = true;
+      }
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ::close(toParent[0]);
+    ::close(toChild[1]);
+    const std::string now = test::ReadFile(path);
+    if (killAt <= kSteps) {
+      EXPECT_EQ(now, old);
+    } else {
+      EXPECT_TRUE(now == old || now == fresh) << "a file of " << now.size() << " bytes";
+    }
+    if (!killed) {
+      ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+      EXPECT_EQ(now, fresh);
+      struct stat info {};
+      ::stat(path.c_str(), &info);
+      EXPECT_EQ(info.st_mode & 07777, 0640u);
+    }
+    // Besides the target only the backup (the old file whole) may be left,
+    // and the hidden name of an unfinished file where the file system can't
+    // make one without a name.
+    for (const std::string& name : Names()) {
+      if (name == "existing.wav") continue;
+      if (name == "existing.wav.bak") {
+        EXPECT_EQ(test::ReadFile(dir_ / name), old);
+      } else {
+        EXPECT_EQ(name.rfind(".existing.wav.kvsave", 0), 0u) << name;
+      }
+      fs::remove(dir_ / name);
+    }
+    if (!killed) {
+      EXPECT_EQ(Names(), std::set<std::string>{"existing.wav"});
+    }
+  }
+}
+
+// The built program saving a large wave over an existing file, killed at
+// several moments of the save.
+TEST_F(ExportTest, KelvoKilledDuringALargeSaveLeavesTheOldFileOrTheNewOneWhole) {
+  const fs::path kelvo = fs::path(KELVO_BINARY_DIR) / "ui" / "kelvo";
+  if (!test::Need(fs::exists(kelvo), "the kelvo program at " + kelvo.string())) return;
+  Collection c;
+  Waveform* big = MakeWave(c, "Big", 16u << 20, 2);  // 64 MB of 16-bit stereo
+  ASSERT_TRUE(WriteWaveFile(*big, dir_ / "big.wav", 0)) << ErrorMessage;
+  const std::string old = test::WaveFileBytes(1000);
+  const std::string save = "'" + kelvo.string() + "' '" + (dir_ / "big.wav").string() + "' --save ";
+
+  const auto t0 = std::chrono::steady_clock::now();
+  ASSERT_EQ(test::RunCommand(save + "'" + (dir_ / "whole.wav").string() + "' >/dev/null 2>&1"), 0);
+  const auto full = std::chrono::steady_clock::now() - t0;
+  const std::string fresh = test::ReadFile(dir_ / "whole.wav");
+  ASSERT_GT(fresh.size(), 64u << 20);
+
+  const fs::path path = dir_ / "existing.wav";
+  for (int tenth : {1, 3, 5, 7, 9}) {
+    SCOPED_TRACE("killed after " + std::to_string(tenth * 10) + "% of a whole save's time");
+    test::WriteFile(path, old);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      ::execl(kelvo.c_str(), "kelvo", (dir_ / "big.wav").c_str(), "--save", path.c_str(), nullptr);
+      ::_exit(127);
+    }
+    std::this_thread::sleep_for(full * tenth / 10);
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    const std::string now = test::ReadFile(path);
+    EXPECT_TRUE(now == old || now == fresh) << "a file of " << now.size() << " bytes";
+  }
 }
 
 TEST_F(ExportTest, BackupNeverReplacesAnExistingBakFile) {

@@ -81,7 +81,7 @@ TEST(AiffRate, EightyBitExtendedByIntegers) {
 }
 
 TEST(AiffCorpus, EveryAiffLoadsAsThePeersSay) {
-  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus not found";
+  if (!test::NeedCorpus()) return;
   int checked = 0;
   for (const test::ManifestEntry& e : test::Manifest()) {
     const std::string ext = fs::path(e.path).extension().string();
@@ -123,7 +123,7 @@ TEST(AiffCorpus, EveryAiffLoadsAsThePeersSay) {
 }
 
 TEST(AiffCorpus, TextsAndTheTwoLoops) {
-  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus not found";
+  if (!test::NeedCorpus()) return;
   Loaded l = Load(test::CorpusDir() / "aiff/gen-aiff-s16-mark-inst-2loops.aiff");
   ASSERT_NE(l.wave, nullptr);
   EXPECT_EQ(l.wave->fineTune, -5);
@@ -219,9 +219,10 @@ TEST(AiffWrite, EveryWidthOpensInThePeersWithTheSameSamples) {
     if (test::SoundfileSamples(path, theirs)) {
       EXPECT_EQ(theirs, ours);
     }
-    std::string soxOut;
-    if (test::HaveTool("soxi")) {
-      test::RunCommand("soxi -s '" + path.string() + "'", &soxOut);
+    if (test::NeedTool("soxi")) {
+      std::string soxOut;
+      ASSERT_EQ(test::RunCommand("soxi -s '" + path.string() + "' 2>&1", &soxOut), 0)
+          << "sox can't read it: " << soxOut;
       EXPECT_EQ(std::stoul(soxOut), 1001u);
     }
   }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ namespace fs = std::filesystem;
 
 std::string Le16(uint32_t v) { return {static_cast<char>(v), static_cast<char>(v >> 8)}; }
 std::string Le32(uint32_t v) { return Le16(v & 0xFFFF) + Le16(v >> 16); }
+std::string Le64(uint64_t v) { return Le32(static_cast<uint32_t>(v)) + Le32(static_cast<uint32_t>(v >> 32)); }
 
 std::string Chunk(const std::string& id, const std::string& body) {
   std::string s = id + Le32(static_cast<uint32_t>(body.size())) + body;
@@ -96,11 +98,16 @@ struct BoxCapture {
 };
 
 // The file's samples as sox decodes them, as 32-bit integers (no dither).
+// False when sox is missing (reported) or can't read the file (a failure).
 bool SoxSamples(const fs::path& path, std::vector<int32_t>& out) {
-  if (!test::HaveTool("sox")) return false;
+  if (!test::NeedTool("sox")) return false;
   const test::TempDir scratch;  // never beside the input: the corpus is read-only
   const fs::path raw = scratch / "samples.raw";
-  if (test::RunCommand("sox -D '" + path.string() + "' -t s32 '" + raw.string() + "' 2>/dev/null") != 0) return false;
+  std::string said;
+  if (test::RunCommand("sox -D '" + path.string() + "' -t s32 '" + raw.string() + "' 2>&1", &said) != 0) {
+    ADD_FAILURE() << "sox can't read " << path << ": " << said;
+    return false;
+  }
   const std::string bytes = test::ReadFile(raw);
   out.resize(bytes.size() / 4);
   std::memcpy(out.data(), bytes.data(), out.size() * 4);
@@ -132,7 +139,7 @@ bool IsCompressedWave(const std::string& format) {
 }
 
 TEST(WavCorpus, EveryWaveLoadsAsThePeersSay) {
-  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus not found at " << test::CorpusDir();
+  if (!test::NeedCorpus()) return;
   int checked = 0;
   for (const test::ManifestEntry& e : test::Manifest()) {
     if (e.path.rfind("wav/", 0) != 0) continue;
@@ -144,7 +151,7 @@ TEST(WavCorpus, EveryWaveLoadsAsThePeersSay) {
     const int row = DetectFormat(path, probe, confidence);
     const FormatEntry* entry = FormatAt(row);
     ASSERT_NE(entry, nullptr);
-    if (entry->read != wav_Imp && entry->read != w64_Imp) continue;  // RF64, AIFF named .wav: other rows
+    if (entry->read != wav_Imp && entry->read != w64_Imp) continue;  // AIFF named .wav: another row
     Loaded l = LoadWith(path, entry->read);
     ASSERT_TRUE(l.ok) << ErrorContext << ": " << ErrorMessage;
     ASSERT_NE(l.wave, nullptr);
@@ -187,7 +194,7 @@ TEST(WavCorpus, EveryWaveLoadsAsThePeersSay) {
 }
 
 TEST(WavCorpus, InfoTextsAndInstChunk) {
-  if (!test::HaveCorpus()) GTEST_SKIP() << "corpus not found";
+  if (!test::NeedCorpus()) return;
   Loaded l = LoadWith(test::CorpusDir() / "wav/gen-smpl-inst-cue.wav", wav_Imp);
   ASSERT_NE(l.wave, nullptr);
   // smpl came first with note 62 and a pitch fraction of 0xEE147AE2 (0.93 of
@@ -421,7 +428,6 @@ TEST(WavWrite, EveryEncodingOpensInThePeersWithTheSameSamples) {
   } cases[] = {{kPcm8, kWavNormal},     {kPcm16, kWavNormal},     {kPcm24, kWavNormal}, {kPcm32, kWavNormal},
                {kFloat32, kWavNormal},  {kMuLaw, kWavNormal},     {kALaw, kWavNormal},  {kPcm24, kWavExtensible},
                {kFloat32, kWavExtensible}, {kPcm16, kWavCwdt},    {kPcm16, kWavBare}};
-  const bool peers = !test::SoundfilePython().empty();
   for (const auto& tc : cases) {
     SCOPED_TRACE(std::string(DataFormatName(tc.format)) + " variant " + std::to_string(tc.variant));
     const fs::path path = dir / ("out" + std::to_string(tc.format) + "_" + std::to_string(tc.variant) + ".wav");
@@ -445,7 +451,7 @@ TEST(WavWrite, EveryEncodingOpensInThePeersWithTheSameSamples) {
       }
     }
     std::vector<float> theirs;
-    if (peers && test::SoundfileSamples(path, theirs)) {
+    if (test::SoundfileSamples(path, theirs)) {
       EXPECT_EQ(theirs, ours);
     }
     std::vector<int32_t> sox;
@@ -455,7 +461,7 @@ TEST(WavWrite, EveryEncodingOpensInThePeersWithTheSameSamples) {
         ASSERT_EQ(sox[i], static_cast<int32_t>(std::llround(static_cast<double>(ours[i]) * 2147483648.0)))
             << "sample " << i;
     }
-    if (test::HaveTool("sndfile-info") && tc.variant != kWavCwdt) {
+    if (tc.variant != kWavCwdt && test::NeedTool("sndfile-info")) {
       std::string out;
       test::RunCommand("sndfile-info --instrument '" + path.string() + "'", &out);
       EXPECT_NE(out.find("Base note   : 62"), std::string::npos) << out;
@@ -583,6 +589,164 @@ TEST(Wave64, WriteThenReadWithThePeers) {
   test::WriteFile(dir / "bad.w64", std::string(64, 'x'));
   EXPECT_FALSE(LoadWith(dir / "bad.w64", w64_Imp).ok);
   EXPECT_STREQ(ErrorMessage, "Not a Sonic Foundry/Sony Wave64 file");
+}
+
+// ---- RF64 ----
+
+// An RF64 head: sizes 0xFFFFFFFF in RF64 and data, the true ones in ds64,
+// with `table` naming other chunks whose size field says 0xFFFFFFFF.
+std::string Rf64Head(uint64_t riffSize, uint64_t dataSize, uint64_t frames, const std::string& table = "",
+                     uint32_t entries = 0) {
+  return "RF64" + Le32(0xFFFFFFFF) + "WAVE" +
+         Chunk("ds64", Le64(riffSize) + Le64(dataSize) + Le64(frames) + Le32(entries) + table);
+}
+
+int DetectedRow(const fs::path& path) {
+  FileRef file;
+  int confidence = 0;
+  return file.OpenRead(path) ? DetectFormat(path, file, confidence) : -1;
+}
+
+TEST(Rf64, ChunksAfterDataAreFoundThroughTheDs64Sizes) {
+  test::TempDir dir;
+  const std::string samples = Pcm16({100, -100, 2000, -2000, 30000, -30000});
+  const std::string info = "INFO" + Chunk("INAM", std::string("Long take\0", 10));
+  const std::string body = Fmt(1, 2, 8000, 16) + "data" + Le32(0xFFFFFFFF) + samples + "LIST" + Le32(0xFFFFFFFF) +
+                           info + Smpl(62, 0, true, 1, 1);
+  const std::string table = "LIST" + Le64(info.size());
+  const std::size_t headSize = Rf64Head(0, 0, 0, table, 1).size();
+  const fs::path path = dir / "long.wav";
+  test::WriteFile(path, Rf64Head(headSize - 8 + body.size(), samples.size(), 3, table, 1) + body);
+
+  EXPECT_EQ(DetectedRow(path), 476);
+  FileRef file;
+  ASSERT_TRUE(file.OpenRead(path));
+  int confidence = 0;
+  EXPECT_EQ(DetectFormat("noext", file, confidence), 476);
+  Loaded l = LoadWith(path, wav_Imp);
+  ASSERT_NE(l.wave, nullptr) << ErrorMessage;
+  EXPECT_EQ(l.wave->channels, 2);
+  EXPECT_EQ(l.wave->length, 3u);
+  EXPECT_STREQ(l.wave->name, "Long take");
+  EXPECT_EQ(l.wave->rootKey, 62);
+  EXPECT_EQ(l.wave->loopType, 1);
+  EXPECT_EQ(l.wave->loopStart, 1.0f);
+  EXPECT_EQ(l.wave->loopEnd, 2.0f);
+  test::ExpectSamplesAsLibsndfile(path, *l.wave);
+  std::vector<int32_t> sox;
+  if (SoxSamples(path, sox)) {
+    ASSERT_EQ(sox.size(), 6u);
+    EXPECT_EQ(sox[4], 30000 * 65536);
+  }
+
+  // A ds64 whose sizes run near 2^64: what the file holds is read, no more.
+  BoxCapture boxes;
+  test::WriteFile(path, Rf64Head(~0ull, ~0ull - 1, ~0ull, "LIST" + Le64(~0ull), 1) + body);
+  Loaded lying = LoadWith(path, wav_Imp);
+  ASSERT_NE(lying.wave, nullptr) << ErrorMessage;
+  EXPECT_EQ(Boxes().size(), 1u) << "the data chunk is truncated";
+  EXPECT_EQ(lying.wave->length, (body.size() - Fmt(1, 2, 8000, 16).size() - 8) / 4);
+}
+
+TEST(Rf64, DataPastFourGigabytesKeepsItsLengthAndTheChunksBehindIt) {
+  // 4.5 GB of stereo 16-bit frames as a hole in a sparse file, then smpl.
+  test::TempDir dir;
+  const uint64_t frames = 0x48000000;
+  const uint64_t dataSize = frames * 4;
+  const std::string smpl = Smpl(62, 0, true, 0x40000000, 0x47FFFFFF);
+  const std::string fmtAndData = Fmt(1, 2, 44100, 16) + "data" + Le32(0xFFFFFFFF);
+  const std::size_t headSize = Rf64Head(0, 0, 0).size() + fmtAndData.size();
+  const std::string head = Rf64Head(headSize - 8 + dataSize + smpl.size(), dataSize, frames) + fmtAndData;
+  const fs::path path = dir / "huge.wav";
+  test::WriteFile(path, head);
+  fs::resize_file(path, headSize + dataSize);
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::app);
+    out << smpl;
+  }
+  Loaded l = LoadWith(path, wav_Imp);
+  ASSERT_NE(l.wave, nullptr) << ErrorMessage;
+  EXPECT_EQ(l.wave->length, frames);
+  EXPECT_EQ(l.wave->fileOffset, headSize);
+  EXPECT_EQ(l.wave->rootKey, 62);
+  EXPECT_EQ(l.wave->loopStart, static_cast<float>(0x40000000));
+  EXPECT_EQ(l.wave->loopEnd, static_cast<float>(frames));
+  if (test::NeedTool("sndfile-info")) {  // soxi would read the 4.5 GB through
+    std::string said;
+    ASSERT_EQ(test::RunCommand("sndfile-info '" + path.string() + "' 2>&1", &said), 0) << said;
+    EXPECT_NE(said.find("Frames      : " + std::to_string(frames)), std::string::npos) << said;
+  }
+}
+
+TEST(Rf64, WriterSwitchesPastTheThresholdAndThePeersReadIt) {
+  const uint64_t defaultThreshold = WavRf64Threshold;
+  struct Restore {
+    uint64_t value;
+    ~Restore() { WavRf64Threshold = value; }
+  } restore{defaultThreshold};
+  Collection c;
+  Waveform* source = MakeWave(c, 1001, 2);
+  source->rootKey = 62;
+  source->loopType = 1;
+  source->loopStart = 100;
+  source->loopEnd = 900;
+  CopyText(source->artist, "Someone");
+  test::TempDir dir;
+  const struct {
+    int format;
+    uint32_t variant;
+    uint32_t channels;
+  } cases[] = {{kPcm16, kWavNormal, kCapStereo},
+               {kPcm24, kWavExtensible, kCapStereo},
+               {kPcm8, kWavBare, kCapMono},  // smpl before data, odd data size
+               {kMuLaw, kWavNormal, kCapStereo}};  // with fact
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(std::string(DataFormatName(tc.format)) + " variant " + std::to_string(tc.variant));
+    const uint32_t request = SourceFormatBit(tc.format) | tc.channels;
+    auto write = [&](const char* name, uint64_t threshold) {
+      WavRf64Threshold = threshold;
+      EXPECT_TRUE(WriteWaveFile(*source, dir / name, request, tc.variant)) << ErrorMessage;
+      return test::ReadFile(dir / name);
+    };
+    const std::string plain = write("plain.wav", defaultThreshold);
+    ASSERT_EQ(plain.substr(0, 4), "RIFF");
+    const uint64_t riffSize = plain.size() - 8;
+    EXPECT_EQ(write("edge.wav", riffSize), plain) << "a RIFF size at the threshold still fits";
+    const std::string rf64 = write("rf64.wav", riffSize - 1);
+
+    // The plain file's chunks behind a ds64, the data size moved into it.
+    const uint32_t channels = tc.channels == kCapMono ? 1 : 2;
+    const uint64_t dataBytes = uint64_t{1001} * channels * (tc.format == kPcm24 ? 3 : tc.format == kPcm16 ? 2 : 1);
+    ASSERT_EQ(rf64.size(), plain.size() + 36);
+    EXPECT_EQ(rf64.substr(0, 48), Rf64Head(riffSize + 36, dataBytes, 1001));
+    std::string expected = plain.substr(12);
+    const std::size_t dataAt = expected.find("data" + Le32(static_cast<uint32_t>(dataBytes)));
+    ASSERT_NE(dataAt, std::string::npos);
+    expected.replace(dataAt + 4, 4, Le32(0xFFFFFFFF));
+    EXPECT_EQ(rf64.substr(48), expected);
+
+    Loaded back = LoadWith(dir / "rf64.wav", wav_Imp);
+    ASSERT_NE(back.wave, nullptr) << ErrorMessage;
+    EXPECT_EQ(back.wave->length, 1001u);
+    EXPECT_EQ(back.wave->rootKey, 62);
+    EXPECT_EQ(back.wave->loopStart, 100.0f);
+    EXPECT_EQ(back.wave->loopEnd, 900.0f);
+    if (tc.variant != kWavBare) {
+      EXPECT_STREQ(back.wave->artist, "Someone");
+    }
+    Loaded before = LoadWith(dir / "plain.wav", wav_Imp);
+    ASSERT_NE(before.wave, nullptr);
+    const std::vector<float> ours = OurSamples(*back.wave);
+    EXPECT_EQ(ours, OurSamples(*before.wave));
+    std::vector<float> theirs;
+    if (test::SoundfileSamples(dir / "rf64.wav", theirs)) {
+      EXPECT_EQ(theirs, ours);
+    }
+    std::vector<int32_t> sox;
+    if (SoxSamples(dir / "rf64.wav", sox)) {
+      ASSERT_EQ(sox.size(), ours.size());
+    }
+  }
 }
 
 }  // namespace

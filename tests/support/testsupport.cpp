@@ -41,6 +41,28 @@ fs::path CorpusDir() {
 
 bool HaveCorpus() { return fs::exists(CorpusDir() / "MANIFEST.tsv"); }
 
+bool UnderCi() {
+  const char* ci = std::getenv("CI");
+  return ci && (std::strcmp(ci, "true") == 0 || std::strcmp(ci, "1") == 0);
+}
+
+void Missing(const std::string& what) {
+  if (UnderCi()) {
+    ADD_FAILURE() << what << " is missing, and a CI run needs it";
+    return;
+  }
+  [&] { GTEST_SKIP() << what << " is missing"; }();
+}
+
+bool Need(bool present, const std::string& what) {
+  if (!present) Missing(what);
+  return present;
+}
+
+bool NeedCorpus() { return Need(HaveCorpus(), "the corpus at " + CorpusDir().string()); }
+
+bool NeedTool(const std::string& name) { return Need(HaveTool(name), "the peer tool " + name); }
+
 const std::vector<ManifestEntry>& Manifest() {
   static const std::vector<ManifestEntry> rows = [] {
     std::vector<ManifestEntry> out;
@@ -112,14 +134,18 @@ std::string SoundfilePython() {
 
 bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out) {
   const std::string py = SoundfilePython();
-  if (py.empty()) return false;
+  if (!Need(!py.empty(), "python3 with soundfile (libsndfile) and numpy")) return false;
   // Beside the test's own files, never beside the input: the corpus is read-only.
   const TempDir scratch;
   const std::filesystem::path raw = scratch.path() / "samples.raw";
   const std::string cmd = py + " -c \"import soundfile as sf, sys; d, r = sf.read(sys.argv[1], dtype='float32', "
                                "always_2d=True); d[:, :2].astype('<f4').tofile(sys.argv[2])\" '" +
-                          path.string() + "' '" + raw.string() + "'";
-  if (RunCommand(cmd) != 0) return false;
+                          path.string() + "' '" + raw.string() + "' 2>&1";
+  std::string said;
+  if (RunCommand(cmd, &said) != 0) {
+    ADD_FAILURE() << "libsndfile can't read " << path << ": " << said;
+    return false;
+  }
   const std::string bytes = ReadFile(raw);
   out.resize(bytes.size() / 4);
   std::memcpy(out.data(), bytes.data(), out.size() * 4);

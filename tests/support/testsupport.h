@@ -31,6 +31,20 @@ class TempDir {
 std::filesystem::path CorpusDir();
 bool HaveCorpus();
 
+// ---- what a test needs from outside the tree ----
+
+// True under CI (CI=true in the environment).
+bool UnderCi();
+// Reports that `what` (the corpus, a peer tool, a package) is missing: under
+// CI a failure naming it, elsewhere the test is marked skipped. The caller
+// then returns, or leaves out the checks that needed it.
+void Missing(const std::string& what);
+// `present`, reporting `what` through Missing when it isn't:
+//   if (!test::Need(test::HaveCorpus(), "the corpus")) return;
+bool Need(bool present, const std::string& what);
+bool NeedCorpus();
+bool NeedTool(const std::string& name);
+
 struct ManifestEntry {
   std::string path;    // relative to the corpus folder
   std::string format;
@@ -53,10 +67,12 @@ std::string ReadFile(const std::filesystem::path& path);
 // A Python with the soundfile (libsndfile) and numpy modules; empty if none.
 std::string SoundfilePython();
 // The file's samples as libsndfile decodes them, float32, the first two
-// channels interleaved; false when libsndfile can't be asked or refuses.
+// channels interleaved. False when libsndfile can't be asked (reported
+// through Missing) or refuses the file (a test failure: the peers exist to
+// catch files they can't open).
 bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out);
 // Every sample of `wave`, read from `path`, equals libsndfile's decoding of
-// the same file (when libsndfile can be asked).
+// the same file.
 void ExpectSamplesAsLibsndfile(const std::filesystem::path& path, Waveform& wave);
 
 // Everything a fix-up decides, as text without item ids: each instrument's
