@@ -1,6 +1,7 @@
 // SFZ reader on arbitrary text: the bytes go to a file in a fresh folder
 // (includes and samples resolve against it, so they point nowhere or at the
 // file itself), then the real read path, the fix-up pass and a write back.
+// A first line "//NAME" names the file, whose name can carry a location.
 #include <unistd.h>
 
 #include <cstddef>
@@ -18,6 +19,20 @@
 
 namespace fs = std::filesystem;
 
+// The stem a leading "//NAME" line asks for, when it is a plain file name.
+static std::string StemOf(const uint8_t* data, std::size_t size) {
+  std::string stem;
+  if (size < 3 || data[0] != '/' || data[1] != '/') return "fuzz";
+  for (std::size_t i = 2; i < size && data[i] != '\n'; ++i) {
+    const char c = static_cast<char>(data[i]);
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == ' ' ||
+                       c == '-' || c == '_' || c == '.';
+    if (!plain || stem.size() >= 64) return "fuzz";
+    stem += c;
+  }
+  return stem.empty() ? "fuzz" : stem;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   kv::MessageBoxesEnabled = 0;
   kv::SetSkippedBoxesQuiet(true);
@@ -28,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const char* made = ::mkdtemp(pattern.data());
     return fs::path(made ? made : "/tmp");
   }();
-  const fs::path path = folder / "fuzz.sfz";
+  const fs::path path = folder / (StemOf(data, size) + ".sfz");
   {
     kv::FileRef out;
     if (!out.OpenWrite(path) || (size && !out.Write(data, size))) return 0;

@@ -1173,12 +1173,11 @@ class Parser {
         std::size_t end;
         if (name == "sample" || name == "default_path") {
           end = PathValueEnd(s, pos);
+        } else if (name == "base64data") {
+          end = Base64ValueEnd(s, pos);
         } else {
-          // Base64 text may hold "//"; other values end at a comment.
-          const bool base64 = name == "base64data";
           end = pos;
-          while (end < n && !IsSpace(s[end]) && s[end] != '<' &&
-                 (base64 || !(s[end] == '/' && end + 1 < n && s[end + 1] == '/')))
+          while (end < n && !IsSpace(s[end]) && s[end] != '<' && !(s[end] == '/' && end + 1 < n && s[end + 1] == '/'))
             ++end;
         }
         Assign(name, Trim(s.substr(pos, end - pos)));
@@ -1205,6 +1204,30 @@ class Parser {
       std::size_t q = i + eq;
       while (q > i && !IsSpace(s[q - 1])) --q;
       end = q;
+    }
+    return end;
+  }
+
+  // Embedded samples are wrapped into lines (and indented) as their writer
+  // likes: the text runs over any blanks and line breaks up to a header, a
+  // comment, an opcode ('=' with more than padding after it) or a word with
+  // letters base64 doesn't use. It may hold "//" itself, but not "// ".
+  static std::size_t Base64ValueEnd(std::string_view s, std::size_t i) {
+    auto base64 = [](char c) {
+      return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/' ||
+             c == '-' || c == '_' || c == '=';
+    };
+    std::size_t end = i;
+    for (std::size_t p = i; p < s.size();) {
+      while (p < s.size() && IsSpace(s[p])) ++p;
+      std::size_t q = p;
+      while (q < s.size() && base64(s[q])) ++q;
+      if (q == p || (q < s.size() && !IsSpace(s[q]) && s[q] != '<')) break;
+      const std::string_view word = s.substr(p, q - p);
+      const std::size_t eq = word.find('=');
+      if (eq != std::string_view::npos && word.find_first_not_of('=', eq) != std::string_view::npos) break;
+      if (word == "//") break;
+      end = p = q;
     }
     return end;
   }
@@ -1330,6 +1353,54 @@ class Parser {
   std::string sampleName_;
 };
 
+// ---------------------------------------------------------------- location
+
+// SFZ has no word for an instrument's bank and program, so libraries carry
+// them in their file names: our save-all by location ("d0-0-12 - Name":
+// drum flag, major bank, minor bank, program), our numbered save-alls
+// ("07 - Name", counting from 1 in the bank's order) and other SoundFont
+// exporters ("012_Name", the program in bank 0). The name loses the prefix.
+bool LocationFromFileName(std::string_view stem, uint32_t& location, std::string_view& name) {
+  std::size_t i = 0;
+  auto number = [&](uint32_t& v, uint32_t top) {
+    const std::size_t start = i;
+    v = 0;
+    while (i < stem.size() && stem[i] >= '0' && stem[i] <= '9' && v <= top) v = v * 10 + (stem[i++] - '0');
+    return i > start && v <= top;
+  };
+  auto skip = [&](std::string_view text) {
+    if (stem.substr(i, text.size()) != text) return false;
+    i += text.size();
+    return true;
+  };
+  auto rest = [&] {
+    name = stem.substr(i);
+    if (name.empty()) name = stem;
+    return true;
+  };
+  constexpr uint32_t kTop = 127;
+  uint32_t major = 0, minor = 0, program = 0;
+  const bool drum = stem.starts_with('d');
+  i = drum ? 1 : 0;
+  if (number(major, kTop) && skip("-") && number(minor, kTop) && skip("-") && number(program, kTop) && skip(" - ")) {
+    location = MakeLocation(major, minor, program, drum);
+    return rest();
+  }
+  // The count goes on into the banks, as a merge moves a taken location on.
+  i = 0;
+  uint32_t count = 0;
+  if (number(count, kLocationMask >> 1) && count >= 1 && skip(" - ")) {
+    location = count - 1;
+    return rest();
+  }
+  i = 0;
+  if (number(program, kTop) && i == 3 && skip("_")) {
+    location = MakeLocation(0, 0, program, false);
+    return rest();
+  }
+  return false;
+}
+
 // ---------------------------------------------------------------- building items
 
 // Key and velocity occupancy of a layer, to keep overlapping regions apart:
@@ -1379,7 +1450,12 @@ bool ReadSfz(Collection& c, FileRef& file) {
   Parser(parsed).Run(pre.Text());
   pre.Text().clear();
 
-  Instrument* inst = Create<Instrument>(c, path.stem().string().c_str());
+  const std::string stem = path.stem().string();
+  uint32_t location = 0;
+  std::string_view name = stem;
+  const bool located = LocationFromFileName(stem, location, name);
+  Instrument* inst = Create<Instrument>(c, std::string(name).c_str());
+  if (located) inst->location = location;
   {
     Articulation global;
     ToArticulation(Record{parsed.global}, global);

@@ -13,7 +13,9 @@ class Item;
 struct ExportRequest;
 
 // SFZ v1 and v2: one Instrument per file, samples read through their own
-// format's reader and left on disk. Context "sfz_Imp".
+// format's reader and left on disk. A bank location in the file name
+// ("d0-0-12 - Name", "07 - Name", "012_Name") becomes the instrument's.
+// Context "sfz_Imp".
 bool sfz_Imp(Collection& collection, FileRef& file, uint32_t parameter);
 // One .sfz per instrument. parameter: 0 v1 with the waves beside the file,
 // 1 v1 with the waves in a sub-folder named after the file, 2 and 3 the same
