@@ -260,11 +260,14 @@ int MergeStereoPairs(Collection& c) {
       return nullptr;
     };
     // A partner set up differently (envelope, tuning, loop) would lose the
-    // right half's own settings when it absorbs it.
+    // right half's own settings when it absorbs it. A stereo wave plays its
+    // left half on the left: a pair panned any other way (swapped, centred,
+    // narrowed) would change sides or width.
     const bool alike = std::ranges::all_of(regions, [&](Region* r) {
       if (RegionWaveform(*r) != right) return true;
       const Region* p = partnerOf(*r);
-      return !p || PlaysAlike(*p, *r);
+      return !p || (PlaysAlike(*p, *r) && ResolveRegion(*p).pan.position <= -0.9f &&
+                    ResolveRegion(*r).pan.position >= 0.9f);
     });
     if (!alike || !LoadForProcessing(*left) || !LoadForProcessing(*right)) continue;
     if (!InterleaveInto(*left, *right)) {

@@ -104,11 +104,11 @@ void SetFx(Instrument& inst, int p, float v) {
   if (place == 0) {
     const auto type = static_cast<uint8_t>(Whole(Normalised(p, v)));
     if (type == unit.type) return;
-    // A new effect starts from its own defaults.
+    // A new effect starts from its own defaults, inside each row's range.
     unit.type = type;
     for (int j = 0; j < kFxRowsPerSlot - 1; ++j) {
       const ParameterRow* row = CatalogueRow(base + 1 + j, type);
-      unit.param[j] = row ? row->def : 0.0f;
+      unit.param[j] = row ? NormaliseForRow(*row, row->def) : 0.0f;
     }
     return;
   }

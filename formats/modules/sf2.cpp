@@ -19,6 +19,7 @@
 #include "core/instrument_ops.h"
 #include "core/items.h"
 #include "core/param_catalogue.h"
+#include "core/params.h"
 #include "core/samplecodec.h"
 #include "core/text.h"
 #include "core/wavestore.h"
@@ -121,6 +122,16 @@ std::string ReadInfoText(FileRef& file, const ChunkRef& chunk, std::size_t limit
   return DecodeText(text.data(), text.size(), TextEncoding::Foreign);
 }
 
+// Whether a chunk header that fits before `end` starts at `pos`: an id of
+// printable characters and a size within the enclosing chunk.
+bool HeaderAt(FileRef& file, uint64_t pos, uint64_t end) {
+  uint8_t head[8];
+  if (pos > end || end - pos < 8 || !ReadAt(file, pos, head, 8)) return false;
+  for (int i = 0; i < 4; ++i)
+    if (head[i] < 0x20 || head[i] > 0x7E) return false;
+  return Le32At(head + 4) <= end - pos - 8;
+}
+
 // Any LIST is entered whatever its type; chunk sizes are cut to what the
 // enclosing chunk (and so the file) holds.
 void Walk(FileRef& file, BankLayout& bank, uint64_t start, uint64_t end, int depth) {
@@ -158,7 +169,10 @@ void Walk(FileRef& file, BankLayout& bank, uint64_t start, uint64_t end, int dep
       for (int i = 0; i < kPdtaCount; ++i)
         if (is(kPdtaIds[i])) bank.pdta[i] = ref;
     }
-    pos = body + size + (size & 1);
+    pos = body + size;
+    // Some compressed banks leave out the pad byte after an odd-sized chunk
+    // (the Ogg data): the next header then starts right after the body.
+    if ((size & 1) && (HeaderAt(file, pos + 1, end) || !HeaderAt(file, pos, end))) ++pos;
   }
 }
 
@@ -398,8 +412,8 @@ int EffectSlot(Instrument& instrument, uint8_t type) {
     if (instrument.fx[s].type == type) return s;
   for (int s = 0; s < 4; ++s) {
     if (instrument.fx[s].type == 0) {
-      instrument.fx[s] = ChannelFx{};
-      instrument.fx[s].type = type;
+      // Through the parameter, so the effect starts from its defaults.
+      params::Set(instrument, FxTypeParam(s), type);
       return s;
     }
   }
@@ -560,6 +574,12 @@ bool ReadBank(Collection& c, FileRef& file, const char* context, bool soundFont1
     return Fail(context, "%s", soundFont1 ? "Not a Sound Font file" : "Not a Sound Font v2.x file");
   }
   const bool compressed = bank.major == 3;
+  // Without these the bank would open as an empty collection.
+  for (PdtaChunk need : {kPhdr, kPbag, kPgen, kInst, kIbag, kIgen, kShdr}) {
+    if (!bank.pdta[need].present) {
+      return Fail(context, "No preset data in the bank (no '%s' chunk)", kPdtaIds[need]);
+    }
+  }
 
   Records rec;
   rec.phdr = ReadRecords<PhdrRec>(file, bank.pdta[kPhdr]);

@@ -1,10 +1,14 @@
-// SoundFont 2 and 1 writers: mono samples (stereo waves become linked
-// pairs), one SoundFont instrument per layer (shared by layers whose zones
-// come out the same), generators by the inverse of the reader's formulas.
+// SoundFont 2 and 1 writers: mono samples (stereo waves, and mono waves
+// that play as the two sides of one, become linked pairs), one SoundFont
+// instrument per layer or per two layers that hold such sides (shared by
+// layers whose zones come out the same), generators by the inverse of the
+// reader's formulas.
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -156,6 +160,7 @@ struct Writer {
 
     const ZoneValues defaults = DefaultZone();
     const ZoneValues& global = layer.global;
+    std::vector<GenRec> hoisted;
     {
       std::vector<GenRec> gens;
       std::vector<ModRec> mods;
@@ -163,10 +168,18 @@ struct Writer {
         if (global.g[n] != defaults.g[n]) gens.push_back(MakeGen(n, global.g[n]));
       for (int s = 0; s < kSlotCount; ++s)
         if (global.m[s] != defaults.m[s] && !DefaultSendSlot(s)) mods.push_back(MakeMod(s, global.m[s]));
+      hoisted = SharedZoneGens(layer, !gens.empty() || !mods.empty());
+      gens.insert(gens.end(), hoisted.begin(), hoisted.end());
+      SortGens(gens);
       if (!gens.empty() || !mods.empty()) Zone(pd.ibag, pd.igen, pd.imod, gens, mods);
     }
+    auto isHoisted = [&hoisted](const GenRec& g) {
+      return std::any_of(hoisted.begin(), hoisted.end(), [&](const GenRec& h) { return h.oper.get() == g.oper.get(); });
+    };
     for (const LayerZones::Zone& z : layer.zones) {
-      std::vector<GenRec> gens(z.other.begin(), z.other.end() - 1);
+      std::vector<GenRec> gens;
+      std::copy_if(z.other.begin(), z.other.end() - 1, std::back_inserter(gens),
+                   [&](const GenRec& g) { return !isHoisted(g); });
       std::vector<ModRec> mods;
       for (int n : kArtGens)
         if (z.values.g[n] != global.g[n]) gens.push_back(MakeGen(n, z.values.g[n]));
@@ -180,6 +193,30 @@ struct Writer {
     written.resize(pd.inst.size());
     written[index] = std::move(layer);
     return index;
+  }
+
+  // The zone generators (loop mode, exclusive class, offsets, root key)
+  // that every zone gives alike, when one copy of each in the global zone
+  // makes the instrument smaller than a copy in every zone.
+  static std::vector<GenRec> SharedZoneGens(const LayerZones& layer, bool haveGlobal) {
+    std::vector<GenRec> shared;
+    if (layer.zones.size() < 2) return shared;
+    const std::vector<GenRec>& first = layer.zones.front().other;
+    for (auto g = first.begin(); g + 1 < first.end(); ++g) {
+      const uint16_t oper = g->oper.get();
+      if (oper == kKeyRange || oper == kVelRange) continue;
+      const bool everywhere = std::all_of(layer.zones.begin() + 1, layer.zones.end(), [&](const LayerZones::Zone& z) {
+        return std::any_of(z.other.begin(), z.other.end() - 1, [&](const GenRec& o) {
+          return o.oper.get() == oper && o.amount.get() == g->amount.get();
+        });
+      });
+      if (everywhere) shared.push_back(*g);
+    }
+    // Each generator moved saves one per zone but one; a global zone that
+    // isn't there yet costs a zone record.
+    const std::size_t saved = shared.size() * (layer.zones.size() - 1);
+    if (saved <= (haveGlobal ? 0u : 1u)) shared.clear();
+    return shared;
   }
 
   // The standard's order: ranges first, the rest by number.
@@ -293,6 +330,134 @@ struct Writer {
     Ranges(t, out);
   }
 
+  // A layer about to be written, with the layer that holds the other
+  // halves of its stereo pairs when there is one.
+  struct Part {
+    Layer* layer = nullptr;
+    std::vector<Region*> regions;
+    ZoneValues global;
+    std::vector<Region*> partners;  // by region: its other half, or null
+    bool absorbed = false;          // written with the layer it pairs with
+  };
+
+  // Two regions that play the two sides of one stereo sound: mono waves
+  // alike in length, rate, pitch and loop, over the same keys and
+  // velocities, panned hard apart.
+  static bool StereoHalves(const Region& a, const Region& b) {
+    const Waveform* wa = RegionWaveform(a);
+    const Waveform* wb = RegionWaveform(b);
+    if (!wa || !wb || wa == wb || wa->channels > 1 || wb->channels > 1 || wa->length != wb->length ||
+        wa->sampleRate != wb->sampleRate || wa->rootKey != wb->rootKey || wa->fineTune != wb->fineTune ||
+        wa->loopType != wb->loopType || wa->loopStart != wb->loopStart || wa->loopEnd != wb->loopEnd ||
+        !a.trigger.SameRanges(b.trigger)) {
+      return false;
+    }
+    const ResolvedRegion ra = ResolveRegion(a), rb = ResolveRegion(b);
+    const float pa = ra.art.value[kRowPan], pb = rb.art.value[kRowPan];
+    return std::fabs(pa) == 1.0f && pa == -pb && ra.pitch.rootKey == rb.pitch.rootKey &&
+           ra.pitch.masterTune == rb.pitch.masterTune;
+  }
+
+  // The two sides of stereo samples come in two layers of one instrument
+  // (the reader's zones over the same keys, the export's split of stereo
+  // waves). Layers alike but for those waves and pans go back into one
+  // SoundFont instrument, where each pair of zones plays a linked pair.
+  static void PairStereoLayers(std::vector<Part>& parts) {
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+      Part& a = parts[i];
+      if (a.absorbed || !a.partners.empty()) continue;
+      for (std::size_t j = i + 1; j < parts.size(); ++j) {
+        Part& b = parts[j];
+        if (b.absorbed || !b.partners.empty() || b.regions.size() > a.regions.size() ||
+            !a.layer->trigger.SameRanges(b.layer->trigger) || a.global.g != b.global.g || a.global.m != b.global.m) {
+          continue;
+        }
+        std::vector<Region*> partners(a.regions.size(), nullptr);
+        bool paired = true;
+        for (Region* r : b.regions) {
+          std::size_t k = 0;
+          while (k < a.regions.size() && (partners[k] || !StereoHalves(*a.regions[k], *r))) ++k;
+          if (k == a.regions.size()) {
+            paired = false;
+            break;
+          }
+          partners[k] = r;
+        }
+        if (!paired) continue;
+        a.partners = std::move(partners);
+        b.absorbed = true;
+        break;
+      }
+    }
+  }
+
+  // Makes the samples of two stereo halves a linked pair, the one panned
+  // left the left sample. A sample already in a pair stays in that one.
+  void LinkPair(const Region& a, const Region& b) {
+    const int pa = PlaceOf(RegionWaveform(a)->id), pb = PlaceOf(RegionWaveform(b)->id);
+    if (pa < 0 || pb < 0 || places[pa].first < 0 || places[pb].first < 0 || places[pa].channels != 1 ||
+        places[pb].channels != 1) {
+      return;
+    }
+    const bool aLeft = ResolveRegion(a).art.value[kRowPan] < 0;
+    const int left = places[aLeft ? pa : pb].first, right = places[aLeft ? pb : pa].first;
+    ShdrRec& l = pd.shdr[left];
+    ShdrRec& r = pd.shdr[right];
+    if (l.type.get() != kMonoSample || r.type.get() != kMonoSample) return;
+    l.type.set(kLeftSample);
+    l.link.set(static_cast<uint32_t>(right));
+    r.type.set(kRightSample);
+    r.link.set(static_cast<uint32_t>(left));
+  }
+
+  // The zones of one region, one per channel of its wave, at the end of
+  // `zones`; its wave is written first.
+  bool AddRegionZones(Region& region, const Layer& layer, const SendSlots& sends, uint64_t features,
+                      LayerZones& zones) {
+    Waveform* wave = RegionWaveform(region);
+    if (!AddWave(*wave)) return false;
+    const WavePlace& place = places[PlaceOf(wave->id)];
+    if (place.first < 0) return true;
+    const ResolvedRegion resolved = ResolveRegion(region);
+    const ZoneValues z = ArticulationToGens(resolved.art, sends, features);
+    const LoopView& loop = resolved.loop;
+    for (int ch = 0; ch < place.channels; ++ch) {
+      LayerZones::Zone& zone = zones.zones.emplace_back();
+      zone.values = z;
+      // The two sides of a stereo wave play hard left and right.
+      if (place.channels == 2) zone.values.g[kPan] = ch == 0 ? -500 : 500;
+      std::vector<GenRec>& gens = zone.other;
+      OpenRanges(region.trigger, layer.trigger, gens);
+      if (resolved.startOffset > 0) {
+        gens.push_back(MakeGen(kStartAddrsOffset, resolved.startOffset % 32768));
+        if (resolved.startOffset >= 32768) {
+          gens.push_back(MakeGen(kStartAddrsCoarse, resolved.startOffset / 32768));
+        }
+      }
+      if (resolved.endOffset < 0) {
+        gens.push_back(MakeGen(kEndAddrsOffset, resolved.endOffset % 32768));
+        if (resolved.endOffset <= -32768) gens.push_back(MakeGen(kEndAddrsCoarse, resolved.endOffset / 32768));
+      }
+      // The loop as the region plays it, against the sample header's.
+      const int ds = RoundHalfAway(loop.start - wave->loopStart);
+      const int de = RoundHalfAway(std::min<double>(loop.end, wave->length) -
+                                   std::min<double>(wave->loopEnd, wave->length));
+      if (ds) gens.push_back(MakeGen(kStartloopAddrsOffset, ds % 32768));
+      if (ds / 32768) gens.push_back(MakeGen(kStartloopAddrsCoarse, ds / 32768));
+      if (de) gens.push_back(MakeGen(kEndloopAddrsOffset, de % 32768));
+      if (de / 32768) gens.push_back(MakeGen(kEndloopAddrsCoarse, de / 32768));
+      if (loop.type != 0) gens.push_back(MakeGen(kSampleModes, loop.release != 0 ? 3 : 1));
+      if (region.trigger.exclusionGroup) {
+        gens.push_back(MakeGen(kExclusiveClass, std::min<int>(region.trigger.exclusionGroup, 127)));
+      }
+      if (region.overrideMask & kOverrideRootKey) {
+        gens.push_back(MakeGen(kOverridingRootKey, resolved.pitch.rootKey));
+      }
+      gens.push_back(MakeGen(kSampleId, place.first + ch));
+    }
+    return true;
+  }
+
   bool AddInstrument(Collection& c, Instrument& instrument, uint64_t features) {
     PhdrRec ph{};
     PutName(ph.name, instrument.Name());
@@ -307,60 +472,33 @@ struct Writer {
       if (instrument.fx[s].type == 1 && sends.chorus < 0) sends.chorus = s;
     }
     const Articulation none;
+    std::vector<Part> parts;
     for (ItemId layerId : instrument.children) {
       Layer* layer = c.FindAs<Layer>(layerId);
       if (!layer) continue;
-      std::vector<Region*> regions;
+      Part part{layer};
       for (ItemId id : layer->children)
-        if (auto* r = c.FindAs<Region>(id); r && RegionWaveform(*r)) regions.push_back(r);
-      if (regions.empty()) continue;
-
+        if (auto* r = c.FindAs<Region>(id); r && RegionWaveform(*r)) part.regions.push_back(r);
+      if (part.regions.empty()) continue;
       // The layer's values, absolute, go to the SoundFont instrument's global
       // zone: preset-level generators add to the instrument's, so values that
       // already include them must not stand there.
+      part.global = ArticulationToGens(MergedArticulation(none, layer->art, instrument.art), sends, features);
+      parts.push_back(std::move(part));
+    }
+    PairStereoLayers(parts);
+
+    for (const Part& part : parts) {
+      if (part.absorbed) continue;
+      Layer* layer = part.layer;
       LayerZones zones;
-      zones.global = ArticulationToGens(MergedArticulation(none, layer->art, instrument.art), sends, features);
-      for (Region* region : regions) {
-        Waveform* wave = RegionWaveform(*region);
-        if (!AddWave(*wave)) return false;
-        const WavePlace& place = places[PlaceOf(wave->id)];
-        if (place.first < 0) continue;
-        const ResolvedRegion resolved = ResolveRegion(*region);
-        const ZoneValues z = ArticulationToGens(resolved.art, sends, features);
-        const LoopView& loop = resolved.loop;
-        for (int ch = 0; ch < place.channels; ++ch) {
-          LayerZones::Zone& zone = zones.zones.emplace_back();
-          zone.values = z;
-          // The two sides of a stereo wave play hard left and right.
-          if (place.channels == 2) zone.values.g[kPan] = ch == 0 ? -500 : 500;
-          std::vector<GenRec>& gens = zone.other;
-          OpenRanges(region->trigger, layer->trigger, gens);
-          if (resolved.startOffset > 0) {
-            gens.push_back(MakeGen(kStartAddrsOffset, resolved.startOffset % 32768));
-            if (resolved.startOffset >= 32768) {
-              gens.push_back(MakeGen(kStartAddrsCoarse, resolved.startOffset / 32768));
-            }
-          }
-          if (resolved.endOffset < 0) {
-            gens.push_back(MakeGen(kEndAddrsOffset, resolved.endOffset % 32768));
-            if (resolved.endOffset <= -32768) gens.push_back(MakeGen(kEndAddrsCoarse, resolved.endOffset / 32768));
-          }
-          // The loop as the region plays it, against the sample header's.
-          const int ds = RoundHalfAway(loop.start - wave->loopStart);
-          const int de = RoundHalfAway(std::min<double>(loop.end, wave->length) -
-                                       std::min<double>(wave->loopEnd, wave->length));
-          if (ds) gens.push_back(MakeGen(kStartloopAddrsOffset, ds % 32768));
-          if (ds / 32768) gens.push_back(MakeGen(kStartloopAddrsCoarse, ds / 32768));
-          if (de) gens.push_back(MakeGen(kEndloopAddrsOffset, de % 32768));
-          if (de / 32768) gens.push_back(MakeGen(kEndloopAddrsCoarse, de / 32768));
-          if (loop.type != 0) gens.push_back(MakeGen(kSampleModes, loop.release != 0 ? 3 : 1));
-          if (region->trigger.exclusionGroup) {
-            gens.push_back(MakeGen(kExclusiveClass, std::min<int>(region->trigger.exclusionGroup, 127)));
-          }
-          if (region->overrideMask & kOverrideRootKey) {
-            gens.push_back(MakeGen(kOverridingRootKey, resolved.pitch.rootKey));
-          }
-          gens.push_back(MakeGen(kSampleId, place.first + ch));
+      zones.global = part.global;
+      for (std::size_t k = 0; k < part.regions.size(); ++k) {
+        Region* region = part.regions[k];
+        if (!AddRegionZones(*region, *layer, sends, features, zones)) return false;
+        if (Region* other = part.partners.empty() ? nullptr : part.partners[k]) {
+          if (!AddRegionZones(*other, *layer, sends, features, zones)) return false;
+          LinkPair(*region, *other);
         }
       }
 

@@ -68,14 +68,21 @@ TEST_F(ImportTest, OverridesEqualToTheWaveAreTurnedOffOthersStay) {
   EXPECT_EQ(region->loopEnd, 800.0f);
 }
 
+// The dual-layer form of a stereo pair: the right half in a second layer on
+// the same range, each side panned by `pan` (left) and -`pan` (right).
+Collection& BuildDualLayerPair(Collection& c, float pan) {
+  Waveform* l = MakeWave(c, "Pad L", 64, 1, 0);
+  Waveform* r = MakeWave(c, "Pad R", 64, 1, 1000);
+  auto* inst = MakeInstrument(c, "Pad", {l});
+  c.FindAs<Region>(c.FindAs<Layer>(inst->children[0])->children[0])->art.Set(kRowPan, pan);
+  Layer* second = AddLayer(*inst);
+  AddRegion(*second, r->id, MakeRange(0, 127), MakeRange(0, 127), 255)->art.Set(kRowPan, -pan);
+  return c;
+}
+
 TEST_F(ImportTest, StereoRowKeepsNamedMonoPairsApartMonoRowMergesThem) {
   auto build = [](Collection& c, FileRef&) {
-    Waveform* l = MakeWave(c, "Pad L", 64, 1, 0);
-    Waveform* r = MakeWave(c, "Pad R", 64, 1, 1000);
-    auto* inst = MakeInstrument(c, "Pad", {l});
-    // The dual-layer form: the right half in a second layer on the same range.
-    Layer* second = AddLayer(*inst);
-    AddRegion(*second, r->id, MakeRange(0, 127), MakeRange(0, 127), 255);
+    BuildDualLayerPair(c, -1.0f);
     return true;
   };
   test::ScriptedRead() = build;
@@ -97,6 +104,15 @@ TEST_F(ImportTest, StereoRowKeepsNamedMonoPairsApartMonoRowMergesThem) {
   EXPECT_EQ(pair->samples16[1], 1000);  // then right
   EXPECT_EQ(mono.Count(ItemType::Region), 1u);
   EXPECT_EQ(mono.Count(ItemType::Layer), 1u);
+
+  // Halves that play centred, swapped or narrowed would change their sound as
+  // one stereo wave: they stay apart.
+  for (float pan : {0.0f, 1.0f, -0.5f}) {
+    Collection kept;
+    BuildDualLayerPair(kept, pan).formatIndex = test::kSf2Row;
+    FixUpItems(kept, 0xFF, true);
+    EXPECT_EQ(kept.Count(ItemType::Waveform), 2u) << "pan " << pan;
+  }
 }
 
 TEST_F(ImportTest, MergingASingleWaveLeavesDuplicatesAloneABankDoesNot) {
