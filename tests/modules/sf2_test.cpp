@@ -992,14 +992,14 @@ std::string TestSong(std::initializer_list<int> programs, std::initializer_list<
 void ExpectCopyPlaysLikeTheOriginal(const fs::path& bank, const fs::path& copy, const std::string& song,
                                     double minCorrelation, double maxDifferenceDb) {
   TempDir dir;
-  if (test::HaveTool("sf2dump")) {
+  if (test::NeedTool("sf2dump")) {
     std::string out;
     EXPECT_EQ(test::RunCommand("sf2dump '" + copy.string() + "' 2>&1", &out), 0);
     EXPECT_EQ(out.find("Exception"), std::string::npos) << out.substr(0, 2000);
     EXPECT_NE(out.find("Presets"), std::string::npos);
   }
 
-  if (test::HaveTool("polyphone")) {
+  if (test::NeedTool("polyphone")) {
     // Polyphone opens our copy and converts it on: its command line fails on
     // a bank it can't read.
     std::string out;
