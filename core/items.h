@@ -386,9 +386,6 @@ class Track final : public Item {
   uint32_t eventCount_ = 0;
 };
 
-// Counts the events of raw track bytes by the running-status rule; stops at
-// the first malformed event.
-uint32_t CountTrackEvents(std::span<const uint8_t> data);
 
 class Song final : public Item {
  public:

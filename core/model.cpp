@@ -11,6 +11,7 @@
 #include "core/app.h"
 #include "core/error.h"
 #include "core/fileref.h"
+#include "core/midi_events.h"
 #include "core/items.h"
 #include "core/settings.h"
 #include "core/text.h"
@@ -346,54 +347,6 @@ Song::Song(Collection& owner, const Song& s, const char* text)
 }
 
 // ---------------------------------------------------------------- tracks
-
-uint32_t CountTrackEvents(std::span<const uint8_t> data) {
-  std::size_t pos = 0;
-  uint32_t count = 0;
-  uint8_t running = 0;
-  auto readVarLen = [&](uint32_t& value) {
-    value = 0;
-    for (int i = 0; i < 4; ++i) {
-      if (pos >= data.size()) return false;
-      uint8_t b = data[pos++];
-      value = (value << 7) | (b & 0x7F);
-      if (!(b & 0x80)) return true;
-    }
-    return false;
-  };
-  while (pos < data.size()) {
-    uint32_t delta, length;
-    if (!readVarLen(delta) || pos >= data.size()) break;
-    uint8_t status = data[pos];
-    if (status & 0x80) {
-      ++pos;
-    } else if (running) {
-      status = running;  // running status: the byte is the first data byte
-    } else {
-      break;
-    }
-    if (status == 0xFF) {
-      if (pos >= data.size()) break;
-      ++pos;  // meta type
-      if (!readVarLen(length) || length > data.size() - pos) break;
-      pos += length;
-      running = 0;
-    } else if (status == 0xF0 || status == 0xF7) {
-      if (!readVarLen(length) || length > data.size() - pos) break;
-      pos += length;
-      running = 0;
-    } else if (status >= 0xF1) {
-      break;  // system common messages don't occur in files
-    } else {
-      std::size_t bytes = (status & 0xE0) == 0xC0 ? 1 : 2;
-      if (pos + bytes > data.size()) break;
-      pos += bytes;
-      running = status;
-    }
-    ++count;
-  }
-  return count;
-}
 
 void Track::SetEvents(std::vector<uint8_t> data) {
   events_ = std::move(data);
