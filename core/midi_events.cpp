@@ -78,4 +78,58 @@ uint32_t CountTrackEvents(std::span<const uint8_t> track) {
   return count;
 }
 
+void AppendVarLen(std::vector<uint8_t>& out, uint32_t value) {
+  if (value > 0x0FFFFFFF) value = 0x0FFFFFFF;
+  uint8_t bytes[4];
+  int n = 0;
+  do {
+    bytes[n++] = value & 0x7F;
+    value >>= 7;
+  } while (value != 0);
+  while (n-- > 0) out.push_back(static_cast<uint8_t>(bytes[n] | (n > 0 ? 0x80 : 0)));
+}
+
+void MidiEventWriter::Channel(uint32_t delta, uint8_t status, uint8_t channel, uint8_t data1, uint8_t data2) {
+  AppendVarLen(out_, delta);
+  const uint8_t byte = static_cast<uint8_t>((status & 0xF0) | (channel & 0x0F));
+  if (byte != running_) out_.push_back(byte);
+  running_ = byte;
+  out_.push_back(data1 & 0x7F);
+  if (MidiDataBytes(status & 0xF0) > 1) out_.push_back(data2 & 0x7F);
+}
+
+void MidiEventWriter::Meta(uint32_t delta, uint8_t type, std::span<const uint8_t> data) {
+  AppendVarLen(out_, delta);
+  out_.push_back(0xFF);
+  out_.push_back(type);
+  AppendVarLen(out_, static_cast<uint32_t>(data.size()));
+  out_.insert(out_.end(), data.begin(), data.end());
+  running_ = 0;
+}
+
+void MidiEventWriter::SysEx(uint32_t delta, uint8_t status, std::span<const uint8_t> data) {
+  AppendVarLen(out_, delta);
+  out_.push_back(status);
+  AppendVarLen(out_, static_cast<uint32_t>(data.size()));
+  out_.insert(out_.end(), data.begin(), data.end());
+  running_ = 0;
+}
+
+void MidiEventWriter::System(uint32_t delta, uint8_t status, uint8_t data1, uint8_t data2) {
+  AppendVarLen(out_, delta);
+  out_.push_back(status);
+  const int bytes = MidiDataBytes(status);
+  if (bytes > 0) out_.push_back(data1 & 0x7F);
+  if (bytes > 1) out_.push_back(data2 & 0x7F);
+  running_ = 0;
+}
+
+void MidiEventWriter::Write(const MidiEvent& e) {
+  const std::span<const uint8_t> payload(e.payload, e.length);
+  if (e.status < 0xF0) Channel(e.delta, e.status, e.channel, e.data1, e.data2);
+  else if (e.status == 0xFF) Meta(e.delta, e.metaType, payload);
+  else if (e.status == 0xF0 || e.status == 0xF7) SysEx(e.delta, e.status, payload);
+  else System(e.delta, e.status, e.data1, e.data2);
+}
+
 }  // namespace kv

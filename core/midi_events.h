@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 namespace kv {
 
@@ -66,6 +67,34 @@ class MidiEventCursor {
   uint8_t channel_ = 0;
   bool done_ = false;
 };
+
+// Appends events to a track body as a file stores them: deltas as
+// variable-length quantities (limited to 0x0FFFFFFF, the largest that fits
+// four bytes), running status only between channel messages of the same
+// status byte, meta, SysEx and system messages always with theirs. What it
+// writes is read the same by our walk and by other players.
+class MidiEventWriter {
+ public:
+  explicit MidiEventWriter(std::vector<uint8_t>& out) : out_(out) {}
+
+  // `status` 0x80-0xE0 with `channel` 0-15; data masked to 7 bits.
+  void Channel(uint32_t delta, uint8_t status, uint8_t channel, uint8_t data1, uint8_t data2 = 0);
+  void Meta(uint32_t delta, uint8_t type, std::span<const uint8_t> data);
+  // `status` 0xF0 or 0xF7; `data` as the file stores it (an F0 message's
+  // bytes up to and with its closing F7).
+  void SysEx(uint32_t delta, uint8_t status, std::span<const uint8_t> data);
+  // 0xF1-0xFE other than 0xF7 and 0xFF.
+  void System(uint32_t delta, uint8_t status, uint8_t data1 = 0, uint8_t data2 = 0);
+  void EndOfTrack(uint32_t delta) { Meta(delta, 0x2F, {}); }
+  // Any event the walk gave.
+  void Write(const MidiEvent& event);
+
+ private:
+  std::vector<uint8_t>& out_;
+  uint8_t running_ = 0;  // the last status byte written for a channel message, 0 after anything else
+};
+
+void AppendVarLen(std::vector<uint8_t>& out, uint32_t value);
 
 // Events in a track body. The count alone narrows its bound by one byte for
 // each event that begins fewer than four bytes before it, so a truncated tail

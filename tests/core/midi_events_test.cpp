@@ -133,39 +133,98 @@ std::string OurLines(const std::vector<std::vector<uint8_t>>& tracks) {
   return text;
 }
 
+// A python with mido, or "" after reporting it missing.
+std::string MidoPython() {
+  for (const char* py : {"/usr/bin/python3", "python3"})
+    if (test::RunCommand(std::string(py) + " -c 'import mido' 2>/dev/null") == 0) return py;
+  test::Missing("python3-mido");
+  return "";
+}
+
+// mido's reading of a file in OurLines' form.
+std::string MidoLines(const std::string& python, const fs::path& script, const fs::path& file) {
+  test::WriteFile(script,
+                  "import mido, sys\n"
+                  "m = mido.MidiFile(sys.argv[1], clip=True)\n"
+                  "for n, t in enumerate(m.tracks):\n"
+                  "    tick = 0\n"
+                  "    for msg in t:\n"
+                  "        tick += msg.time\n"
+                  "        print(n, tick, ' '.join('%02x' % b for b in msg.bytes()))\n");
+  std::string out;
+  EXPECT_EQ(test::RunCommand(python + " '" + script.string() + "' '" + file.string() + "' 2>&1", &out), 0)
+      << file << ": " << out;
+  return out;
+}
+
 TEST(MidiWalk, CorpusTracksWalkAsMidoReadsThem) {
   if (!test::NeedCorpus()) return;
-  std::string python;
-  for (const char* py : {"/usr/bin/python3", "python3"})
-    if (test::RunCommand(std::string(py) + " -c 'import mido' 2>/dev/null") == 0) {
-      python = py;
-      break;
-    }
-  if (!test::Need(!python.empty(), "python3-mido")) return;
-  const std::string script =
-      "import mido, sys\n"
-      "m = mido.MidiFile(sys.argv[1], clip=True)\n"
-      "for n, t in enumerate(m.tracks):\n"
-      "    tick = 0\n"
-      "    for msg in t:\n"
-      "        tick += msg.time\n"
-      "        print(n, tick, ' '.join('%02x' % b for b in msg.bytes()))\n";
+  const std::string python = MidoPython();
+  if (python.empty()) return;
   test::TempDir dir;
-  test::WriteFile(dir / "walk.py", script);
   int files = 0;
   for (const auto& entry : fs::directory_iterator(test::CorpusDir() / "midi")) {
     const auto ext = entry.path().extension();
     if (ext != ".mid" && ext != ".kar") continue;
-    std::string theirs;
-    ASSERT_EQ(test::RunCommand(python + " '" + (dir / "walk.py").string() + "' '" + entry.path().string() + "'",
-                               &theirs),
-              0)
-        << entry.path() << ": " << theirs;
+    const std::string theirs = MidoLines(python, dir / "walk.py", entry.path());
     const auto tracks = Tracks(test::ReadFile(entry.path()));
     EXPECT_EQ(OurLines(tracks), theirs) << entry.path();
     uint32_t ours = 0;
     for (const auto& t : tracks) ours += CountTrackEvents(t);
     EXPECT_EQ(ours, static_cast<uint32_t>(std::count(theirs.begin(), theirs.end(), '\n'))) << entry.path();
+    ++files;
+  }
+  EXPECT_GE(files, 6);
+}
+
+TEST(MidiWrite, RunningStatusOnlyBetweenChannelMessagesOfOneStatus) {
+  std::vector<uint8_t> t;
+  MidiEventWriter w(t);
+  w.Channel(0, 0x90, 1, 60, 100);
+  w.Channel(0x80, 0x90, 1, 62, 100);  // same status byte: left out
+  w.Channel(0, 0x90, 2, 64, 100);     // another channel: written
+  w.Meta(0, 0x06, std::vector<uint8_t>{'A'});
+  w.Channel(0, 0x90, 2, 65, 0);       // after a meta: written again
+  w.Channel(0, 0xC0, 2, 5);           // one data byte
+  w.SysEx(0x0FFFFFFF, 0xF0, std::vector<uint8_t>{0x7E, 0xF7});
+  w.System(0x10000000, 0xF2, 1, 2);   // a delta past four bytes is limited
+  w.EndOfTrack(0);
+  const std::vector<uint8_t> want = {0x00, 0x91, 60, 100, 0x81, 0x00, 62, 100, 0x00, 0x92, 64, 100,
+                                     0x00, 0xFF, 0x06, 0x01, 'A', 0x00, 0x92, 65, 0, 0x00, 0xC2, 5,
+                                     0xFF, 0xFF, 0xFF, 0x7F, 0xF0, 0x02, 0x7E, 0xF7,
+                                     0xFF, 0xFF, 0xFF, 0x7F, 0xF2, 1, 2, 0x00, 0xFF, 0x2F, 0x00};
+  EXPECT_EQ(t, want);
+  EXPECT_EQ(CountTrackEvents(t), 9u);
+}
+
+TEST(MidiWrite, CorpusTracksWrittenAgainReadTheSameInMido) {
+  if (!test::NeedCorpus()) return;
+  const std::string python = MidoPython();
+  if (python.empty()) return;
+  test::TempDir dir;
+  int files = 0;
+  for (const auto& entry : fs::directory_iterator(test::CorpusDir() / "midi")) {
+    const auto ext = entry.path().extension();
+    if (ext != ".mid" && ext != ".kar") continue;
+    const std::string original = test::ReadFile(entry.path());
+    ASSERT_EQ(original.compare(0, 8, std::string("MThd\0\0\0\6", 8)), 0) << entry.path();
+    std::string copy = original.substr(0, 14);
+    for (const auto& track : Tracks(original)) {
+      std::vector<uint8_t> body;
+      MidiEventWriter w(body);
+      MidiEventCursor cursor(track);
+      MidiEvent e;
+      while (cursor.Next(e)) w.Write(e);
+      const uint32_t n = static_cast<uint32_t>(body.size());
+      copy += "MTrk";
+      for (int shift : {24, 16, 8, 0}) copy += static_cast<char>(n >> shift);
+      copy.append(body.begin(), body.end());
+    }
+    const fs::path written = dir / entry.path().filename();
+    test::WriteFile(written, copy);
+    EXPECT_EQ(MidoLines(python, dir / "walk.py", written), MidoLines(python, dir / "walk.py", entry.path()))
+        << entry.path();
+    EXPECT_EQ(OurLines(Tracks(copy)), OurLines(Tracks(original))) << entry.path();
     ++files;
   }
   EXPECT_GE(files, 6);
