@@ -378,8 +378,8 @@ class Track final : public Item {
   const std::vector<uint8_t>& Events() const { return events_; }
   uint32_t EventCount() const { return eventCount_; }
 
-  uint8_t port = 0;
-  uint8_t spare[2] = {};
+  uint8_t channelGroup = 0;     // meta 0x21 at tick 0: which group of 16 channels plays the track
+  uint16_t sequenceNumber = 0;  // meta 0x00 at tick 0, or the chunk's index in a format 2 file
 
  private:
   std::vector<uint8_t> events_;

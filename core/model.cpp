@@ -190,11 +190,11 @@ KV_FLAT_RECORD(Instrument,
                 r.GetPath(sourcePath), comment[sizeof comment - 1] = 0))
 
 KV_FLAT_RECORD(Track,
-               (Put(out, port), Put(out, spare), Put(out, static_cast<uint32_t>(events_.size())),
+               (Put(out, channelGroup), Put(out, sequenceNumber), Put(out, static_cast<uint32_t>(events_.size())),
                 Put(out, eventCount_), PutBytes(out, events_.data(), events_.size())),
                ({
                  uint32_t size = 0, count = 0;
-                 if (r.Get(port) && r.Get(spare) && r.Get(size) && r.Get(count) && size <= in.size()) {
+                 if (r.Get(channelGroup) && r.Get(sequenceNumber) && r.Get(size) && r.Get(count) && size <= in.size()) {
                    std::vector<uint8_t> data(size);
                    if (r.GetBytes(data.data(), size)) SetEvents(std::move(data));
                  }
@@ -332,9 +332,11 @@ Waveform::Waveform(Collection& owner, const Waveform& s, const char* text, bool 
 
 Track::Track(Collection& owner, uint32_t serial, const char* text) : Item(owner, ItemType::Track, serial, text) {}
 Track::Track(Collection& owner, const Track& s, const char* text)
-    : Item(owner, s, text), port(s.port), events_(s.events_), eventCount_(s.eventCount_) {
-  std::memcpy(spare, s.spare, sizeof spare);
-}
+    : Item(owner, s, text),
+      channelGroup(s.channelGroup),
+      sequenceNumber(s.sequenceNumber),
+      events_(s.events_),
+      eventCount_(s.eventCount_) {}
 
 Song::Song(Collection& owner, uint32_t serial, const char* text) : Item(owner, ItemType::Song, serial, text) {}
 Song::Song(Collection& owner, const Song& s, const char* text)

@@ -125,7 +125,8 @@ void PrintItemTree(std::FILE* out, const Collection& c) {
     lines.EndLine();
     for (ItemId trackId : song->children)
       if (auto* track = c.FindAs<Track>(trackId)) {
-        lines.Head(2, *track) << " events=" << unsigned{track->EventCount()} << " port=" << unsigned{track->port};
+        lines.Head(2, *track) << " events=" << unsigned{track->EventCount()}
+                              << " group=" << unsigned{track->channelGroup} << " seq=" << unsigned{track->sequenceNumber};
         lines.EndLine();
       }
   }
