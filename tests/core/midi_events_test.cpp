@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_counter.h"
 #include "core/midi_events.h"
 #include "support/testsupport.h"
 
@@ -175,6 +176,29 @@ TEST(MidiWalk, CorpusTracksWalkAsMidoReadsThem) {
     ++files;
   }
   EXPECT_GE(files, 6);
+}
+
+TEST(MidiWalk, AWholeWalkAllocatesNothing) {
+  if (!test::NeedCorpus()) return;
+  std::vector<std::vector<uint8_t>> tracks;
+  for (const auto& entry : fs::directory_iterator(test::CorpusDir() / "midi"))
+    if (entry.path().extension() == ".mid")
+      for (auto& t : Tracks(test::ReadFile(entry.path()))) tracks.push_back(std::move(t));
+  ASSERT_FALSE(tracks.empty());
+  uint64_t events = 0;
+  const long before = test::AllocationCount();
+  for (const auto& t : tracks) {
+    MidiEventCursor cursor(t);
+    MidiEvent e;
+    while (cursor.Next(e)) events += e.length + 1;
+    events += CountTrackEvents(t);
+  }
+  EXPECT_EQ(test::AllocationCount() - before, 0);
+  EXPECT_GT(events, 1000u);
+  // The counter does see allocations.
+  const long probe = test::AllocationCount();
+  std::vector<uint8_t> some(16);
+  EXPECT_GT(test::AllocationCount(), probe);
 }
 
 TEST(MidiWrite, RunningStatusOnlyBetweenChannelMessagesOfOneStatus) {
