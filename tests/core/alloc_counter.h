@@ -3,5 +3,6 @@
 #pragma once
 
 namespace kv::test {
+// Allocations so far; -1 in sanitizer builds, which don't count.
 long AllocationCount();
 }  // namespace kv::test
