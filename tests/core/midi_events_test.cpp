@@ -158,21 +158,28 @@ std::string MidoLines(const std::string& python, const fs::path& script, const f
   return out;
 }
 
+// The corpus's Standard MIDI files (.kar ones included), in name order.
+std::vector<fs::path> CorpusMidiFiles() {
+  std::vector<fs::path> files;
+  for (const auto& entry : fs::directory_iterator(test::CorpusDir() / "midi"))
+    if (entry.path().extension() == ".mid" || entry.path().extension() == ".kar") files.push_back(entry.path());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
 TEST(MidiWalk, CorpusTracksWalkAsMidoReadsThem) {
   if (!test::NeedCorpus()) return;
   const std::string python = MidoPython();
   if (python.empty()) return;
   test::TempDir dir;
   int files = 0;
-  for (const auto& entry : fs::directory_iterator(test::CorpusDir() / "midi")) {
-    const auto ext = entry.path().extension();
-    if (ext != ".mid" && ext != ".kar") continue;
-    const std::string theirs = MidoLines(python, dir / "walk.py", entry.path());
-    const auto tracks = Tracks(test::ReadFile(entry.path()));
-    EXPECT_EQ(OurLines(tracks), theirs) << entry.path();
+  for (const fs::path& file : CorpusMidiFiles()) {
+    const std::string theirs = MidoLines(python, dir / "walk.py", file);
+    const auto tracks = Tracks(test::ReadFile(file));
+    EXPECT_EQ(OurLines(tracks), theirs) << file;
     uint32_t ours = 0;
     for (const auto& t : tracks) ours += CountTrackEvents(t);
-    EXPECT_EQ(ours, static_cast<uint32_t>(std::count(theirs.begin(), theirs.end(), '\n'))) << entry.path();
+    EXPECT_EQ(ours, static_cast<uint32_t>(std::count(theirs.begin(), theirs.end(), '\n'))) << file;
     ++files;
   }
   EXPECT_GE(files, 6);
@@ -182,9 +189,8 @@ TEST(MidiWalk, AWholeWalkAllocatesNothing) {
   if (test::AllocationCount() < 0) GTEST_SKIP() << "allocations are counted in the plain build only";
   if (!test::NeedCorpus()) return;
   std::vector<std::vector<uint8_t>> tracks;
-  for (const auto& entry : fs::directory_iterator(test::CorpusDir() / "midi"))
-    if (entry.path().extension() == ".mid")
-      for (auto& t : Tracks(test::ReadFile(entry.path()))) tracks.push_back(std::move(t));
+  for (const fs::path& file : CorpusMidiFiles())
+    for (auto& t : Tracks(test::ReadFile(file))) tracks.push_back(std::move(t));
   ASSERT_FALSE(tracks.empty());
   uint64_t events = 0;
   const long before = test::AllocationCount();
@@ -228,11 +234,9 @@ TEST(MidiWrite, CorpusTracksWrittenAgainReadTheSameInMido) {
   if (python.empty()) return;
   test::TempDir dir;
   int files = 0;
-  for (const auto& entry : fs::directory_iterator(test::CorpusDir() / "midi")) {
-    const auto ext = entry.path().extension();
-    if (ext != ".mid" && ext != ".kar") continue;
-    const std::string original = test::ReadFile(entry.path());
-    ASSERT_EQ(original.compare(0, 8, std::string("MThd\0\0\0\6", 8)), 0) << entry.path();
+  for (const fs::path& file : CorpusMidiFiles()) {
+    const std::string original = test::ReadFile(file);
+    ASSERT_EQ(original.compare(0, 8, std::string("MThd\0\0\0\6", 8)), 0) << file;
     std::string copy = original.substr(0, 14);
     for (const auto& track : Tracks(original)) {
       std::vector<uint8_t> body;
@@ -245,11 +249,11 @@ TEST(MidiWrite, CorpusTracksWrittenAgainReadTheSameInMido) {
       for (int shift : {24, 16, 8, 0}) copy += static_cast<char>(n >> shift);
       copy.append(body.begin(), body.end());
     }
-    const fs::path written = dir / entry.path().filename();
+    const fs::path written = dir / file.filename();
     test::WriteFile(written, copy);
-    EXPECT_EQ(MidoLines(python, dir / "walk.py", written), MidoLines(python, dir / "walk.py", entry.path()))
-        << entry.path();
-    EXPECT_EQ(OurLines(Tracks(copy)), OurLines(Tracks(original))) << entry.path();
+    EXPECT_EQ(MidoLines(python, dir / "walk.py", written), MidoLines(python, dir / "walk.py", file))
+        << file;
+    EXPECT_EQ(OurLines(Tracks(copy)), OurLines(Tracks(original))) << file;
     ++files;
   }
   EXPECT_GE(files, 6);
