@@ -687,6 +687,15 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
                                            : FindWriterRow(options.format, 0x01);
     if (row >= 0) subject = c.All<Waveform>().front();
   }
+  // Likewise a collection that is one song, for a song format ("kelvo a.rmi
+  // --save a.mid").
+  if (!item && c.Count(ItemType::Song) == 1 && c.Count(ItemType::Instrument) == 0 &&
+      c.Count(ItemType::Waveform) == 0) {
+    const std::string ext = out.extension().string();
+    const int row = options.format.empty() ? (ext.size() > 1 ? FindWriterRow(ext.substr(1), 0x40) : -1)
+                                           : FindWriterRow(options.format, 0x40);
+    if (row >= 0) subject = c.All<Song>().front();
+  }
   const uint8_t mask = SaveTypeMask(subject);
   int chosen = -1;
   if (!options.format.empty()) {

@@ -229,8 +229,8 @@ TEST(MidDetect, HeaderMustFit) {
   Put(smf, 0, std::string("MThd\0\0\0\6\0\1\0\2\0\x60", 14));
   EXPECT_EQ(Score(mid_Detect, smf), 6);
   EXPECT_EQ(Score(mid_Detect, Bytes(smf.begin(), smf.begin() + 13)), 0);
-  EXPECT_EQ(Score(mid_RmiDetect, Riff("RMID")), 6);
-  EXPECT_EQ(Score(mid_RmiDetect, Riff("WAVE")), 0);
+  EXPECT_EQ(Score(rmid_Detect, Riff("RMID")), 6);
+  EXPECT_EQ(Score(rmid_Detect, Riff("WAVE")), 0);
 }
 
 TEST(AiffDetect, FormTypeByParameter) {
