@@ -76,8 +76,10 @@ void SysExText(TextOut& out, const uint8_t* data, uint32_t n) {
   } else if (maker == 0x43 && n >= 7 && sub == 76) {
     out.Printf("<Yamaha XG, %u Bytes>", n);
   } else if (maker == 0x41 && n >= 8 && sub == 66) {
-    if (data[4] == 0x12 && data[5] == 0x40 && data[6] < 16 && data[7] == 21)
-      out.Printf("<Roland GS, Part %d mode=%d>", data[6], At(data, n, 8));
+    // Bytes counted from 1 at the maker, as the sub-id is the third: a
+    // data-set (0x12) at 40 0p 15, with the mode after it.
+    if (data[3] == 0x12 && data[4] == 0x40 && data[5] < 16 && data[6] == 21)
+      out.Printf("<Roland GS, Part %d mode=%d>", data[5], data[7]);
     else
       out.Printf("<Roland GS, %u Bytes>", n);
   } else {
@@ -301,18 +303,28 @@ std::size_t MidiParameterText(char* out, std::size_t size, const MidiEvent& e, c
 }
 
 void FillMidiEventRow(MidiEventRow& row, uint64_t ticks, const MidiEvent& e, const ParamDisplay& display) {
-  *std::to_chars(row.ticks, row.ticks + sizeof row.ticks - 1, ticks).ptr = 0;
-  if (e.status < 0xF0) *std::to_chars(row.channel, row.channel + sizeof row.channel - 1, e.channel + 1).ptr = 0;
-  else row.channel[0] = 0;
+  char* end = std::to_chars(row.ticks, row.ticks + sizeof row.ticks - 1, ticks).ptr;
+  *end = 0;
+  row.ticksLength = static_cast<uint8_t>(end - row.ticks);
+  end = row.channel;
+  if (e.status < 0xF0) end = std::to_chars(row.channel, row.channel + sizeof row.channel - 1, e.channel + 1).ptr;
+  *end = 0;
+  row.channelLength = static_cast<uint8_t>(end - row.channel);
   row.event = MidiStatusName(e.status);
-  MidiParameterText(row.parameters, sizeof row.parameters, e, display);
+  row.eventLength = static_cast<uint8_t>(std::strlen(row.event));
+  row.parametersLength = static_cast<uint16_t>(MidiParameterText(row.parameters, sizeof row.parameters, e, display));
 }
 
 void FillMidiMoreRow(MidiEventRow& row) {
-  std::snprintf(row.ticks, sizeof row.ticks, "%s", kMidiMoreTicks);
-  std::snprintf(row.channel, sizeof row.channel, "...");
+  auto put = [](char* field, std::size_t size, const char* text) {
+    const int n = std::snprintf(field, size, "%s", text);
+    return static_cast<std::size_t>(std::clamp(n, 0, static_cast<int>(size) - 1));
+  };
+  row.ticksLength = static_cast<uint8_t>(put(row.ticks, sizeof row.ticks, kMidiMoreTicks));
+  row.channelLength = static_cast<uint8_t>(put(row.channel, sizeof row.channel, "..."));
   row.event = "...";
-  std::snprintf(row.parameters, sizeof row.parameters, "%s", kMidiMoreText);
+  row.eventLength = 3;
+  row.parametersLength = static_cast<uint16_t>(put(row.parameters, sizeof row.parameters, kMidiMoreText));
 }
 
 std::string MidiTrackInfoText(uint32_t events, uint32_t bytes, int channelGroup, int sequenceNumber) {

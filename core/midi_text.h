@@ -51,6 +51,12 @@ struct MidiEventRow {
   char channel[8];
   const char* event;  // static text
   char parameters[160];
+  // Lengths of the four texts, so that a listing of millions of rows need
+  // not measure them again.
+  uint8_t ticksLength;
+  uint8_t channelLength;
+  uint8_t eventLength;
+  uint16_t parametersLength;
 };
 
 void FillMidiEventRow(MidiEventRow& row, uint64_t ticks, const MidiEvent& e, const ParamDisplay& display);

@@ -182,6 +182,7 @@ int RunDriver(std::vector<std::string> args) {
   std::vector<std::string> positional;
   app.add_option("files", positional, "Files or folders to open (the first replaces, later ones merge)");
   app.add_flag("--list", opt.list, "Print the item tree of the loaded collection");
+  app.add_flag("--events", opt.listEvents, "With --list: every event of every track");
   app.add_flag("--params", opt.listParams, "With --list: every parameter set at each level, as the txt writer puts it");
   app.add_option("--formats", opt.formatsFilter, "List the known formats, optionally filtered")
       ->expected(0, 1)
@@ -287,7 +288,7 @@ int RunDriver(std::vector<std::string> args) {
       std::string text = ParameterDescription(MainCollection());
       std::fwrite(text.data(), 1, text.size(), stdout);
     } else if (opt.list) {
-      PrintItemTree(stdout, MainCollection());
+      PrintItemTree(stdout, MainCollection(), opt.listEvents);
     }
   }
 

@@ -9,6 +9,7 @@ namespace kv {
 struct DriverOptions {
   bool list = false;
   bool listParams = false;
+  bool listEvents = false;
   bool info = false;
   bool demo = false;
   bool printSettings = false;

@@ -4,8 +4,12 @@
 #include <charconv>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
+
+#include "core/midi_text.h"
+#include "core/settings.h"
 
 namespace kv {
 
@@ -56,6 +60,11 @@ class Lines {
     text_.append(digits, static_cast<std::size_t>(std::max(n, 0)));
     return *this;
   }
+  // A whole line, newline included.
+  void AppendLine(std::string_view line) {
+    text_.append(line);
+    if (text_.size() >= kFlushAt) Flush();
+  }
   void EndLine() {
     text_.push_back('\n');
     if (text_.size() >= kFlushAt) Flush();
@@ -81,7 +90,7 @@ class Lines {
 
 }  // namespace
 
-void PrintItemTree(std::FILE* out, const Collection& c) {
+void PrintItemTree(std::FILE* out, const Collection& c, bool events) {
   Lines lines(out);
   lines.Head(0, c).EndLine();
   // Instruments in bank and program order, as a sampler shows them.
@@ -120,15 +129,45 @@ void PrintItemTree(std::FILE* out, const Collection& c) {
     }
     lines.EndLine();
   }
+  const auto& app = Settings().app;
+  const ParamDisplay display{app.bShowNoteNames != 0, app.cOctMidC};
   for (Song* song : c.All<Song>()) {
-    lines.Head(1, *song) << " format=" << unsigned{song->format} << " division=" << unsigned{song->division};
+    lines.Head(1, *song) << ' ' << MidiSongInfoText(song->format, song->division);
     lines.EndLine();
-    for (ItemId trackId : song->children)
-      if (auto* track = c.FindAs<Track>(trackId)) {
-        lines.Head(2, *track) << " events=" << unsigned{track->EventCount()}
-                              << " group=" << unsigned{track->channelGroup} << " seq=" << unsigned{track->sequenceNumber};
-        lines.EndLine();
-      }
+    for (ItemId trackId : song->children) {
+      auto* track = c.FindAs<Track>(trackId);
+      if (!track) continue;
+      // The pane's text on one line.
+      std::string info = MidiTrackInfoText(track->EventCount(), static_cast<uint32_t>(track->Events().size()),
+                                           track->channelGroup, track->sequenceNumber);
+      for (std::size_t at; (at = info.find("\n\n")) != std::string::npos;) info.replace(at, 2, "\n");
+      std::replace(info.begin(), info.end(), '\n', ',');
+      for (std::size_t at = 0; (at = info.find(',', at)) != std::string::npos; at += 2) info.insert(at + 1, " ");
+      lines.Head(2, *track) << ' ' << info;
+      lines.EndLine();
+      if (!events) continue;
+      lines << "      " << kMidiColumnTitles[0] << '\t' << kMidiColumnTitles[1] << '\t' << kMidiColumnTitles[2] << '\t'
+            << kMidiColumnTitles[3];
+      lines.EndLine();
+      // A terminal or a pipe takes the whole track; the window's cap is for
+      // an interactive list.
+      ListMidiTrack(track->Events(), display, false, [&](const MidiEventRow& row) {
+        char line[256];
+        char* p = line;
+        auto put = [&p](const char* text, std::size_t n, char after) {
+          std::memcpy(p, text, n);
+          p += n;
+          *p++ = after;
+        };
+        put("      ", 6, '\0');
+        --p;
+        put(row.ticks, row.ticksLength, '\t');
+        put(row.channel, row.channelLength, '\t');
+        put(row.event, row.eventLength, '\t');
+        put(row.parameters, row.parametersLength, '\n');
+        lines.AppendLine(std::string_view(line, static_cast<std::size_t>(p - line)));
+      });
+    }
   }
 }
 

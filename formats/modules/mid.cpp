@@ -138,9 +138,9 @@ bool Parse(Collection& c, FileRef& file, ParseState& st, uint64_t start, uint64_
       } else {
         name = TrackNumberName(static_cast<int>(chunkIndex) + (leading ? 1 : 0));
       }
-      if (size > 4) {
-        // A chunk cut short by the end of the file keeps what is there.
-        const uint64_t available = std::min(size, end - std::min(end, body));
+      // A chunk cut short by the end of the file keeps what is there.
+      const uint64_t available = std::min(size, end - std::min(end, body));
+      if (available > 4) {
         std::vector<uint8_t> data(available);
         if (available && !ReadAt(file, body, data.data(), data.size())) break;
         auto* track = Create<Track>(c, name.c_str());

@@ -140,5 +140,48 @@ TEST_F(Driver, SettingsCanBeSetPrintedAndSaved) {
   EXPECT_EQ(Kelvo("--set no.such=1").code, 2);
 }
 
+TEST_F(Driver, SongsListWithTheirEventsAndSaveAsMidiOrRiffMidi) {
+  // Format 1 at 96 ticks: a named track with a tempo, a note pair and a
+  // controller, then one without a name.
+  const std::string track1 = std::string("\x00\xFF\x03\x04Lead\x00\xFF\x51\x03\x07\xA1\x20", 15) +
+                             std::string("\x00\x91\x3C\x64\x60\x3C\x00\x00\xB1\x28\x05\x00\xFF\x2F\x00", 15);
+  const std::string track2 = std::string("\x00\xC9\x05\x00\xFF\x2F\x00", 7);
+  auto be32 = [](std::size_t v) {
+    return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+                       static_cast<char>(v)};
+  };
+  const std::string file = std::string("MThd\0\0\0\6\0\1\0\2\0\x60", 14) + "MTrk" + be32(track1.size()) +
+                           track1 + "MTrk" + be32(track2.size()) + track2;
+  test::WriteFile(dir / "song.mid", file);
+  Result r = Kelvo("song.mid --list --events --set app.bShowNoteNames=1 --set app.cOctMidC=4");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("song c0000001 \"song\" Format 1 (multi track), 96 ticks/4th\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"Lead\" 6 events, 30 Bytes, Ch-group: 0, Seq-no: 0\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"Track 01\" 2 events, 7 Bytes, Ch-group: 0, Seq-no: 0\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("      Ticks\tCh\tEvent\tParameters\n"
+                       "      0\t\tMeta event\tTrack name: Lead\n"
+                       "      0\t\tMeta event\tTempo: 500.00000 ms/4th (120 bpm)\n"
+                       "      0\t2\tNote On\tC4, 100\n"
+                       "      96\t2\tNote On\tC4, 0\n"
+                       "      96\t2\tControl Chg\tCC40, 5\n"
+                       "      96\t\tMeta event\tEnd of Track\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("      0\t10\tProgram Chg\t5\n"), std::string::npos) << r.out;
+
+  r = Kelvo("song.mid --save copy.mid");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(test::ReadFile(dir / "copy.mid"), file);
+  r = Kelvo("song.mid --save copy.rmi");
+  ASSERT_EQ(r.code, 0) << r.err;
+  const std::string rmi = test::ReadFile(dir / "copy.rmi");
+  ASSERT_GT(rmi.size(), 20 + file.size());
+  EXPECT_EQ(rmi.substr(0, 4), "RIFF");
+  EXPECT_EQ(rmi.substr(20, file.size()), file);
+  r = Kelvo("copy.rmi --save back.mid");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(test::ReadFile(dir / "back.mid"), file);
+}
+
 }  // namespace
 }  // namespace kv
