@@ -9,6 +9,7 @@
 #include "core/error.h"
 #include "core/fileref.h"
 #include "core/items.h"
+#include "core/param_ids.h"
 #include "core/samplecodec.h"
 #include "core/text.h"
 #include "core/wavestore.h"
@@ -188,7 +189,7 @@ void ReadText(ByteCursor& cur, Waveform& w, uint32_t size, int parameter) {
   char text[257] = {};
   const std::size_t n = strnlen(text, cur.BytesUpTo(text, std::min<uint32_t>(size, 256)));
   if (n == 0) return;
-  if (parameter == 209) w.SetName(text, n, TextEncoding::Foreign);
+  if (parameter == kRowName) w.SetName(text, n, TextEncoding::Foreign);
   else w.SetParamText(parameter, DecodeText(text, n, TextEncoding::Foreign));
 }
 
@@ -283,13 +284,13 @@ bool aiff_Imp(Collection& collection, FileRef& file, uint32_t) {
     } else if (IdIs(id, "INST")) {
       if (size >= 20 && cur.Bytes(st.inst, sizeof st.inst)) st.haveInst = true;
     } else if (IdIs(id, "NAME")) {
-      ReadText(cur, *w, size, 209);
+      ReadText(cur, *w, size, kRowName);
     } else if (IdIs(id, "AUTH")) {
-      ReadText(cur, *w, size, 210);
+      ReadText(cur, *w, size, kRowArtist);
     } else if (IdIs(id, "ANNO")) {
-      ReadText(cur, *w, size, 211);
+      ReadText(cur, *w, size, kRowComment);
     } else if (IdIs(id, "(c) ")) {
-      ReadText(cur, *w, size, 212);
+      ReadText(cur, *w, size, kRowCopyright);
     } else if (IdIs(id, "ID3 ") || IdIs(id, "id3 ")) {
       ReadId3Text(file, body, bodyEnd - body, *w);
       cur.Invalidate();

@@ -11,6 +11,7 @@
 #include "core/error.h"
 #include "core/fileref.h"
 #include "core/items.h"
+#include "core/param_ids.h"
 #include "core/samplecodec.h"
 #include "core/text.h"
 #include "core/wavestore.h"
@@ -539,7 +540,7 @@ void ReadInfo(WavState& st, uint64_t start, uint64_t end, int depth) {
         const std::size_t want = static_cast<std::size_t>(std::min<uint64_t>(size, sizeof text));
         const std::size_t got = cur.BytesUpTo(text, want);
         const std::size_t n = strnlen(text, got);
-        if (n > 0) st.wave.SetParamText(209 + k, DecodeText(text, n, TextEncoding::Foreign));
+        if (n > 0) st.wave.SetParamText(kRowName + k, DecodeText(text, n, TextEncoding::Foreign));
         break;
       }
     }
