@@ -409,6 +409,34 @@ uint32_t SynthEngine::QuietestNote(bool skipShutting) const {
   return best;
 }
 
+bool SynthEngine::BooksBalance() const {
+  const uint32_t voices = VoiceCount();
+  if (groupsInUse_ > groups_.size() || voices > voices_.size()) return false;
+  if (freeGroups_.size() + groupsInUse_ != groups_.size()) return false;
+  std::vector<uint8_t> seen(voices, 0);
+  uint32_t inUse = 0;
+  for (uint32_t g = 0; g < groups_.size(); ++g) {
+    const NoteGroup& group = groups_[g];
+    if (!group.inUse) continue;
+    ++inUse;
+    uint32_t count = 0;
+    for (uint32_t v = group.firstVoice; v != kNoVoice; v = voices_[v].head.nextInGroup) {
+      if (v >= voices || seen[v]++ || voices_[v].head.group != g || voices_[v].head.channel != group.channel ||
+          ++count > voices)
+        return false;
+    }
+    if (count != group.voiceCount || count == 0) return false;
+  }
+  uint32_t listed = 0;
+  for (std::size_t c = 0; c < channels_.size(); ++c)
+    for (uint32_t g : channels_[c].notes) {
+      if (g >= groups_.size() || !groups_[g].inUse || groups_[g].channel != c) return false;
+      ++listed;
+    }
+  return inUse == groupsInUse_ && listed == inUse &&
+         std::all_of(seen.begin(), seen.end(), [](uint8_t n) { return n == 1; });
+}
+
 bool SynthEngine::StealNote() {
   const uint32_t g = QuietestNote(false);
   if (g == kNoVoice) return false;

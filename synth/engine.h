@@ -171,6 +171,10 @@ class SynthEngine {
   const NoteGroup& Group(uint32_t index) const { return groups_[index]; }
   const SynthVoice& Voice(uint32_t index) const { return voices_[index].head; }
   int ChannelCount() const { return static_cast<int>(channels_.size()); }
+  // Whether the notes, voices and channel lists agree with each other:
+  // every voice in exactly one note's list, counts matching, every note
+  // listed once by its channel. For tests and fuzzing, between blocks.
+  bool BooksBalance() const;
   // The note stealing would take now, or kNoVoice.
   uint32_t QuietestNote(bool skipShutting) const;
 

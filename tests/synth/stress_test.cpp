@@ -103,7 +103,7 @@ void RunStress(int polyphony, double seconds) {
     one.RenderBlock(a);
     all.RenderBlock(b);
     ASSERT_NO_FATAL_FAILURE(CheckInvariants(one));
-    ASSERT_NO_FATAL_FAILURE(CheckInvariants(all));
+    ASSERT_TRUE(all.BooksBalance());
     for (int i = 0; i < 2 * kSynthBlock; ++i) worst = std::max(worst, std::fabs(a[i] - b[i]));
     peakVoices = std::max(peakVoices, one.VoiceCount());
   }
