@@ -679,23 +679,21 @@ int FindWriterRow(std::string_view text, uint32_t typeMask) {
 bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const SaveOptions& options) {
   Item* subject = item ? item : &c;
   // A collection that is one lone wave saves as that wave when the name asks
-  // for a wave format ("kelvo in.aif --save out.wav").
-  if (!item && c.Count(ItemType::Waveform) == 1 && c.Count(ItemType::Instrument) == 0 &&
-      c.Count(ItemType::Song) == 0) {
+  // for a wave format ("kelvo in.aif --save out.wav"); one that is a lone
+  // song, as that song ("kelvo a.rmi --save a.mid").
+  auto writesAs = [&](uint32_t typeMask) {
     const std::string ext = out.extension().string();
-    const int row = options.format.empty() ? (ext.size() > 1 ? FindWriterRow(ext.substr(1), 0x01) : -1)
-                                           : FindWriterRow(options.format, 0x01);
-    if (row >= 0) subject = c.All<Waveform>().front();
-  }
-  // Likewise a collection that is one song, for a song format ("kelvo a.rmi
-  // --save a.mid").
-  if (!item && c.Count(ItemType::Song) == 1 && c.Count(ItemType::Instrument) == 0 &&
-      c.Count(ItemType::Waveform) == 0) {
-    const std::string ext = out.extension().string();
-    const int row = options.format.empty() ? (ext.size() > 1 ? FindWriterRow(ext.substr(1), 0x40) : -1)
-                                           : FindWriterRow(options.format, 0x40);
-    if (row >= 0) subject = c.All<Song>().front();
-  }
+    const int row = options.format.empty() ? (ext.size() > 1 ? FindWriterRow(ext.substr(1), typeMask) : -1)
+                                           : FindWriterRow(options.format, typeMask);
+    return row >= 0;
+  };
+  const bool noInstruments = c.Count(ItemType::Instrument) == 0;
+  if (!item && noInstruments && c.Count(ItemType::Waveform) == 1 && c.Count(ItemType::Song) == 0 &&
+      writesAs(TypeBit(ItemType::Waveform)))
+    subject = c.All<Waveform>().front();
+  if (!item && noInstruments && c.Count(ItemType::Song) == 1 && c.Count(ItemType::Waveform) == 0 &&
+      writesAs(TypeBit(ItemType::Song)))
+    subject = c.All<Song>().front();
   const uint8_t mask = SaveTypeMask(subject);
   int chosen = -1;
   if (!options.format.empty()) {

@@ -4,15 +4,10 @@
 #include <cstdlib>
 #include <new>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KV_SANITIZER_BUILD 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KV_SANITIZER_BUILD 1
-#endif
-#endif
+#include "core/sanitizers.h"
 
-#ifdef KV_SANITIZER_BUILD
+
+#if KV_SANITIZER_ALLOCATOR
 // The sanitizers own operator new and check each pointer against the form
 // that freed it; counting is left to the plain build.
 long kv::test::AllocationCount() { return -1; }

@@ -134,14 +134,6 @@ std::string OurLines(const std::vector<std::vector<uint8_t>>& tracks) {
   return text;
 }
 
-// A python with mido, or "" after reporting it missing.
-std::string MidoPython() {
-  for (const char* py : {"/usr/bin/python3", "python3"})
-    if (test::RunCommand(std::string(py) + " -c 'import mido' 2>/dev/null") == 0) return py;
-  test::Missing("python3-mido");
-  return "";
-}
-
 // mido's reading of a file in OurLines' form.
 std::string MidoLines(const std::string& python, const fs::path& script, const fs::path& file) {
   test::WriteFile(script,
@@ -169,7 +161,7 @@ std::vector<fs::path> CorpusMidiFiles() {
 
 TEST(MidiWalk, CorpusTracksWalkAsMidoReadsThem) {
   if (!test::NeedCorpus()) return;
-  const std::string python = MidoPython();
+  const std::string python = test::MidoPython();
   if (python.empty()) return;
   test::TempDir dir;
   int files = 0;
@@ -230,7 +222,7 @@ TEST(MidiWrite, RunningStatusOnlyBetweenChannelMessagesOfOneStatus) {
 
 TEST(MidiWrite, CorpusTracksWrittenAgainReadTheSameInMido) {
   if (!test::NeedCorpus()) return;
-  const std::string python = MidoPython();
+  const std::string python = test::MidoPython();
   if (python.empty()) return;
   test::TempDir dir;
   int files = 0;

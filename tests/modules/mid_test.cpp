@@ -106,14 +106,6 @@ class BoxCapture {
   uint8_t enabled_;
 };
 
-// A python with mido, or "" after reporting it missing.
-std::string MidoPython() {
-  for (const char* py : {"/usr/bin/python3", "python3"})
-    if (test::RunCommand(std::string(py) + " -c 'import mido' 2>/dev/null") == 0) return py;
-  test::Missing("python3-mido");
-  return "";
-}
-
 TEST(MidCorpus, EveryFileLoadsAsMidoSaysAndSavesByteForByte) {
   if (!test::NeedCorpus()) return;
   test::TempDir dir;
@@ -158,7 +150,7 @@ TEST(MidCorpus, EveryFileLoadsAsMidoSaysAndSavesByteForByte) {
 
 TEST(MidCorpus, NotesOfOurFilesCountAsMidoCountsTheOriginals) {
   if (!test::NeedCorpus()) return;
-  const std::string python = MidoPython();
+  const std::string python = test::MidoPython();
   if (python.empty()) return;
   test::TempDir dir;
   const fs::path script = dir / "notes.py";

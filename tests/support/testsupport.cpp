@@ -126,10 +126,20 @@ std::string ReadFile(const fs::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-std::string SoundfilePython() {
+// The first Python that imports `modules`: the system's before whatever a
+// developer's PATH puts first.
+std::string PythonWith(const std::string& modules) {
   for (const char* py : {"/usr/bin/python3", "python3"})
-    if (RunCommand(std::string(py) + " -c 'import soundfile, numpy' 2>/dev/null") == 0) return py;
+    if (RunCommand(std::string(py) + " -c 'import " + modules + "' 2>/dev/null") == 0) return py;
   return {};
+}
+
+std::string SoundfilePython() { return PythonWith("soundfile, numpy"); }
+
+std::string MidoPython() {
+  std::string py = PythonWith("mido");
+  if (py.empty()) Missing("python3-mido");
+  return py;
 }
 
 bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out) {

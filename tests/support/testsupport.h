@@ -66,6 +66,8 @@ std::string ReadFile(const std::filesystem::path& path);
 
 // A Python with the soundfile (libsndfile) and numpy modules; empty if none.
 std::string SoundfilePython();
+// A Python with mido; empty after reporting it missing.
+std::string MidoPython();
 // The file's samples as libsndfile decodes them, float32, the first two
 // channels interleaved. False when libsndfile can't be asked (reported
 // through Missing) or refuses the file (a test failure: the peers exist to

@@ -9,16 +9,10 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "core/sanitizers.h"
 #include "support/synth_stress.h"
 #include "synth/engine.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KV_SANITIZER_BUILD 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KV_SANITIZER_BUILD 1
-#endif
-#endif
 
 namespace {
 std::atomic<bool> g_counting{false};
@@ -26,7 +20,7 @@ std::atomic<long> g_allocations{0};
 std::atomic<long> g_locks{0};
 }  // namespace
 
-#ifndef KV_SANITIZER_BUILD
+#if !KV_SANITIZER_ALLOCATOR
 extern "C" {
 void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
@@ -76,7 +70,7 @@ namespace kv {
 namespace {
 
 TEST(SynthAudioPath, AMinuteOfStressAllocatesNothingAndTakesNoLock) {
-#ifdef KV_SANITIZER_BUILD
+#if KV_SANITIZER_ALLOCATOR
   GTEST_SKIP() << "the sanitizers own the allocator";
 #else
   RealLock();
