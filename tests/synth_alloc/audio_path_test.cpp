@@ -14,13 +14,13 @@
 #include "synth/engine.h"
 
 
+#if !KV_SANITIZER_ALLOCATOR
 namespace {
 std::atomic<bool> g_counting{false};
 std::atomic<long> g_allocations{0};
 std::atomic<long> g_locks{0};
 }  // namespace
 
-#if !KV_SANITIZER_ALLOCATOR
 extern "C" {
 void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
