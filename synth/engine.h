@@ -170,6 +170,7 @@ class SynthEngine {
   const MidiChannelState& ChannelState(int index) const { return states_[static_cast<std::size_t>(index)]; }
   const NoteGroup& Group(uint32_t index) const { return groups_[index]; }
   const SynthVoice& Voice(uint32_t index) const { return voices_[index].head; }
+  const VoiceRecord& Record(uint32_t index) const { return voices_[index]; }
   int ChannelCount() const { return static_cast<int>(channels_.size()); }
   // Whether the notes, voices and channel lists agree with each other:
   // every voice in exactly one note's list, counts matching, every note

@@ -195,6 +195,33 @@ TEST_F(Engine, ChannelControllerFigures) {
   EXPECT_EQ(e->Channel(4).fineTune, 0.0f);
 }
 
+TEST(SynthCrossfade, GainsAtTheWindowEdges) {
+  SynthZone z;
+  z.loKey = 58;
+  z.hiKey = 75;
+  z.keyFadeIn = 4;
+  z.keyFadeOut = 6;
+  z.keyFadeCurve = 1;  // linear
+  z.loVel = 10;
+  z.velFadeIn = 9;
+  z.velFadeCurve = 1;
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 58, 127), 1.0f / 5.0f);
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 61, 127), 4.0f / 5.0f);
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 62, 127), 1.0f);
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 69, 127), 1.0f);
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 70, 127), 6.0f / 7.0f);
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 75, 127), 1.0f / 7.0f);
+  // Key and velocity fades multiply; equal power takes square roots.
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 58, 10), 1.0f / 5.0f * 1.0f / 10.0f);
+  z.keyFadeCurve = 0;
+  z.velFadeCurve = 0;
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 58, 14), std::sqrt(1.0f / 5.0f) * std::sqrt(5.0f / 10.0f));
+  // Both velocity edges in one narrow window.
+  z.hiVel = 12;
+  z.velFadeOut = 2;
+  EXPECT_FLOAT_EQ(SynthEngine::CrossfadeFor(z, 62, 11), std::sqrt(2.0f / 10.0f) * std::sqrt(2.0f / 3.0f));
+}
+
 TEST_F(Engine, RampsGlideOnlyWhileANoteSounds) {
   auto e = Make();
   ASSERT_TRUE(e->AddInstrument(Instrument(0, {Zone(1)}), false));
@@ -366,6 +393,10 @@ TEST_F(Engine, ReplacingKeepsVoicesAndShutsVanishedZones) {
   ASSERT_EQ(e->VoiceCount(), 1u);
   EXPECT_EQ(e->Voice(0).zoneId, 1u);
   EXPECT_EQ(e->Voice(0).pan, 0.5f);
+  // Initialised again in update mode: the blocks it played are kept.
+  const auto& state = VoiceState<TestState>(const_cast<VoiceRecord&>(e->Record(0)));
+  EXPECT_EQ(state.inits, 2u);
+  EXPECT_GT(state.blocks, 1u);
   EXPECT_EQ(e->FindInstrument(0)->zones.size(), 1u);
 }
 
