@@ -9,6 +9,7 @@
 
 #include "synth/compile.h"
 #include "synth/kv_math.h"
+#include "synth/wave_voice.h"
 
 namespace kv {
 
@@ -16,7 +17,12 @@ namespace kv {
 
 namespace {
 
-VoiceKind g_kinds[kVoiceKindCount];
+struct KindTable {
+  VoiceKind kinds[kVoiceKindCount];
+  KindTable() { kinds[static_cast<int>(VoiceKindId::Wave)] = WaveVoiceKind(); }
+};
+// Built before main: the audio thread only ever reads it.
+KindTable g_table;
 
 // A placeholder in the table that marks a removed instrument: probing goes on
 // past it.
@@ -58,8 +64,9 @@ float Level14(uint8_t msb, uint8_t lsb) {
 
 }  // namespace
 
-void SetVoiceKind(VoiceKindId id, const VoiceKind& kind) { g_kinds[static_cast<int>(id)] = kind; }
-const VoiceKind& GetVoiceKind(VoiceKindId id) { return g_kinds[static_cast<int>(id)]; }
+void SetVoiceKind(VoiceKindId id, const VoiceKind& kind) { g_table.kinds[static_cast<int>(id)] = kind; }
+const VoiceKind& GetVoiceKind(VoiceKindId id) { return g_table.kinds[static_cast<int>(id)]; }
+void ResetVoiceKinds() { g_table = KindTable(); }
 
 // ---------------------------------------------------------------- life cycle
 
@@ -122,6 +129,7 @@ void SynthEngine::WorkerMain(Worker& worker) {
     worker.wake.acquire();
     if (worker.quit.load(std::memory_order_acquire)) return;
     VoiceLoop();
+    busyWorkers_.fetch_sub(1, std::memory_order_acq_rel);
   }
 }
 
@@ -1009,9 +1017,13 @@ bool SynthEngine::RenderBlock(float* out) {
 
   renderCount_ = VoiceCount();
   const int helpers = std::min<int>(static_cast<int>((renderCount_ + kSynthBlock - 1) / kSynthBlock), WorkerCount()) - 1;
+  // A worker woken late must not wander into the next block's set-up: the
+  // block ends only when every woken worker has left the voice loop.
+  busyWorkers_.store(std::max(helpers, 0), std::memory_order_release);
   for (int w = 0; w < helpers; ++w) workers_[static_cast<std::size_t>(w)]->wake.release();
   VoiceLoop();
-  while (finished_.load(std::memory_order_acquire) < renderCount_) std::this_thread::yield();
+  while (finished_.load(std::memory_order_acquire) < renderCount_ || busyWorkers_.load(std::memory_order_acquire) > 0)
+    std::this_thread::yield();
 
   if (effects.load(std::memory_order_relaxed))
     for (std::size_t c = 0; c < channels_.size(); ++c) {

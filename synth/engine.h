@@ -261,6 +261,7 @@ class SynthEngine {
   std::vector<std::unique_ptr<Worker>> workers_;
   std::atomic<uint32_t> claim_{0};
   std::atomic<uint32_t> finished_{0};
+  std::atomic<int> busyWorkers_{0};  // woken workers still in the voice loop
   uint32_t renderCount_ = 0;  // voices of the block being rendered
 
   std::unique_ptr<RingEntry[]> ring_;

@@ -78,8 +78,11 @@ struct VoiceKind {
   bool (*render)(VoiceRecord& voice, float* block, float sampleRate) = nullptr;
 };
 
-// The kind table. Rows without init make no voice.
+// The kind table. Rows without init make no voice. Set a row only while no
+// engine renders (tests put their own kinds in).
 void SetVoiceKind(VoiceKindId id, const VoiceKind& kind);
 const VoiceKind& GetVoiceKind(VoiceKindId id);
+// Back to the built-in kinds: the sample voice for Wave zones, nothing else.
+void ResetVoiceKinds();
 
 }  // namespace kv

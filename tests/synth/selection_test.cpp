@@ -88,7 +88,7 @@ TEST(SynthSelection, NotesStartTheZonesAPlainFilterNames) {
     for (const auto& e : fs::recursive_directory_iterator(test::CorpusDir()))
       if (e.path().extension() == ".sf2" || e.path().extension() == ".sfz") notes += CheckBank(e.path());
   EXPECT_GT(notes, 100000);
-  SetVoiceKind(VoiceKindId::Wave, VoiceKind{});
+  ResetVoiceKinds();
 }
 
 }  // namespace

@@ -81,7 +81,7 @@ TEST(SymtDev, LoadsPlaysAndReports) {
   ASSERT_TRUE(dev.Load(*inst, true));  // kept beside it
   EXPECT_NE(dev.Engine()->FindInstrument(other->location), nullptr);
   EXPECT_NE(dev.Engine()->FindInstrument(inst->location), nullptr);
-  SetVoiceKind(VoiceKindId::Wave, VoiceKind{});
+  ResetVoiceKinds();
 }
 
 TEST(SymtDev, NotesAreShedWhenRenderingFallsBehind) {
@@ -105,7 +105,7 @@ TEST(SymtDev, NotesAreShedWhenRenderingFallsBehind) {
   g_step = 1520000;
   dev.Render(out, kSynthBlock);
   EXPECT_EQ(dev.Engine()->GroupCount(), 13u);
-  SetVoiceKind(VoiceKindId::Wave, VoiceKind{});
+  ResetVoiceKinds();
 }
 
 }  // namespace
