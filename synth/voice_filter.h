@@ -61,7 +61,9 @@ inline float RunStateVariable(StateVariable& s, float x, int ch, int output, boo
     case 0: return s.low[ch];
     case 1: return high;
     case 2: return s.band[ch];
-    default: return x - s.d * s.band[ch];
+    // x - d * band with the band the last pass used: an exact null at the
+    // cutoff, which the updated band would miss by a factor f.
+    default: return high + s.low[ch];
   }
 }
 
