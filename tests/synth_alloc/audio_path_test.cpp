@@ -8,8 +8,15 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
+#include <memory>
 
+#include "core/app.h"
+#include "core/items.h"
 #include "core/sanitizers.h"
+#include "formats/import.h"
+#include "support/testsupport.h"
+#include "synth/compile.h"
 #include "support/synth_stress.h"
 #include "synth/engine.h"
 
@@ -100,6 +107,45 @@ TEST(SynthAudioPath, AMinuteOfStressAllocatesNothingAndTakesNoLock) {
   EXPECT_EQ(g_locks.load(), 0);
   EXPECT_EQ(engine.DrainedCount(), events.size());
   EXPECT_GT(loudest, 128u);
+#endif
+}
+
+TEST(SynthAudioPath, SampleVoicesOfARealBankAllocateNothing) {
+#if KV_SANITIZER_ALLOCATOR
+  GTEST_SKIP() << "the sanitizers own the allocator";
+#else
+  const std::filesystem::path bank = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+  if (!test::Need(std::filesystem::exists(bank), "timgm6mb-soundfont")) return;
+  MessageBoxesEnabled = 0;
+  SetSkippedBoxesQuiet(true);
+  ResetVoiceKinds();
+  Collection c;
+  ASSERT_TRUE(ImportFile(c, bank, false));
+  SynthEngine engine(16, 128, -1.0f, 44100, 0);
+  for (const Instrument* inst : c.All<Instrument>()) {
+    auto compiled = std::make_unique<SynthInstrument>();
+    ASSERT_TRUE(CompileInstrument(*inst, engine.Cache(), *compiled));
+    engine.AddInstrument(std::move(compiled), false);
+  }
+  // Twenty seconds of the stress pattern on the bank's own programs, with
+  // their envelopes, LFOs, filters and loops.
+  const auto events = test::StressPattern(20);
+  engine.ResizeRing(events.size() + 1);
+  for (const auto& e : events) engine.QueueAtSeconds(e.word, e.seconds);
+  alignas(16) float out[2 * kSynthBlock];
+  engine.RenderBlock(out);
+  g_allocations = 0;
+  g_locks = 0;
+  float peak = 0;
+  g_counting = true;
+  for (int b = 0; b < 20 * 44100 / kSynthBlock; ++b) {
+    engine.RenderBlock(out);
+    peak = std::max(peak, engine.lastPeak);
+  }
+  g_counting = false;
+  EXPECT_EQ(g_allocations.load(), 0);
+  EXPECT_EQ(g_locks.load(), 0);
+  EXPECT_GT(peak, 0.01f);
 #endif
 }
 
