@@ -18,6 +18,10 @@ namespace {
 // standard says centibels, but players take a step as 0.04 dB, as the
 // hardware did, and banks are voiced for that.
 constexpr double kAttenuationStepDb = 0.04;
+// The velocity modulator is the exception: players give its 960 steps the
+// full 96 dB, so that the default velocity curve is 40 log10(v / 127), the
+// model's own default depth.
+constexpr double kVelocityStepDb = 0.1;
 // The key at which a key number source adds nothing: a bipolar source
 // crosses zero at key 64, a unipolar one starts from zero at key 0.
 constexpr double kBipolarKeyReference = 64.0;
@@ -369,7 +373,7 @@ void GensToArticulation(const ZoneValues& sum, const ZoneValues& touched, bool b
   if (filterOn) masterVolume -= resonance / 2.0;
   e.put(kRowMasterVolume, tg({kInitialAttenuation}) || ts({kSlotKeyUniToAttenuation, kSlotKeyBiToAttenuation}) || tf,
         [&] { return masterVolume; });
-  e.put(kRowVelToVolume, ts({kSlotVelToAttenuation}), [&] { return M[kSlotVelToAttenuation] * kAttenuationStepDb; });
+  e.put(kRowVelToVolume, ts({kSlotVelToAttenuation}), [&] { return M[kSlotVelToAttenuation] * kVelocityStepDb; });
   e.put(kRowKeyToVolume, ts({kSlotKeyUniToAttenuation, kSlotKeyBiToAttenuation}), [&] { return keyToVolume; });
   e.put(kRowModWheelToVolume, ts({kSlotModWheelToAttenuation}),
         [&] { return M[kSlotModWheelToAttenuation] * kAttenuationStepDb; });
@@ -567,7 +571,7 @@ ZoneValues ArticulationToGens(const Articulation& merged, const SendSlots& sends
     slot(kSlotKeyBiToAttenuation, v(kRowKeyToVolume) / (kAttenuationStepDb * 0.1875));
     masterVolume += v(kRowKeyToVolume) / 3.0;
   }
-  slot(kSlotVelToAttenuation, v(kRowVelToVolume) / kAttenuationStepDb);
+  slot(kSlotVelToAttenuation, v(kRowVelToVolume) / kVelocityStepDb);
   slot(kSlotModWheelToAttenuation, v(kRowModWheelToVolume) / kAttenuationStepDb);
   slot(kSlotPressureToAttenuation, v(kRowAftertouchToVolume) / kAttenuationStepDb);
 

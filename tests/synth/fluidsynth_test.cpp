@@ -28,11 +28,12 @@ constexpr int kRate = 44100;
 const fs::path kTimGM = "/usr/share/sounds/sf2/TimGM6mb.sf2";
 
 // Left channel of one note held 1 s and then 1 s of release.
-std::vector<double> OurNote(SynthEngine& engine, int program, int key) {
+std::vector<double> OurNote(SynthEngine& engine, int program, int key, int velocity = 100, int bend = 0x2000) {
   engine.Seek(0, false);
   engine.Dispatch(MakeMidiWord(0xB0, 0, 121, 0));
   engine.Dispatch(MakeMidiWord(0xC0, 0, program));
-  engine.QueueAtSeconds(MakeMidiWord(0x90, 0, key, 100), 0.0);
+  engine.Dispatch(MakeMidiWord(0xE0, 0, bend & 0x7F, bend >> 7));
+  engine.QueueAtSeconds(MakeMidiWord(0x90, 0, key, velocity), 0.0);
   engine.QueueAtSeconds(MakeMidiWord(0x80, 0, key, 0), 1.0);
   std::vector<double> out;
   alignas(16) float block[2 * kSynthBlock];
@@ -44,10 +45,11 @@ std::vector<double> OurNote(SynthEngine& engine, int program, int key) {
   return out;
 }
 
-std::vector<double> TheirNote(const fs::path& dir, int program, int key) {
+std::vector<double> TheirNote(const fs::path& dir, int program, int key, int velocity = 100, int bend = 0x2000) {
   test::SmfTrack t;
   t.Event(0, {0xC0, program});
-  t.Event(0, {0x90, key, 100});
+  t.Event(0, {0xE0, bend & 0x7F, bend >> 7});
+  t.Event(0, {0x90, key, velocity});
   t.Event(960, {0x80, key, 0});  // 480 ticks a quarter at 120 bpm: 1 s
   test::WriteFile(dir / "note.mid", t.File(960));
   std::string log;
@@ -163,6 +165,60 @@ TEST(SynthFluidSynth, GeneralMidiNotesSoundAsFluidSynthPlaysThem) {
   const double spread = offsets[offsets.size() * 9 / 10] - offsets[offsets.size() / 10];
   std::printf("preset offsets: median %.2f dB, 10-90%% spread %.2f dB\n", offsets[offsets.size() / 2], spread);
   EXPECT_LT(spread, 1.5);
+}
+
+// RMS level in dB of the sustained part, 0.3-0.6 s.
+double SustainDb(const std::vector<double>& x) {
+  double sum = 0;
+  for (std::size_t i = kRate * 3 / 10; i < kRate * 6 / 10; ++i) sum += x[i] * x[i];
+  return 10 * std::log10(sum / (kRate * 3 / 10) + 1e-20);
+}
+
+TEST(SynthFluidSynth, VelocityCurveAndBendFollowFluidSynth) {
+  if (!test::Need(fs::exists(kTimGM), "timgm6mb-soundfont") || !test::NeedTool("fluidsynth")) return;
+  MessageBoxesEnabled = 0;
+  SetSkippedBoxesQuiet(true);
+  ResetVoiceKinds();
+  Collection bank;
+  ASSERT_TRUE(ImportFile(bank, kTimGM, false)) << ErrorMessage;
+  SynthEngine engine(16, 64, 1.0f, kRate, 1);
+  for (const Instrument* inst : bank.All<Instrument>())
+    if (inst->location == MakeLocation(0, 0, 0, false) || inst->location == MakeLocation(0, 0, 19, false)) {
+      auto compiled = std::make_unique<SynthInstrument>();
+      ASSERT_TRUE(CompileInstrument(*inst, engine.Cache(), *compiled));
+      engine.AddInstrument(std::move(compiled), false);
+    }
+  test::TempDir dir;
+  // Levels against velocity 127 on the organ, whose sustain is steady. Our
+  // curve is 40 log10(v / 127) down to -96 dB; FluidSynth's concave table
+  // flattens out at the bottom, so velocity 1 is far apart by design
+  // (measured -84.1 dB against -58.1).
+  const double ours127 = SustainDb(OurNote(engine, 19, 60, 127));
+  const double theirs127 = SustainDb(TheirNote(dir.path(), 19, 60, 127));
+  for (int velocity : {1, 32, 64, 100}) {
+    const double ours = SustainDb(OurNote(engine, 19, 60, velocity)) - ours127;
+    const double theirs = SustainDb(TheirNote(dir.path(), 19, 60, velocity)) - theirs127;
+    std::printf("velocity %3d: ours %6.2f dB, FluidSynth %6.2f dB\n", velocity, ours, theirs);
+    if (velocity == 1) EXPECT_NEAR(ours, 40 * std::log10(1.0 / 127), 0.5);
+    else EXPECT_NEAR(ours, theirs, 1.0) << "velocity " << velocity;
+  }
+  // The whole bend up is two semitones. FluidSynth's is 198 cents (it scales
+  // the range by 127/128), so ours is held to its own unbent note.
+  for (int program : {0, 19}) {
+    const double expected = kRate / (440.0 * std::exp2((60 - 69) / 12.0));
+    const auto straight = OurNote(engine, program, 60);
+    const double p0 = Period(straight, kRate / 2, 8192, expected * 0.9, expected * 1.1);
+    const auto bent = OurNote(engine, program, 60, 100, 0x3FFF);
+    const double p1 = Period(bent, kRate / 2, 8192, p0 * 0.85, p0 * 0.93);
+    const auto theirs = TheirNote(dir.path(), program, 60, 100, 0x3FFF);
+    const double p2 = Period(theirs, kRate / 2, 8192, p0 * 0.85, p0 * 0.93);
+    ASSERT_GT(p0, 0);
+    ASSERT_GT(p1, 0);
+    const double cents = 1200 * std::log2(p0 / p1);
+    std::printf("program %d bent up: %.2f cents (FluidSynth %.2f from our unbent note)\n", program, cents,
+                p2 > 0 ? 1200 * std::log2(p0 / p2) : 0.0);
+    EXPECT_NEAR(cents, 200.0, 1.0);
+  }
 }
 
 }  // namespace
