@@ -284,6 +284,12 @@ void ReleaseAdaptedWave(const Waveform& original, Waveform* adapted) { ReleaseAd
 // ---------------------------------------------------------------- ExportItem
 
 namespace {
+SongRenderer g_songRenderer = nullptr;
+}  // namespace
+
+void SetSongRenderer(SongRenderer renderer) { g_songRenderer = renderer; }
+
+namespace {
 
 // ExportItem into `pending` when given (the guarded save), else into a file
 // made at `path`.
@@ -303,6 +309,7 @@ bool ExportItemTo(Item* item, int row, const fs::path& path, ExportRequest reque
   Item* target = item;
   std::optional<ItemSet> itemSet;
   ItemId temporarySong = kNoItem;
+  ItemId temporaryWave = kNoItem;
   bool render = false;
   switch (item->Type()) {
     case ItemType::Track: {
@@ -335,6 +342,7 @@ bool ExportItemTo(Item* item, int row, const fs::path& path, ExportRequest reque
   auto finish = [&](bool ok) {
     if (restore) restore->Restore();
     if (Item* song = c.Find(temporarySong)) DeleteItem(song);
+    if (Item* wave = c.Find(temporaryWave)) DeleteItem(wave);
     itemSet.reset();
     App().savingOrConverting = wasSaving;
     return ok;
@@ -347,8 +355,19 @@ bool ExportItemTo(Item* item, int row, const fs::path& path, ExportRequest reque
   App().savingOrConverting = true;
   if (!target->EnsureData()) return finish(false);
   if (render) {
-    Fail(kExportContext, "Rendering songs to waves is not available yet: choose a MIDI format");
-    return finish(false);
+    // The song plays through the synthesizer, which the program plugs in.
+    if (!g_songRenderer) {
+      Fail(kExportContext, "This program can't render songs: choose a MIDI format");
+      return finish(false);
+    }
+    ClearError();
+    Waveform* wave = g_songRenderer(c, static_cast<Song&>(*target));
+    if (!wave) {
+      if (!ErrorMessage[0]) Fail(kExportContext, "Save aborted!");
+      return finish(false);
+    }
+    temporaryWave = wave->id;
+    target = wave;
   }
   if (needsSynthesis) {
     // Synthesis models render with the synthesizer, which isn't built yet.
@@ -496,8 +515,8 @@ int SaveClass(const Item* item) {
 }
 
 bool ChooseSaveTarget(const Item* item, const fs::path& typed, int chosenRow, const ExportRequest& chosenRequest,
-                      SaveTarget& out) {
-  const uint8_t mask = SaveTypeMask(item);
+                      SaveTarget& out, uint8_t typeMask) {
+  const uint8_t mask = typeMask ? typeMask : SaveTypeMask(item);
   int row = chosenRow;
   if (!RowFits(row, mask)) {
     // The row last used for this class of item, or the first fitting after it.
@@ -680,7 +699,8 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
   Item* subject = item ? item : &c;
   // A collection that is one lone wave saves as that wave when the name asks
   // for a wave format ("kelvo in.aif --save out.wav"); one that is a lone
-  // song, as that song ("kelvo a.rmi --save a.mid").
+  // song, as that song, in a song format or rendered ("kelvo a.rmi --save
+  // a.mid", "kelvo a.mid --save a.wav").
   auto writesAs = [&](uint32_t typeMask) {
     const std::string ext = out.extension().string();
     const int row = options.format.empty() ? (ext.size() > 1 ? FindWriterRow(ext.substr(1), typeMask) : -1)
@@ -692,9 +712,14 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
       writesAs(TypeBit(ItemType::Waveform)))
     subject = c.All<Waveform>().front();
   if (!item && noInstruments && c.Count(ItemType::Song) == 1 && c.Count(ItemType::Waveform) == 0 &&
-      writesAs(TypeBit(ItemType::Song)))
+      (writesAs(TypeBit(ItemType::Song)) || writesAs(TypeBit(ItemType::Waveform))))
     subject = c.All<Song>().front();
-  const uint8_t mask = SaveTypeMask(subject);
+  uint8_t mask = SaveTypeMask(subject);
+  // A song saved in a sound format is rendered on its way there ("kelvo
+  // song.mid --save song.wav").
+  const bool isSong = subject->Type() == ItemType::Song || subject->Type() == ItemType::Track;
+  if (isSong && !writesAs(TypeBit(ItemType::Song)) && writesAs(TypeBit(ItemType::Waveform)))
+    mask = static_cast<uint8_t>(TypeBit(ItemType::Waveform));
   int chosen = -1;
   if (!options.format.empty()) {
     chosen = FindWriterRow(options.format, mask);
@@ -703,7 +728,7 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
   SaveTarget target;
   // Without --format the typed extension decides; with an unknown one the
   // remembered row's extension is appended, as in the dialog.
-  if (!ChooseSaveTarget(subject, out, chosen, ExportRequest{}, target)) return false;
+  if (!ChooseSaveTarget(subject, out, chosen, ExportRequest{}, target, mask)) return false;
 
   uint32_t parameter = 0;
   const uint32_t caps = FormatCapabilities(target.row, parameter);

@@ -20,6 +20,12 @@ namespace kv {
 // deletes the file and keeps the writer's texts.
 bool ExportItem(Item* item, int row, const std::filesystem::path& path, ExportRequest request, bool keepEmpty);
 
+// Renders a song to a new Waveform in the collection for a save in a sound
+// format; null (ErrorContext/ErrorMessage set) when it can't. The program
+// installs one that plays the song on its synthesizer.
+using SongRenderer = Waveform* (*)(Collection& collection, Song& song);
+void SetSongRenderer(SongRenderer renderer);
+
 // The wave in the form `request` allows, for writers: itself when nothing
 // changes, else a copy the caller gives back with ReleaseAdaptedWave. Null
 // with a failure text when the data can't be had or the form can't be made.
@@ -53,9 +59,11 @@ struct SaveTarget {
 // the one remembered for the item's class (or the first fitting after it).
 // A typed extension of another writer that fits the item wins, with the
 // request back to "Auto"; no or an unknown extension gets the row's. The
-// row is remembered for the item's class.
+// row is remembered for the item's class. `typeMask` names the kinds of
+// rows to choose from when not the item's own (0).
 bool ChooseSaveTarget(const Item* item, const std::filesystem::path& typed, int chosenRow,
-                      const ExportRequest& chosenRequest, SaveTarget& out);
+                      const ExportRequest& chosenRequest, SaveTarget& out,
+                      uint8_t typeMask = 0);
 
 // What to do when a target file exists and nobody can be asked.
 enum class OnExists { Overwrite, Skip, Cancel };

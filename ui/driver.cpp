@@ -22,6 +22,7 @@
 #include "formats/registry.h"
 #include "ui/commands.h"
 #include "ui/listing.h"
+#include "ui/song_render.h"
 
 namespace kv {
 
@@ -36,8 +37,9 @@ void OutOfMemory() {
 
 void PrintStatus(const std::string& text) {
   // Progress texts are noise on a terminal; results are not.
-  static const char* const kProgress[] = {"Reading", "Fixing up", "Opened:", "Merged:", "Writing", "Saving"};
-  if (text.empty()) return;
+  static const char* const kProgress[] = {"Reading", "Fixing up", "Opened:", "Merged:", "Writing",
+                                          "Saving",  "Rendering", "Normalizing"};
+  if (text.empty() || text.ends_with(" %")) return;
   for (const char* word : kProgress)
     if (text.starts_with(word)) return;
   std::printf("%s\n", text.c_str());
@@ -138,6 +140,7 @@ bool RunSaveOptions(const std::string& saveOut, const std::string& saveItem, Sav
 int RunDriver(std::vector<std::string> args) {
   std::set_new_handler(OutOfMemory);
   SetStatusSink(PrintStatus);
+  InstallSongRendering();
   LoadSettings();
 
   // The program's own argument scan. argv[0] is skipped by position.

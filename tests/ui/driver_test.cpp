@@ -183,5 +183,57 @@ TEST_F(Driver, SongsListWithTheirEventsAndSaveAsMidiOrRiffMidi) {
   EXPECT_EQ(test::ReadFile(dir / "back.mid"), file);
 }
 
+TEST_F(Driver, CorpusSongsRenderToWavesOfTheirLength) {
+  if (!test::NeedCorpus()) return;
+  const std::string bank = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+  if (!test::Need(std::filesystem::exists(bank), "timgm6mb-soundfont")) return;
+  const std::string python = test::MidoPython();
+  if (python.empty()) return;
+  // The first note's time by mido, for the files' data (an RMID file's SMF
+  // is its data chunk, which mido reads from the plain files beside them).
+  test::WriteFile(dir / "first.py",
+                  "import mido, sys\n"
+                  "t = 0\n"
+                  "for m in mido.MidiFile(sys.argv[1]):\n"
+                  "    t += m.time\n"
+                  "    if m.type == 'note_on' and m.velocity > 0:\n"
+                  "        print('%.6f' % t)\n"
+                  "        break\n");
+  int files = 0;
+  for (const test::ManifestEntry& row : test::Manifest()) {
+    if (row.path.rfind("midi/", 0) != 0) continue;
+    SCOPED_TRACE(row.path);
+    const bool rmi = row.path.ends_with(".rmi");
+    const std::string mido = rmi ? "mido 1.2.10 on the data chunk" : "mido 1.2.10";
+    const double length = std::stod(test::Fact(row.facts, mido, "length_s"));
+    const std::string smf = rmi ? (row.path.find("plain") != std::string::npos ? "midi/freedink-dance-format0.mid"
+                                                                              : "midi/openttd-train_filled_with_cash.mid")
+                                : row.path;
+    std::string first;
+    ASSERT_EQ(test::RunCommand(python + " '" + (dir / "first.py").string() + "' '" + (test::CorpusDir() / smf).string() +
+                                   "'",
+                               &first),
+              0);
+    Result r = Kelvo("-NOMSG '" + (test::CorpusDir() / row.path).string() +
+                     "' --save song.wav --set mid2wav.bDeleteSilence=0 --set mid2wav.bNormalizePeak=0 --set "
+                     "mid2wav.wszGMBank=" + bank);
+    ASSERT_EQ(r.code, 0) << r.err;
+    const std::string wav = test::ReadFile(dir / "song.wav");
+    ASSERT_GT(wav.size(), 44u);
+    // Stereo 16-bit at 48000 Hz in the plain header the writer gives.
+    auto u32 = [&](std::size_t at) {
+      return static_cast<uint32_t>(static_cast<uint8_t>(wav[at])) | static_cast<uint32_t>(static_cast<uint8_t>(wav[at + 1])) << 8 |
+             static_cast<uint32_t>(static_cast<uint8_t>(wav[at + 2])) << 16 | static_cast<uint32_t>(static_cast<uint8_t>(wav[at + 3])) << 24;
+    };
+    ASSERT_EQ(u32(24), 48000u);
+    std::size_t data = wav.find("data");
+    ASSERT_NE(data, std::string::npos);
+    const double seconds = u32(data + 4) / 4.0 / 48000.0;
+    EXPECT_NEAR(seconds, length - std::stod(first), 2 * 64 / 48000.0 + 0.0005) << first;
+    ++files;
+  }
+  EXPECT_EQ(files, 9);
+}
+
 }  // namespace
 }  // namespace kv
