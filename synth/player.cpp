@@ -253,6 +253,17 @@ Waveform* RenderSongToWave(Collection& collection, const Song& song, const volat
   if (gmFailed)
     MessageBox("Could not open the default GM/GS collection!\nInstruments will be missing from the song.", kProgramName);
 
+  // Every event due in one block goes into the ring before that block: the
+  // ring must hold the densest block, or later words would overwrite earlier.
+  std::size_t densest = 0;
+  for (std::size_t i = 0, j = 0; i < flat.events.size(); i = j) {
+    const auto block = static_cast<uint64_t>(flat.events[i].seconds * rate / kSynthBlock);
+    for (j = i; j < flat.events.size() && static_cast<uint64_t>(flat.events[j].seconds * rate / kSynthBlock) == block; ++j) {
+    }
+    densest = std::max(densest, j - i);
+  }
+  engine.ResizeRing(std::max<std::size_t>(1024, densest + 64));
+
   StatusText("Rendering %s to waveform...", song.name);
   std::vector<float> samples;
   samples.reserve(static_cast<std::size_t>(frames) * 2 + 2 * kSynthBlock);
