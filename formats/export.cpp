@@ -707,11 +707,12 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
                                            : FindWriterRow(options.format, typeMask);
     return row >= 0;
   };
-  const bool noInstruments = c.Count(ItemType::Instrument) == 0;
-  if (!item && noInstruments && c.Count(ItemType::Waveform) == 1 && c.Count(ItemType::Song) == 0 &&
+  if (!item && c.Count(ItemType::Instrument) == 0 && c.Count(ItemType::Waveform) == 1 && c.Count(ItemType::Song) == 0 &&
       writesAs(TypeBit(ItemType::Waveform)))
     subject = c.All<Waveform>().front();
-  if (!item && noInstruments && c.Count(ItemType::Song) == 1 && c.Count(ItemType::Waveform) == 0 &&
+  // The instruments loaded beside a song are the ones it plays ("kelvo
+  // a.mid bank.sf2 --save a.wav").
+  if (!item && subject == &c && c.Count(ItemType::Song) == 1 &&
       (writesAs(TypeBit(ItemType::Song)) || writesAs(TypeBit(ItemType::Waveform))))
     subject = c.All<Song>().front();
   uint8_t mask = SaveTypeMask(subject);

@@ -183,6 +183,11 @@ TEST_F(Driver, SongsListWithTheirEventsAndSaveAsMidiOrRiffMidi) {
   EXPECT_EQ(test::ReadFile(dir / "back.mid"), file);
 }
 
+uint32_t u32(const std::string& b, std::size_t at) {
+  return static_cast<uint32_t>(static_cast<uint8_t>(b[at])) | static_cast<uint32_t>(static_cast<uint8_t>(b[at + 1])) << 8 |
+         static_cast<uint32_t>(static_cast<uint8_t>(b[at + 2])) << 16 | static_cast<uint32_t>(static_cast<uint8_t>(b[at + 3])) << 24;
+}
+
 TEST_F(Driver, CorpusSongsRenderToWavesOfTheirLength) {
   if (!test::NeedCorpus()) return;
   const std::string bank = "/usr/share/sounds/sf2/TimGM6mb.sf2";
@@ -221,18 +226,33 @@ TEST_F(Driver, CorpusSongsRenderToWavesOfTheirLength) {
     const std::string wav = test::ReadFile(dir / "song.wav");
     ASSERT_GT(wav.size(), 44u);
     // Stereo 16-bit at 48000 Hz in the plain header the writer gives.
-    auto u32 = [&](std::size_t at) {
-      return static_cast<uint32_t>(static_cast<uint8_t>(wav[at])) | static_cast<uint32_t>(static_cast<uint8_t>(wav[at + 1])) << 8 |
-             static_cast<uint32_t>(static_cast<uint8_t>(wav[at + 2])) << 16 | static_cast<uint32_t>(static_cast<uint8_t>(wav[at + 3])) << 24;
-    };
-    ASSERT_EQ(u32(24), 48000u);
+    ASSERT_EQ(u32(wav, 24), 48000u);
     std::size_t data = wav.find("data");
     ASSERT_NE(data, std::string::npos);
-    const double seconds = u32(data + 4) / 4.0 / 48000.0;
+    const double seconds = u32(wav, data + 4) / 4.0 / 48000.0;
     EXPECT_NEAR(seconds, length - std::stod(first), 2 * 64 / 48000.0 + 0.0005) << first;
     ++files;
   }
   EXPECT_EQ(files, 9);
+
+  // A bank loaded beside the song is what it plays; without it and without
+  // a General MIDI collection the song renders silent, and says why.
+  const std::string song = "'" + (test::CorpusDir() / "midi/pianobooster-02-LavendersBlue.mid").string() + "'";
+  auto peak = [&] {
+    const std::string wav = test::ReadFile(dir / "song.wav");
+    const std::size_t at = wav.find("data"), end = std::min(wav.size(), at + 8 + u32(wav, at + 4));
+    int most = 0;
+    for (std::size_t i = at + 8; i + 1 < end; i += 2)
+      most = std::max(most, std::abs(static_cast<int16_t>(static_cast<uint8_t>(wav[i]) | static_cast<uint8_t>(wav[i + 1]) << 8)));
+    return most;
+  };
+  Result r = Kelvo(song + " '" + bank + "' --save song.wav --set mid2wav.wszGMBank=/nowhere.sf2");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_GE(peak(), 32700);  // normalised
+  r = Kelvo(song + " --save song.wav --set mid2wav.wszGMBank=/nowhere.sf2");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("Could not open the default GM/GS collection!"), std::string::npos) << r.err;
+  EXPECT_EQ(peak(), 0);
 }
 
 }  // namespace
