@@ -255,6 +255,31 @@ std::size_t MidiMetaValueText(char* out, std::size_t size, uint8_t type, const u
   return text.Finish();
 }
 
+namespace {
+
+// "%.5f" of v / 8192 without printf, which a listing of millions of bends
+// feels: v / 8192 * 1e5 is v * 3125 / 256 exactly, rounded half to even as
+// printf rounds.
+void BendText(TextOut& text, int v) {
+  const bool negative = v < 0;
+  const int64_t scaled = int64_t{negative ? -v : v} * 3125;
+  int64_t q = scaled / 256;
+  const int64_t r = scaled % 256;
+  if (r > 128 || (r == 128 && (q & 1))) ++q;
+  char digits[16];
+  int n = 0;
+  for (int i = 0; i < 5; ++i, q /= 10) digits[n++] = static_cast<char>('0' + q % 10);
+  digits[n++] = '.';
+  do digits[n++] = static_cast<char>('0' + q % 10);
+  while ((q /= 10) > 0);
+  if (negative) digits[n++] = '-';
+  char forward[16];
+  for (int i = 0; i < n; ++i) forward[i] = digits[n - 1 - i];
+  text.Put(std::string_view(forward, static_cast<std::size_t>(n)));
+}
+
+}  // namespace
+
 std::size_t MidiParameterText(char* out, std::size_t size, const MidiEvent& e, const ParamDisplay& display) {
   TextOut text(out, size);
   switch (e.status) {
@@ -264,8 +289,12 @@ std::size_t MidiParameterText(char* out, std::size_t size, const MidiEvent& e, c
       NoteText(text, e.data1, e.data2, display);
       break;
     case 0xB0:
-      if (const char* name = MidiControllerName(e.data1)) text.Put(name);
-      else text.Printf("CC%d", e.data1);
+      if (const char* name = MidiControllerName(e.data1)) {
+        text.Put(name);
+      } else {
+        text.Put("CC");
+        text.Int(e.data1);
+      }
       text.Put(", ");
       text.Int(e.data2);
       break;
@@ -275,7 +304,7 @@ std::size_t MidiParameterText(char* out, std::size_t size, const MidiEvent& e, c
       text.Int(e.data1);
       break;
     case 0xE0:
-      text.Printf("%.5f", ((e.data2 - 64) * 128 + e.data1) / 8192.0);
+      BendText(text, (e.data2 - 64) * 128 + e.data1);
       break;
     case 0xF0:
     case 0xF7:

@@ -3,6 +3,8 @@
 // payloads, and the 256 KB cap of the window's listing.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include <string>
 #include <vector>
 
@@ -188,6 +190,19 @@ TEST(MidiText, EditorAndPaneTexts) {
   EXPECT_EQ(MidiSongInfoText(1, 96), "Format 1 (multi track), 96 ticks/4th");
   EXPECT_EQ(MidiSongInfoText(0, 0x8000 | (25 << 8) | 40), "Format 0 (single track), 40 ticks/frame, 25 frames/s");
   EXPECT_EQ(MidiTrackInfoText(12, 345, 1, 2), "12 events\n345 Bytes\n\nCh-group: 1\nSeq-no: 2");
+}
+
+TEST(MidiTextBend, EveryValueReadsAsPrintfWouldWriteIt) {
+  MidiEvent e;
+  e.status = 0xE0;
+  char ours[64], theirs[64];
+  for (int v = 0; v < 16384; ++v) {
+    e.data1 = static_cast<uint8_t>(v & 0x7F);
+    e.data2 = static_cast<uint8_t>(v >> 7);
+    MidiParameterText(ours, sizeof ours, e, ParamDisplay{});
+    std::snprintf(theirs, sizeof theirs, "%.5f", (v - 8192) / 8192.0);
+    ASSERT_STREQ(ours, theirs) << v;
+  }
 }
 
 }  // namespace
