@@ -98,21 +98,34 @@ std::vector<double> Levels(const std::vector<double>& x) {
   return db;
 }
 
-TEST(SynthFluidSynth, GeneralMidiNotesSoundAsFluidSynthPlaysThem) {
-  if (!test::Need(fs::exists(kTimGM), "timgm6mb-soundfont") || !test::NeedTool("fluidsynth")) return;
+// TimGM6mb's melodic bank-0 instruments compiled into `engine`; false (with
+// the missing peer reported) when the bank or FluidSynth isn't there.
+bool LoadGeneralMidi(SynthEngine& engine) {
+  if (!test::Need(fs::exists(kTimGM), "timgm6mb-soundfont") || !test::NeedTool("fluidsynth")) return false;
   MessageBoxesEnabled = 0;
   SetSkippedBoxesQuiet(true);
   ResetVoiceKinds();
   Collection bank;
-  ASSERT_TRUE(ImportFile(bank, kTimGM, false)) << ErrorMessage;
-  SynthEngine engine(16, 64, 1.0f, kRate, 1);
+  if (!ImportFile(bank, kTimGM, false)) {
+    ADD_FAILURE() << ErrorMessage;
+    return false;
+  }
   for (const Instrument* inst : bank.All<Instrument>()) {
     if (LocationIsDrum(inst->location) || LocationMajorBank(inst->location) || LocationMinorBank(inst->location))
       continue;
     auto compiled = std::make_unique<SynthInstrument>();
-    ASSERT_TRUE(CompileInstrument(*inst, engine.Cache(), *compiled));
+    if (!CompileInstrument(*inst, engine.Cache(), *compiled)) {
+      ADD_FAILURE() << inst->name;
+      return false;
+    }
     engine.AddInstrument(std::move(compiled), false);
   }
+  return true;
+}
+
+TEST(SynthFluidSynth, GeneralMidiNotesSoundAsFluidSynthPlaysThem) {
+  SynthEngine engine(16, 64, 1.0f, kRate, 1);
+  if (!LoadGeneralMidi(engine)) return;
   test::TempDir dir;
   // Sustained sounds whose pitch can be read, across the families.
   const int programs[] = {0, 4, 16, 19, 21, 24, 32, 40, 42, 48, 52, 56, 61, 64, 68, 71, 73, 80, 88};
@@ -175,19 +188,8 @@ double SustainDb(const std::vector<double>& x) {
 }
 
 TEST(SynthFluidSynth, VelocityCurveAndBendFollowFluidSynth) {
-  if (!test::Need(fs::exists(kTimGM), "timgm6mb-soundfont") || !test::NeedTool("fluidsynth")) return;
-  MessageBoxesEnabled = 0;
-  SetSkippedBoxesQuiet(true);
-  ResetVoiceKinds();
-  Collection bank;
-  ASSERT_TRUE(ImportFile(bank, kTimGM, false)) << ErrorMessage;
   SynthEngine engine(16, 64, 1.0f, kRate, 1);
-  for (const Instrument* inst : bank.All<Instrument>())
-    if (inst->location == MakeLocation(0, 0, 0, false) || inst->location == MakeLocation(0, 0, 19, false)) {
-      auto compiled = std::make_unique<SynthInstrument>();
-      ASSERT_TRUE(CompileInstrument(*inst, engine.Cache(), *compiled));
-      engine.AddInstrument(std::move(compiled), false);
-    }
+  if (!LoadGeneralMidi(engine)) return;
   test::TempDir dir;
   // Levels against velocity 127 on the organ, whose sustain is steady. Our
   // curve is 40 log10(v / 127) down to -96 dB; FluidSynth's concave table
