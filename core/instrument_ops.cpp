@@ -11,6 +11,7 @@
 
 #include "core/error.h"
 #include "core/resolved.h"
+#include "core/wave_edit.h"
 #include "core/wavestore.h"
 
 namespace kv {
@@ -52,13 +53,6 @@ bool SideOfName(std::string_view name, std::string& stem, char& side) {
   if (stem.empty()) return false;
   side = last;
   return true;
-}
-
-bool LoadForProcessing(Waveform& w) {
-  if (w.HasData()) return true;
-  if (w.EnsureData()) return true;
-  ClearError();  // a wave that can't be read is left as it is
-  return false;
 }
 
 // Every child entry and model wave reference equal to `from` becomes `to`.
@@ -157,68 +151,6 @@ bool PlaysAlike(const Region& a, const Region& b) {
 }
 
 bool FullPan(float a, float b) { return (a <= -0.9f && b >= 0.9f) || (a >= 0.9f && b <= -0.9f); }
-
-// Regions follow a wave whose loop moved: offsets stay inside the new loop's
-// reach, and region loop overrides that lay in or behind the old loop adapt.
-void FollowLoopChange(Collection& c, const Waveform& wave, int64_t oldStart, int64_t oldEnd, int64_t newStart,
-                      int64_t newEnd) {
-  const int64_t length = wave.length;
-  const int64_t d = newEnd - oldEnd;
-  for (Region* r : c.All<Region>()) {
-    if (RegionWaveform(*r) != &wave) continue;
-    if (r->startOffset > newStart) r->startOffset = static_cast<int32_t>(newStart);
-    if (r->endOffset + length < newEnd) r->endOffset = static_cast<int32_t>(newEnd - length);
-    if (d == 0 || !(r->overrideMask & (kOverrideLoopStart | kOverrideLoopEnd))) continue;
-    if (r->loopStart < static_cast<float>(oldStart)) continue;
-    if (r->loopStart < static_cast<float>(oldEnd)) {
-      r->overrideMask &= static_cast<uint8_t>(~(kOverrideLoopStart | kOverrideLoopEnd));
-      r->loopStart = wave.loopStart;
-      r->loopEnd = wave.loopEnd;
-      continue;
-    }
-    r->loopStart += static_cast<float>(d);
-    r->loopEnd += static_cast<float>(d);
-    if (!(r->loopEnd < static_cast<float>(length)))
-      r->overrideMask &= static_cast<uint8_t>(~(kOverrideLoopStart | kOverrideLoopEnd));
-  }
-}
-
-// Resizes a wave's own buffer to `frames`, keeping what fits, zero-filling
-// the rest. The wave must own its data (MakeSamples* done).
-bool ResizeFrames(Waveform& w, uint32_t frames) {
-  const uint64_t keep = uint64_t{std::min(frames, w.length)} * w.channels;
-  const uint64_t count = uint64_t{frames} * w.channels;
-  if (w.samples16) {
-    auto out = TryAllocArray<int16_t>(count + 1);
-    if (!out) return Fail("Loop tools", "Out of memory");
-    std::copy_n(w.samples16.get(), keep, out.get());
-    std::fill(out.get() + keep, out.get() + count, int16_t{0});
-    w.samples16 = std::move(out);
-  } else {
-    auto out = TryAllocArray<float>(count + 1);
-    if (!out) return Fail("Loop tools", "Out of memory");
-    if (w.samplesF) std::copy_n(w.samplesF.get(), keep, out.get());
-    std::fill(out.get() + keep, out.get() + count, 0.0f);
-    w.samplesF = std::move(out);
-  }
-  w.length = frames;
-  return true;
-}
-
-// Makes the wave own its data in the form it has.
-bool OwnData(Waveform& w) {
-  if (!w.HasData() && !w.EnsureData()) return false;
-  if (w.samples16) return MakeSamples16(w) != nullptr || w.SampleCount() == 0;
-  return MakeSamplesFloat(w) != nullptr || w.SampleCount() == 0;
-}
-
-void CopyFrame(Waveform& w, uint32_t to, uint32_t from) {
-  const uint32_t ch = w.channels;
-  for (uint32_t k = 0; k < ch; ++k) {
-    if (w.samples16) w.samples16[uint64_t{to} * ch + k] = w.samples16[uint64_t{from} * ch + k];
-    else w.samplesF[uint64_t{to} * ch + k] = w.samplesF[uint64_t{from} * ch + k];
-  }
-}
 
 }  // namespace
 

@@ -22,6 +22,7 @@
 #include "formats/registry.h"
 #include "ui/commands.h"
 #include "ui/listing.h"
+#include "ui/processing_cli.h"
 #include "ui/song_render.h"
 
 namespace kv {
@@ -147,6 +148,7 @@ int RunDriver(std::vector<std::string> args) {
   std::vector<std::string> cliArgs;
   std::vector<fs::path> files;
   bool batch = false;
+  ProcessingOptions processing;
   bool endOfOptions = false;
   for (std::size_t i = 1; i < args.size(); ++i) {
     const std::string& arg = args[i];
@@ -158,6 +160,7 @@ int RunDriver(std::vector<std::string> args) {
       endOfOptions = true;
       continue;
     }
+    if (TakeOperationArgs(args, i, processing)) continue;
     if (IsProgramSwitch(arg, "NOMSG")) {
       // Only before -BATCH, as the first scan stops there.
       if (!batch) MessageBoxesEnabled = 0;
@@ -218,6 +221,7 @@ int RunDriver(std::vector<std::string> args) {
                "each, where the file system can't clone it (an in-place edit then shows in every folder)");
   app.add_option("--on-exists", onExistsText, "When a target exists: overwrite, skip or cancel");
   app.add_option("--replace-waves", replaceWaves, "Replace loaded waveforms by those of the same name in these files");
+  AddProcessingOptions(app, processing);
   try {
     app.parse(static_cast<int>(cliArgs.size() + 1), [&] {
       static std::vector<const char*> argv;
@@ -283,6 +287,8 @@ int RunDriver(std::vector<std::string> args) {
         status = 1;
       }
     }
+    if (const int code = RunProcessingOptions(processing, FindItemByText); code == 2) return 2;
+    else if (code) status = code;
     SetHardLinkSharedFiles(linkShared);
     if (!RunSaveOptions(saveOut, saveItem, saveOptions, saveAllBase, saveAllMode, saveAllSubdirs, onExistsText,
                         replaceWaves))
