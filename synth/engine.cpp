@@ -905,7 +905,7 @@ void SynthEngine::Trigger(int channel, int trigger, int key, int velocity, bool 
     kind.init(rec, *zone, static_cast<float>(sampleRate_), false);
     h.crossfade = CrossfadeGain(*zone, key, velocity);
     float left, right;
-    kvPanGains(bus.pan * h.cc10ToPan + h.pan + h.livePan, left, right);
+    VoicePanGains(h, bus, left, right);
     h.gainLeft = left * h.crossfade * h.amplitude;
     h.gainRight = right * h.crossfade * h.amplitude;
     h.lastGain = h.crossfade * h.amplitude;
@@ -920,11 +920,23 @@ void SynthEngine::Trigger(int channel, int trigger, int key, int velocity, bool 
 
 // ---------------------------------------------------------------- rendering
 
+// A stereo voice is a merged hard-left/hard-right pair, so its pan acts as a
+// balance: centred it plays both sides at full gain, as the pair did. The
+// plain constant-power law would leave every merged stereo sound 3 dB below
+// the mono sounds around it.
+void SynthEngine::VoicePanGains(const SynthVoice& h, const ChannelBus& bus, float& left, float& right) {
+  kvPanGains(bus.pan * h.cc10ToPan + h.pan + h.livePan, left, right);
+  if (h.stereo) {
+    left = std::min(1.0f, left * 1.4142135f);
+    right = std::min(1.0f, right * 1.4142135f);
+  }
+}
+
 void SynthEngine::MixVoice(VoiceRecord& rec, const float* block) {
   SynthVoice& h = rec.head;
   ChannelBus& bus = buses_[h.channel];
   float left, right;
-  kvPanGains(bus.pan * h.cc10ToPan + h.pan + h.livePan, left, right);
+  VoicePanGains(h, bus, left, right);
   const float scale = h.crossfade * h.amplitude;
   left *= scale;
   right *= scale;

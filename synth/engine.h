@@ -233,6 +233,7 @@ class SynthEngine {
   void VoiceLoop();
   void WorkerMain(Worker& worker);
   void MixVoice(VoiceRecord& voice, const float* block);
+  static void VoicePanGains(const SynthVoice& voice, const ChannelBus& bus, float& left, float& right);
 
   uint32_t sampleRate_;
   float inverseRate_;

@@ -24,7 +24,7 @@ uint64_t MonotonicNs() {
 SymtDev::SymtDev(std::unique_ptr<SynthEngine> engine, Clock clock)
     : engine_(std::move(engine)), clock_(clock ? clock : MonotonicNs) {}
 
-bool SymtDev::Load(const Instrument& instrument, bool keepOthers) {
+bool SymtDev::Load(const Instrument& instrument, bool keepOthers, bool melodic) {
   constexpr const char* kContext = "SymtDev::Load";
   if (!engine_) return Fail(kContext, "Synth not initialized!");
   if (!keepOthers) {
@@ -35,6 +35,7 @@ bool SymtDev::Load(const Instrument& instrument, bool keepOthers) {
   }
   auto compiled = std::make_unique<SynthInstrument>();
   if (!CompileInstrument(instrument, engine_->Cache(), *compiled)) return Fail(kContext, "Couldn't create instrument");
+  if (melodic) compiled->key &= ~kKeyDrum;
   if (!engine_->AddInstrument(std::move(compiled), keepOthers)) return Fail(kContext, "Couldn't create instrument");
   if (!keepOthers) {
     pendingUsed_ = 2 * kSynthBlock;

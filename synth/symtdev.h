@@ -25,7 +25,9 @@ class SymtDev {
   // Compiles `instrument` into the engine. Without `keepOthers` the engine
   // goes quiet, forgets every instrument and starts live with this one;
   // with it the instrument joins or replaces its key while playing.
-  bool Load(const Instrument& instrument, bool keepOthers);
+  // `melodic` files a drum kit under its key without the drum flag, so that
+  // any channel plays it.
+  bool Load(const Instrument& instrument, bool keepOthers, bool melodic = false);
 
   // Fills `frames` stereo frames (interleaved) from whole blocks. Silence
   // while the engine isn't live.

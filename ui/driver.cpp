@@ -22,7 +22,9 @@
 #include "formats/registry.h"
 #include "ui/commands.h"
 #include "ui/listing.h"
+#include "ui/playback_cli.h"
 #include "ui/processing_cli.h"
+#include "ui/interrupt.h"
 #include "ui/song_render.h"
 
 namespace kv {
@@ -141,6 +143,7 @@ bool RunSaveOptions(const std::string& saveOut, const std::string& saveItem, Sav
 int RunDriver(std::vector<std::string> args) {
   std::set_new_handler(OutOfMemory);
   SetStatusSink(PrintStatus);
+  InstallInterruptHandler();
   InstallSongRendering();
   LoadSettings();
 
@@ -222,6 +225,8 @@ int RunDriver(std::vector<std::string> args) {
   app.add_option("--on-exists", onExistsText, "When a target exists: overwrite, skip or cancel");
   app.add_option("--replace-waves", replaceWaves, "Replace loaded waveforms by those of the same name in these files");
   AddProcessingOptions(app, processing);
+  PlaybackOptions playback;
+  AddPlaybackOptions(app, playback);
   try {
     app.parse(static_cast<int>(cliArgs.size() + 1), [&] {
       static std::vector<const char*> argv;
@@ -293,6 +298,8 @@ int RunDriver(std::vector<std::string> args) {
     if (!RunSaveOptions(saveOut, saveItem, saveOptions, saveAllBase, saveAllMode, saveAllSubdirs, onExistsText,
                         replaceWaves))
       status = 1;
+    Item* chosen = saveItem.empty() ? nullptr : FindItemByText(MainCollection(), saveItem);
+    if (const int code = RunPlaybackOptions(playback, MainCollection(), chosen)) status = code;
     if (opt.list && opt.listParams) {
       std::string text = ParameterDescription(MainCollection());
       std::fwrite(text.data(), 1, text.size(), stdout);

@@ -7,6 +7,7 @@
 #include "formats/import.h"
 #include "processing/volume.h"
 #include "synth/player.h"
+#include "ui/interrupt.h"
 
 namespace kv {
 
@@ -18,7 +19,7 @@ bool OpenBank(const std::filesystem::path& path, Collection& into) { return Impo
 // one 16-bit step, and the peak brought to full scale.
 Waveform* RenderSong(Collection& collection, Song& song) {
   StatusText("Rendering MIDI to Waveform...");
-  Waveform* wave = RenderSongToWave(collection, song);
+  Waveform* wave = RenderSongToWave(collection, song, InterruptFlag());
   if (!wave) return nullptr;
   const auto& mid2wav = Settings().mid2wav;
   if (mid2wav.bDeleteSilence) removeSilence(*wave, true, true, false, 3.0517578e-5f, 0.02f, false, false, false);

@@ -1028,7 +1028,7 @@ void ExpectCopyPlaysLikeTheOriginal(const fs::path& bank, const fs::path& copy, 
   };
   EXPECT_LE(count(logB, "warning"), count(logA, "warning")) << logB;
 
-  const auto a = test::ReadWav16(dir / "a.wav"), b = test::ReadWav16(dir / "b.wav");
+  const auto a = test::ReadWavSamples(dir / "a.wav"), b = test::ReadWavSamples(dir / "b.wav");
   ASSERT_GT(a.size(), 44100u);
   EXPECT_LT(std::max(a.size(), b.size()) - std::min(a.size(), b.size()), 4410u);
   const auto [correlation, differenceDb] = test::CompareRenders(a, b);

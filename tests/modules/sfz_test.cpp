@@ -723,7 +723,7 @@ TEST(SfzPeers, SoundFontThroughSfzRendersLikeTheOriginal) {
   std::string logA, logB;
   ASSERT_EQ(render(kTimGM, dir / "a.wav", logA), 0) << logA;
   ASSERT_EQ(render(copy, dir / "b.wav", logB), 0) << logB;
-  const auto a = test::ReadWav16(dir / "a.wav"), b = test::ReadWav16(dir / "b.wav");
+  const auto a = test::ReadWavSamples(dir / "a.wav"), b = test::ReadWavSamples(dir / "b.wav");
   ASSERT_GT(a.size(), 44100u);
   const auto [correlation, differenceDb] = test::CompareRenders(a, b);
   RecordProperty("correlation", std::to_string(correlation));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "testsupport.h"
 
@@ -27,16 +28,30 @@ std::string SmfTrack::File(uint32_t finalDelta) const {
   return s + whole.track_;
 }
 
-std::vector<double> ReadWav16(const std::filesystem::path& path) {
+std::vector<double> ReadWavSamples(const std::filesystem::path& path) {
   const std::string bytes = ReadFile(path);
   auto u8 = [&](std::size_t i) { return static_cast<uint32_t>(static_cast<uint8_t>(bytes[i])); };
+  auto u32 = [&](std::size_t i) { return u8(i) | u8(i + 1) << 8 | u8(i + 2) << 16 | u8(i + 3) << 24; };
   std::vector<double> out;
+  bool isFloat = false;
   for (std::size_t pos = 12; pos + 8 <= bytes.size();) {
-    const uint32_t size = u8(pos + 4) | u8(pos + 5) << 8 | u8(pos + 6) << 16 | u8(pos + 7) << 24;
-    if (bytes.compare(pos, 4, "data") == 0) {
+    const uint32_t size = u32(pos + 4);
+    if (bytes.compare(pos, 4, "fmt ") == 0 && pos + 24 <= bytes.size()) {
+      const uint32_t tag = u8(pos + 8) | u8(pos + 9) << 8, bits = u8(pos + 22) | u8(pos + 23) << 8;
+      isFloat = (tag == 3 || tag == 0xFFFE) && bits == 32;
+    } else if (bytes.compare(pos, 4, "data") == 0) {
       const std::size_t end = std::min<std::size_t>(bytes.size(), pos + 8 + std::size_t{size});
-      for (std::size_t i = pos + 8; i + 1 < end; i += 2)
-        out.push_back(static_cast<int16_t>(u8(i) | (u8(i + 1) << 8)) / 32768.0);
+      if (isFloat) {
+        for (std::size_t i = pos + 8; i + 3 < end; i += 4) {
+          const uint32_t bits = u32(i);
+          float f;
+          std::memcpy(&f, &bits, 4);
+          out.push_back(f);
+        }
+      } else {
+        for (std::size_t i = pos + 8; i + 1 < end; i += 2)
+          out.push_back(static_cast<int16_t>(u8(i) | (u8(i + 1) << 8)) / 32768.0);
+      }
       break;
     }
     pos += 8 + std::size_t{size} + (size & 1);

@@ -21,8 +21,8 @@ class SmfTrack {
   std::string track_;
 };
 
-// The samples of a 16-bit WAV file's data chunk, as -1..1.
-std::vector<double> ReadWav16(const std::filesystem::path& path);
+// The samples of a 16-bit or 32-bit float WAV file's data chunk, as -1..1.
+std::vector<double> ReadWavSamples(const std::filesystem::path& path);
 
 // Renders `midi` with `bank` through FluidSynth into a WAV file; the exit
 // status, with FluidSynth's messages in `log`.
