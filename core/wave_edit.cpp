@@ -67,8 +67,10 @@ bool ResizeFrames(Waveform& w, uint32_t frames, const char* context) {
 
 bool OwnData(Waveform& w) {
   if (!w.HasData() && !w.EnsureData()) return false;
-  if (w.samples16) return MakeSamples16(w) != nullptr || w.SampleCount() == 0;
-  return MakeSamplesFloat(w) != nullptr || w.SampleCount() == 0;
+  // A wave holding both forms keeps the float one: the 16-bit buffer is then
+  // only a rounded copy (made for a save or the synthesizer).
+  if (w.samplesF) return MakeSamplesFloat(w) != nullptr || w.SampleCount() == 0;
+  return MakeSamples16(w) != nullptr || w.SampleCount() == 0;
 }
 
 void CopyFrame(Waveform& w, uint32_t to, uint32_t from) {

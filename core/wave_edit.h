@@ -31,9 +31,9 @@ FrameSpan SpanOf(const Waveform& wave, int64_t first, int64_t end);
 // is there; a wave that can't be read is left as it is, with no error kept.
 bool LoadForProcessing(Waveform& wave);
 
-// Makes the wave own its data in the form it has (16-bit when it holds that
-// form, else float): the read callback goes, so the edit is never undone by a
-// lazy re-read. False when the data can't be read.
+// Makes the wave own its data in the form it has (float when it holds both):
+// the read callback goes, so the edit is never undone by a lazy re-read.
+// False when the data can't be read.
 bool OwnData(Waveform& wave);
 
 // Resizes a wave's own buffer to `frames`, keeping what fits, zero-filling

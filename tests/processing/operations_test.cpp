@@ -175,6 +175,13 @@ TEST_F(Ops, InvertSign) {
   EXPECT_EQ(f->samplesF[0], -0.5f);
   EXPECT_TRUE(std::signbit(f->samplesF[1]));
   EXPECT_EQ(f->samplesF[2], 1.0f);
+  // A wave holding both forms is edited in its float form; the rounded
+  // 16-bit copy goes.
+  Waveform* both = WaveF(c, {0.30001f, -0.5f});
+  ASSERT_NE(Samples16(*both), nullptr);
+  EXPECT_EQ(invertRange(*both, -1, -1), EditResult::Changed);
+  EXPECT_FALSE(both->samples16);
+  EXPECT_EQ(both->samplesF[0], -0.30001f);
   // An empty or negative range changes nothing.
   EXPECT_EQ(invertRange(*w, 3, 3), EditResult::Unchanged);
   EXPECT_EQ(invertRange(*w, 9, 12), EditResult::Unchanged);
