@@ -181,6 +181,24 @@ TEST_F(Frame, KindMenuAndAvailabilityFollowTheSelection) {
   EXPECT_EQ(ws.kind, 6);
 }
 
+TEST_F(Frame, SelectionListGrowsPastItsInlineRoom) {
+  std::vector<Waveform*> waves;
+  for (int i = 0; i < 300; ++i) waves.push_back(Wave(c, "w", 1));
+  ProcessingWizard w(c);
+  for (Waveform* wave : waves) w.items.push_back(wave);
+  ASSERT_EQ(w.items.size(), 300u);
+  for (std::size_t i = 0; i < waves.size(); ++i) ASSERT_EQ(w.items[i], waves[i]);
+  ItemPointerList copy = w.items;
+  EXPECT_EQ(copy.size(), 300u);
+  EXPECT_EQ(copy[299], waves[299]);
+  EXPECT_EQ(w.Title(), "Audio processing wizard - All waveforms");
+  w.useRange = true;
+  w.rangeStart = 0;
+  w.rangeEnd = 1;
+  EXPECT_TRUE(w.run("Invert sign throughout selection", true));
+  EXPECT_EQ(LastStatusText(), "Processed 300 items with Invert sign throughout selection");
+}
+
 TEST_F(Frame, TitlesNameTheOperationAndTheSelection) {
   Waveform* a = Wave(c, "Kick", 10);
   Waveform* b = Wave(c, "Snare", 10);
