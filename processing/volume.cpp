@@ -60,6 +60,7 @@ bool applyGain(Waveform& wave, float dB, int64_t first, int64_t end) {
   if (!wave.HasData() && !wave.EnsureData()) return false;
   if (dB == 0.0f) return true;
   const FrameSpan span = SpanOf(wave, first, end);
+  if (span.empty()) return true;  // a range outside the wave: nothing to do, as at 0 dB
   const auto g = static_cast<float>(std::exp(static_cast<double>(dB) / 20.0 * 2.3025851));
   const uint64_t from = uint64_t{span.first} * wave.channels;
   const uint64_t to = uint64_t{span.end} * wave.channels;

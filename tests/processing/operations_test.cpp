@@ -110,6 +110,9 @@ TEST_F(Ops, AdjustVolume) {
   EXPECT_EQ(Shorts(*same), (std::vector<int16_t>{1000, -1000}));
   EXPECT_EQ(same->readCallback, gen_ImpWave);
 
+  // A range past the end changes nothing, not even the sample form.
+  EXPECT_TRUE(applyGain(*same, -6.0f, 10, 20));
+  EXPECT_TRUE(same->samples16);
   // A wave without frames has nothing to change and isn't counted.
   Waveform* empty = Wave16(c, {});
   EXPECT_EQ(Run("adjust-volume", {empty}), 0u);
