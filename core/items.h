@@ -300,6 +300,10 @@ class Instrument final : public Item {
   ChannelFx fx[4];
   char comment[256] = {};
   std::filesystem::path sourcePath;
+  // Articulation entries of the source file (DLS connection blocks) that no
+  // parameter of the model holds: what a reader could not keep, so that
+  // listings can say so. Not part of the saved record.
+  uint32_t unreadArticulation = 0;
 };
 
 // Decodes a wave's data from its source file. Entered with the file open and

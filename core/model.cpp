@@ -285,7 +285,11 @@ Layer::Layer(Collection& owner, const Layer& s, const char* text)
 Instrument::Instrument(Collection& owner, uint32_t serial, const char* text)
     : Item(owner, ItemType::Instrument, serial, text) {}
 Instrument::Instrument(Collection& owner, const Instrument& s, const char* text)
-    : Item(owner, s, text), location(s.location), art(s.art), sourcePath(s.sourcePath) {
+    : Item(owner, s, text),
+      location(s.location),
+      art(s.art),
+      sourcePath(s.sourcePath),
+      unreadArticulation(s.unreadArticulation) {
   std::copy(std::begin(s.fx), std::end(s.fx), std::begin(fx));
   std::memcpy(comment, s.comment, sizeof comment);
 }

@@ -102,6 +102,9 @@ void PrintItemTree(std::FILE* out, const Collection& c, bool events) {
                          << unsigned{LocationMinorBank(inst->location)}
                          << " program=" << unsigned{LocationProgram(inst->location)}
                          << " drum=" << (LocationIsDrum(inst->location) ? 1 : 0);
+    // What the file said that the model has no parameter for, never dropped
+    // in silence.
+    if (inst->unreadArticulation) lines << " unread_connections=" << unsigned{inst->unreadArticulation};
     lines.EndLine();
     for (ItemId layerId : inst->children) {
       auto* layer = c.FindAs<Layer>(layerId);
@@ -114,6 +117,13 @@ void PrintItemTree(std::FILE* out, const Collection& c, bool events) {
         Waveform* wave = RegionWaveform(*region);
         lines.Head(3, *region) << " key=" << int{t.loKey} << '-' << int{t.hiKey} << " vel=" << int{t.loVel} << '-'
                                << int{t.hiVel} << " wave=\"" << (wave ? wave->name : "") << '"';
+        // The link of a stereo or phase-locked group (a DLS wlnk).
+        if (region->phaseGroup) {
+          lines << " phase=" << unsigned{region->phaseGroup} << (region->phaseMaster ? " master" : "");
+          const float pan = region->art.value[kRowPan];
+          if (pan <= -1.0f) lines << " channel=left";
+          if (pan >= 1.0f) lines << " channel=right";
+        }
         lines.EndLine();
       }
     }

@@ -1,6 +1,8 @@
 // Standard MIDI files and RIFF-MIDI.
 #include "formats/modules/mid.h"
 
+#include "formats/modules/dls.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -260,9 +262,9 @@ bool WalkRiff(RiffState& st, uint64_t start, uint64_t end, int depth) {
       if (depth < kMaxRiffDepth && !WalkRiff(st, pos + 12, next, depth + 1)) return false;
     } else if (std::memcmp(head, "RIFF", 4) == 0) {
       uint8_t form[4];
-      if (ReadAt(st.file, body, form, 4) && std::memcmp(form, "DLS ", 4) == 0)
-        MessageBox("Note: the DLS instruments in this file are not loaded (there is no DLS reader yet); the song is.",
-                   kRmidImp);
+      if (ReadAt(st.file, body, form, 4) && std::memcmp(form, "DLS ", 4) == 0 &&
+          !dls_Read(st.c, st.file, pos, std::min(next, end)))
+        return false;
     } else if (std::memcmp(head, "DISP", 4) == 0) {
       uint8_t disp[4 + 128] = {};
       if (st.song && size > 4 && ReadAt(st.file, body, disp, 4) && U32leAt(disp) == 1) {
@@ -360,8 +362,8 @@ bool rmid_Imp(Collection& c, FileRef& file, uint32_t) {
 bool rmid_Exp(Item& item, FileRef& file, ExportRequest& request) {
   Song* song = SongOf(item);
   if (!song) return Fail(kRmidExp, "%s", kCannotSave);
-  // Instruments go with the song only through the DLS writer.
-  if (request.parameter != 0) return Fail(kRmidExp, "There is no DLS writer yet to store the instruments");
+  if (request.parameter > 2) return Fail(kRmidExp, "Unsupported subformat");
+  const uint64_t start = file.Tell();
   const std::vector<Track*> tracks = TracksOf(*song);
 
   std::vector<uint8_t> smf;
@@ -405,6 +407,18 @@ bool rmid_Exp(Item& item, FileRef& file, ExportRequest& request) {
   PutU32le(out, listSize);
   out.insert(out.end(), list.begin(), list.end());
   if (!file.Write(out.data(), out.size())) return Fail(kRmidExp, "Write error");
+  if (request.parameter == 0) return true;
+
+  // The song's instruments as a DLS bank behind the song, inside the RIFF
+  // form: its growth is added to the form's size.
+  if (!dls_Write(*song->collection, file, 0x100004, static_cast<int>(request.parameter))) return false;
+  const uint64_t riffSize = file.Tell() - start - 8;
+  if (riffSize > 0xFFFFFFFFu) return Fail(kRmidExp, "Too much data");
+  uint8_t head[8] = {'R', 'I', 'F', 'F'};
+  for (int i = 0; i < 4; ++i) head[4 + i] = static_cast<uint8_t>(riffSize >> (8 * i));
+  if (!file.Seek(start) || !file.Write(head, sizeof head) || !file.Seek(file.Size())) {
+    return Fail(kRmidExp, "Write error");
+  }
   return true;
 }
 

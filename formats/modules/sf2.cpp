@@ -405,23 +405,6 @@ void MarkStereoPairs(Collection& c, Instrument& instrument, const std::vector<Sa
   }
 }
 
-// Effect slot of the given type on the instrument, made in the first empty
-// slot when there is none; -1 when all four are taken.
-int EffectSlot(Instrument& instrument, uint8_t type) {
-  for (int s = 0; s < 4; ++s)
-    if (instrument.fx[s].type == type) return s;
-  for (int s = 0; s < 4; ++s) {
-    if (instrument.fx[s].type == 0) {
-      // Through the parameter, so the effect starts from its defaults.
-      params::Set(instrument, FxTypeParam(s), type);
-      return s;
-    }
-  }
-  return -1;
-}
-
-constexpr uint8_t kFxChorus = 1;
-constexpr uint8_t kFxReverb = 2;
 // Samples of a SoundFont 1 bank that lie below this bound at start 0 refer to
 // the 1 MB General MIDI ROM.
 constexpr uint32_t kRomBound = 0x80000;
@@ -841,4 +824,20 @@ bool sbk_Imp(Collection& collection, FileRef& file, uint32_t) {
   return ReadBank(collection, file, "sbk_Imp", true);
 }
 
+namespace sf2 {
+
+int EffectSlot(Instrument& instrument, uint8_t type) {
+  for (int s = 0; s < 4; ++s)
+    if (instrument.fx[s].type == type) return s;
+  for (int s = 0; s < 4; ++s) {
+    if (instrument.fx[s].type == 0) {
+      // Through the parameter, so the effect starts from its defaults.
+      params::Set(instrument, FxTypeParam(s), type);
+      return s;
+    }
+  }
+  return -1;
+}
+
+}  // namespace sf2
 }  // namespace kv

@@ -11,6 +11,7 @@
 namespace kv {
 
 struct Articulation;
+class Instrument;
 
 namespace sf2 {
 
@@ -210,6 +211,14 @@ struct ZoneValues {
 
 // The standard's defaults: every generator and slot at its default, none set.
 ZoneValues DefaultZone();
+
+// Effect types of the instrument's slots that the send rows live in.
+inline constexpr uint8_t kFxChorus = 1;
+inline constexpr uint8_t kFxReverb = 2;
+// Effect slot of the given type on the instrument, made in the first empty
+// slot when there is none; -1 when all four are taken. Shared with the DLS
+// reader.
+int EffectSlot(Instrument& instrument, uint8_t type);
 
 // Effect slots of the instrument that the send generators go into; -1: none.
 struct SendSlots {

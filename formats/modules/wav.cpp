@@ -857,7 +857,11 @@ bool wav_ReadWaveBody(FileRef& file, uint64_t start, uint64_t end, Waveform& wav
   ByteCursor cur(file);
   WavState st{cur, wave};
   end = std::min(end, cur.FileSize());
-  if (!Walk(st, start, end, 1) || !CloseBody(st)) return false;
+  if (!Walk(st, start, end, 1)) return false;
+  // Pool entries may put data before fmt (libgig writes them so); the fmt
+  // parser then cleared the count that data had derived without it.
+  if (st.haveData && st.fmtOffset != 0 && st.count == 0) st.count = DeriveCount(st, st.dataSize);
+  if (!CloseBody(st)) return false;
   FinishWave(st, file);
   return true;
 }

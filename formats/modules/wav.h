@@ -4,7 +4,8 @@
 //
 // Other modules use this family in three ways:
 //  - WriteWaveFile: every exporter that stores its samples as WAV files beside
-//    an instrument file writes them through it;
+//    an instrument file writes them through it, and WriteWaveBody gives the
+//    same wave as a list body for the DLS wave pool;
 //  - wav_ReadWaveBody: wave pool entries and embedded waves (DLS, RIFF-MIDI)
 //    are WAVE bodies read by the same chunk walker;
 //  - ReadId3Text: the ID3 tag reader for any container with an ID3 block.
@@ -12,6 +13,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <span>
+#include <vector>
 
 namespace kv {
 
@@ -76,6 +79,14 @@ bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t var
 // failure).
 bool WriteWaveFile(Waveform& wave, const std::filesystem::path& path, uint32_t request,
                    uint32_t variant = kWavNormal);
+
+// The body of a WAVE form (what follows the form type: fmt, fact when the
+// coding needs it, the `extra` chunks as given, data, LIST INFO with INAM)
+// appended to `out`, for containers that keep their waves as lists (the DLS
+// wave pool). Encoding and channels are chosen as by WriteWaveFile; context
+// "wav_Exp" on failure, with `out` as it was.
+bool WriteWaveBody(Waveform& wave, std::vector<uint8_t>& out, uint32_t request,
+                   std::span<const uint8_t> extra = {});
 
 // ---- the chunk walker for embedded waves ----
 

@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <span>
 #include <system_error>
+#include <vector>
 
 #include "core/app.h"
 #include "core/error.h"
@@ -193,6 +195,11 @@ struct WavLayout {
   bool looped = false;
   bool rf64 = false;
   uint64_t riffSize = 0;  // the whole file less the RIFF head's 8 bytes
+  // A WAVE form's body for a container that holds waves as lists (the DLS
+  // wave pool): no RIFF head, `extra` chunks before data, only the INAM of
+  // the texts after it.
+  bool body = false;
+  std::span<const uint8_t> extra;
 };
 
 uint32_t RoundU32(double v) { return static_cast<uint32_t>(std::clamp(std::round(v), 0.0, 4294967295.0)); }
@@ -274,6 +281,10 @@ void PutInfo(BlockWriter& o, const Waveform& w, const WavLayout& L) {
   o.U32le(static_cast<uint32_t>(Even(name.size() + 1)));
   o.Bytes(name.data(), name.size());
   o.Fill(0, Even(name.size() + 1) - name.size());
+  if (L.body) {
+    o.PatchU32le(listAt + 4, static_cast<uint32_t>(o.Size() - listAt - 8));
+    return;
+  }
   if (L.variant != kWavCwdt) {
     o.Id("ISFT");
     o.U32le(sizeof kSoftware);
@@ -341,9 +352,11 @@ void PutCueLoop(BlockWriter& o, const Waveform& w) {
 // fact, a bare variant's smpl and the data chunk's head.
 void PutHead(BlockWriter& o, const Waveform& w, const WavLayout& L) {
   const Coding& c = L.coding;
-  o.Id(L.rf64 ? "RF64" : "RIFF");
-  o.U32le(L.rf64 ? 0xFFFFFFFF : static_cast<uint32_t>(L.riffSize));
-  o.Id("WAVE");
+  if (!L.body) {
+    o.Id(L.rf64 ? "RF64" : "RIFF");
+    o.U32le(L.rf64 ? 0xFFFFFFFF : static_cast<uint32_t>(L.riffSize));
+    o.Id("WAVE");
+  }
   if (L.rf64) {
     // The sizes the 0xFFFFFFFF fields of RF64 and data stand for.
     o.Id("ds64");
@@ -375,6 +388,7 @@ void PutHead(BlockWriter& o, const Waveform& w, const WavLayout& L) {
     o.U32le(L.frames);
   }
   if (L.variant == kWavBare) PutSmpl(o, w, L);
+  if (!L.extra.empty()) o.Bytes(L.extra.data(), L.extra.size());
   o.Id("data");
   o.U32le(L.rf64 ? 0xFFFFFFFF : static_cast<uint32_t>(L.dataBytes));
 }
@@ -382,6 +396,10 @@ void PutHead(BlockWriter& o, const Waveform& w, const WavLayout& L) {
 // Everything after the samples: the pad byte, LIST INFO, cue and smpl.
 void PutTail(BlockWriter& o, const Waveform& w, const WavLayout& L) {
   if (L.dataBytes & 1) o.U8(0x80);  // pad with 8-bit silence, which is 0x80, not 0
+  if (L.body) {
+    PutInfo(o, w, L);
+    return;
+  }
   if (L.variant != kWavBare) {
     PutInfo(o, w, L);
     if (L.looped && (L.variant == kWavNormal || L.variant == kWavExtensible)) PutCueLoop(o, w);
@@ -402,7 +420,11 @@ bool WriteBlockOf(FileRef& file, const Waveform& w, const WavLayout& L,
 
 }  // namespace
 
-bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t variant) {
+namespace {
+
+// The encoding and container of a write: the variant's checks and the
+// format the request and the wave settle on.
+bool ChooseCoding(const Waveform& wave, uint32_t request, uint32_t variant, WavLayout& L) {
   if (variant != kWavNormal && variant != kWavExtensible && variant != kWavCwdt && variant != kWavBare)
     return Fail(kExp, "Unsupported subformat");
   // Extensible holds only PCM and float: an "Auto" or wider request picks among those.
@@ -414,22 +436,35 @@ bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t var
   const int format =
       PickFormat(wave, allowed | (request & ~kCapFormatMask), extensible ? kExtensibleMask : kWavWritableNow);
   if (const char* missing = Unavailable(format)) return Fail(kExp, "%s", missing);
-  WavLayout L;
   L.variant = variant;
   if (!CodingFor(format, L.coding)) return Fail(kExp, "Unsupported subformat");
   L.extensible = extensible;
   if (L.extensible && L.coding.tag != 1 && L.coding.tag != 3) return Fail(kExp, "Unsupported subformat");
+  return true;
+}
+
+// The sizes of the wave as it goes out (after its channels were adapted).
+bool SizeLayout(const Waveform& w, WavLayout& L) {
+  if (w.channels < 1 || w.channels > 2) return Fail(kExp, "The file format can not save this item");
+  L.channels = w.channels;
+  L.frames = w.length;
+  L.fact = L.coding.tag != 1;
+  L.looped = w.loopType != 0 && w.loopEnd > w.loopStart;
+  L.dataBytes = uint64_t{L.frames} * L.channels * L.coding.bytes;
+  return true;
+}
+
+}  // namespace
+
+bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t variant) {
+  WavLayout L;
+  if (!ChooseCoding(wave, request, variant, L)) return false;
 
   ClearError();
   AdaptedWave adapted(wave, PickChannels(wave, request));
   Waveform* w = adapted.get();
   if (!w) return FailRead(kExp);
-  if (w->channels < 1 || w->channels > 2) return Fail(kExp, "The file format can not save this item");
-  L.channels = w->channels;
-  L.frames = w->length;
-  L.fact = L.coding.tag != 1;
-  L.looped = w->loopType != 0 && w->loopEnd > w->loopStart;
-  L.dataBytes = uint64_t{L.frames} * L.channels * L.coding.bytes;
+  if (!SizeLayout(*w, L)) return false;
 
   BlockWriter head, tail;
   PutHead(head, *w, L);
@@ -456,6 +491,38 @@ bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t var
     done += n;
   }
   return WriteBlockOf(file, *w, L, PutTail);
+}
+
+bool WriteWaveBody(Waveform& wave, std::vector<uint8_t>& out, uint32_t request, std::span<const uint8_t> extra) {
+  WavLayout L;
+  if (!ChooseCoding(wave, request, kWavNormal, L)) return false;
+  L.body = true;
+  L.extra = extra;
+
+  ClearError();
+  AdaptedWave adapted(wave, PickChannels(wave, request));
+  Waveform* w = adapted.get();
+  if (!w) return FailRead(kExp);
+  if (!SizeLayout(*w, L)) return false;
+
+  BlockWriter head, tail;
+  PutHead(head, *w, L);
+  PutTail(tail, *w, L);
+  const uint64_t total = head.Size() + L.dataBytes + tail.Size();
+  // The body goes into a list whose size field holds 32 bits.
+  if (total > 0xFFFFFFF0u || out.size() > SIZE_MAX - total) return Fail(kExp, "Too much data");
+
+  SampleSource source;
+  if (!SourceFor(*w, L.coding, source)) return FailRead(kExp);
+  const std::size_t at = out.size();
+  out.resize(at + static_cast<std::size_t>(total));
+  uint8_t* p = out.data() + at;
+  BlockWriter h(p, head.Size());
+  PutHead(h, *w, L);
+  EncodeSamples(source, L.coding, p + head.Size(), 0, uint64_t{L.frames} * L.channels);
+  BlockWriter t(p + head.Size() + L.dataBytes, tail.Size());
+  PutTail(t, *w, L);
+  return true;
 }
 
 bool WriteWaveFile(Waveform& wave, const std::filesystem::path& path, uint32_t request, uint32_t variant) {
