@@ -161,13 +161,21 @@ ProcessingWizard::ProcessingWizard(Collection& c, uint8_t k) : owner(&c), kind(k
 
 ProcessingWizard::~ProcessingWizard() { PreviewDrop(); }
 
-void ProcessingWizard::ResolveKind() {
-  if (kind != 8 || items.empty()) return;
+namespace {
+
+// Kind 8 decides by the first item: waveforms the audio table, tracks and
+// songs the song table, anything else the instrument table.
+uint8_t KindOf(uint8_t kind, const ItemPointerList& items) {
+  if (kind != 8 || items.empty()) return kind;
   const ItemType type = items[0]->Type();
-  if (type == ItemType::Waveform) kind = 0;
-  else if (type == ItemType::Track || type == ItemType::Song) kind = 6;
-  else kind = 4;
+  if (type == ItemType::Waveform) return 0;
+  if (type == ItemType::Track || type == ItemType::Song) return 6;
+  return 4;
 }
+
+}  // namespace
+
+void ProcessingWizard::ResolveKind() { kind = KindOf(kind, items); }
 
 void ProcessingWizard::ChooseTable() {
   ResolveKind();
@@ -254,7 +262,7 @@ std::string ProcessingWizard::WorkingOnText() {
 }
 
 std::string ProcessingWizard::Title() const {
-  const int k = kind == 8 && !items.empty() ? (items[0]->Type() == ItemType::Waveform ? 0 : 4) : kind;
+  const int k = KindOf(kind, items);
   std::string title = k == 0 ? "Audio" : k == 6 ? "Song" : "Instrument";
   title += " processing wizard - ";
   if (operationName) title += std::string(operationName) + " - ";

@@ -220,6 +220,9 @@ TEST_F(Frame, TitlesNameTheOperationAndTheSelection) {
   wi.items.push_back(inst);
   wi.items.push_back(layer);
   EXPECT_EQ(wi.Title(), "Instrument processing wizard - 2 items");
+  ProcessingWizard song(c);
+  song.items.push_back(Create<Song>(c, "Tune"));
+  EXPECT_EQ(song.Title(), "Song processing wizard - Tune");
 }
 
 TEST_F(Frame, RangeRulesOnTheListPage) {
