@@ -90,9 +90,6 @@ namespace {
 using dls::Connection;
 
 constexpr const char* kParse = "dls_Parse";
-// Lists nest a few levels in real files; a crafted one must not run the
-// stack out.
-constexpr int kMaxDepth = 8;
 
 uint16_t Le16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 uint32_t Le32(const uint8_t* p) { return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24); }

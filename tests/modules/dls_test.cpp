@@ -896,6 +896,42 @@ TEST(DlsWrite, StereoWavesStayWholeAtLevel2PlusPlusAndPairUpBelow) {
   EXPECT_EQ(c.All<Waveform>().front()->channels, 2);
 }
 
+TEST(DlsWrite, LevelTwoPlusTakesTheWaveWritersCodings) {
+  TempDir dir;
+  Collection c;
+  auto* wave = Create<Waveform>(c, "w");
+  wave->length = 400;
+  int16_t* s = AllocSamples16(*wave);
+  for (uint32_t i = 0; i < wave->length; ++i) s[i] = static_cast<int16_t>(12000 * std::sin(i * 0.05));
+  AddRegion(*AddLayer(*Create<kv::Instrument>(c, "i")), wave->id, MakeRange(0, 127), kNoRange, 255);
+  FixUpItems(c, 0xFF, false);
+  struct Case {
+    int level;
+    uint32_t request;
+    int tag;
+  };
+  for (const Case& k : {Case{3, 1u << kALaw, 6}, Case{3, 1u << kPcm24, 1}, Case{2, 1u << kPcm8, 1}}) {
+    SCOPED_TRACE(k.level * 100 + k.tag);
+    const fs::path path = dir / "coded.dls";
+    ClearError();
+    ASSERT_TRUE(SaveFile(&c, path, Row(k.level), ExportRequest{k.request, 0, 0.0f}, false)) << ErrorMessage;
+    const std::string bytes = test::ReadFile(path);
+    const std::size_t fmt = bytes.find("fmt ");
+    ASSERT_NE(fmt, std::string::npos);
+    EXPECT_EQ(static_cast<uint8_t>(bytes[fmt + 8]), k.tag);
+    const Read r = ReadFile(path);
+    ASSERT_TRUE(r.ok) << ErrorMessage;
+    Waveform* back = r.c->All<Waveform>().front();
+    ASSERT_TRUE(back->EnsureData()) << ErrorMessage;
+    EXPECT_EQ(back->length, 400u);
+    const float* f = SamplesFloat(*back);
+    ASSERT_NE(f, nullptr);
+    EXPECT_NEAR(f[31], 12000 * std::sin(31 * 0.05) / 32768.0, 0.02);
+  }
+  // Level 2 keeps to PCM of 8 and 16 bits.
+  EXPECT_FALSE(SaveFile(&c, dir / "no.dls", Row(2), ExportRequest{1u << kALaw, 0, 0.0f}, false));
+}
+
 TEST(DlsWrite, RiffMidiCarriesTheSongsInstrumentsAsABank) {
   if (!test::NeedCorpus()) return;
   TempDir dir;
