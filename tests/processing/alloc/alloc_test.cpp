@@ -16,9 +16,9 @@
 #include "processing/wizard.h"
 
 namespace {
-bool g_armed = false;
-long g_count = 0;
-long g_failAt = 0;
+[[maybe_unused]] bool g_armed = false;
+[[maybe_unused]] long g_count = 0;
+[[maybe_unused]] long g_failAt = 0;
 }  // namespace
 
 #if !KV_SANITIZER_ALLOCATOR
@@ -56,7 +56,7 @@ struct Snapshot {
   bool operator==(const Snapshot&) const = default;
 };
 
-void Fill(Collection& c) {
+[[maybe_unused]] void Fill(Collection& c) {
   auto* a = Create<Waveform>(c, "Stereo 16");
   a->channels = 2;
   a->length = 64;
@@ -80,7 +80,7 @@ struct Result {
   uint32_t modified, failed;
 };
 
-Result RunOnAll(Collection& c, const WizardOperation& row) {
+[[maybe_unused]] Result RunOnAll(Collection& c, const WizardOperation& row) {
   if (std::strcmp(row.key, "search-replace") == 0) {
     SettingValue search;
     search.text = "o";
