@@ -85,51 +85,6 @@ std::set<ItemId> UsedWaves(Collection& c) {
   return used;
 }
 
-// Interleaves two mono waves into `left`, float when either is float; the
-// shorter side is padded with silence.
-bool InterleaveInto(Waveform& left, Waveform& right) {
-  const uint32_t frames = std::max(left.length, right.length);
-  const bool useFloat = left.samplesF || right.samplesF;
-  if (useFloat) {
-    float* l = SamplesFloat(left);
-    float* r = SamplesFloat(right);
-    auto out = TryAllocArray<float>(uint64_t{frames} * 2 + 1);
-    if ((!l && left.length) || (!r && right.length) || !out) return false;
-    for (uint32_t i = 0; i < frames; ++i) {
-      out[2 * i] = i < left.length ? l[i] : 0.0f;
-      out[2 * i + 1] = i < right.length ? r[i] : 0.0f;
-    }
-    left.samples16.reset();
-    left.samplesF = std::move(out);
-  } else {
-    int16_t* l = Samples16(left);
-    int16_t* r = Samples16(right);
-    auto out = TryAllocArray<int16_t>(uint64_t{frames} * 2 + 1);
-    if ((!l && left.length) || (!r && right.length) || !out) return false;
-    for (uint32_t i = 0; i < frames; ++i) {
-      out[2 * i] = i < left.length ? l[i] : int16_t{0};
-      out[2 * i + 1] = i < right.length ? r[i] : int16_t{0};
-    }
-    left.samplesF.reset();
-    left.samples16 = std::move(out);
-  }
-  left.length = frames;
-  left.channels = 2;
-  left.readCallback = nullptr;
-  left.bits = std::max(left.bits, right.bits);
-  left.rootKey = static_cast<uint8_t>((left.rootKey + right.rootKey) / 2);
-  return true;
-}
-
-// Keeps channel `channel` of a stereo buffer in `into`, which becomes mono.
-template <typename T>
-std::unique_ptr<T[]> TakeChannel(const T* stereo, uint32_t frames, int channel) {
-  auto out = TryAllocArray<T>(uint64_t{frames} + 1);
-  if (!out) return out;
-  for (uint32_t i = 0; i < frames; ++i) out[i] = stereo[2 * i + channel];
-  return out;
-}
-
 // Two mono halves make one stereo wave only when one loop serves both.
 bool SameLoop(const Waveform& a, const Waveform& b) {
   return a.loopType == b.loopType && a.loopRelease == b.loopRelease && a.loopStart == b.loopStart &&
@@ -202,7 +157,7 @@ int MergeStereoPairs(Collection& c) {
                     ResolveRegion(*r).pan.position >= 0.9f);
     });
     if (!alike || !LoadForProcessing(*left) || !LoadForProcessing(*right)) continue;
-    if (!InterleaveInto(*left, *right)) {
+    if (!InterleaveInto(*left, *left, *right)) {
       ClearError();
       continue;
     }
@@ -235,10 +190,7 @@ int SplitStereoWaves(Collection& c) {
   std::map<ItemId, ItemId> rightOf;
   for (Waveform* w : c.All<Waveform>()) {
     if (w->channels != 2 || !LoadForProcessing(*w)) continue;
-    std::string base(w->Name());
-    if (base.size() > 2 && (base.ends_with(" S") || base.ends_with("-S"))) base.resize(base.size() - 2);
-    base = TrimRight(base);
-    if (base.size() > 126) base.resize(126);
+    const std::string base = StereoSplitBase(w->Name());
 
     auto* right = static_cast<Waveform*>(CloneItem(*w, c, (base + " -R").c_str(), false));
     bool ok;

@@ -81,4 +81,58 @@ void CopyFrame(Waveform& w, uint32_t to, uint32_t from) {
   }
 }
 
+bool InterleaveInto(Waveform& target, const Waveform& left, const Waveform& right, const char* context) {
+  const uint32_t frames = std::max(left.length, right.length);
+  const uint64_t count = uint64_t{frames} * 2;
+  // Read from whichever form each side holds: the inputs are never touched,
+  // so a failure leaves all three as they were.
+  if (left.samplesF || right.samplesF) {
+    auto out = TryAllocArray<float>(count + 1);
+    if (!out) return Fail(context, "Out of memory");
+    auto at = [](const Waveform& w, uint32_t i) {
+      if (i >= w.length) return 0.0f;
+      return w.samplesF ? w.samplesF[i] : static_cast<float>(w.samples16[i]) * (1.0f / 32768.0f);
+    };
+    for (uint32_t i = 0; i < frames; ++i) {
+      out[2 * uint64_t{i}] = at(left, i);
+      out[2 * uint64_t{i} + 1] = at(right, i);
+    }
+    target.samples16.reset();
+    target.samplesF = std::move(out);
+  } else {
+    auto out = TryAllocArray<int16_t>(count + 1);
+    if (!out) return Fail(context, "Out of memory");
+    for (uint32_t i = 0; i < frames; ++i) {
+      out[2 * uint64_t{i}] = i < left.length ? left.samples16[i] : int16_t{0};
+      out[2 * uint64_t{i} + 1] = i < right.length ? right.samples16[i] : int16_t{0};
+    }
+    target.samplesF.reset();
+    target.samples16 = std::move(out);
+  }
+  const uint8_t bits = std::max(left.bits, right.bits);
+  const auto root = static_cast<uint8_t>((left.rootKey + right.rootKey) / 2);
+  target.length = frames;
+  target.channels = 2;
+  target.readCallback = nullptr;
+  target.bits = bits;
+  target.rootKey = root;
+  return true;
+}
+
+template <typename T>
+std::unique_ptr<T[]> TakeChannel(const T* stereo, uint32_t frames, int channel) {
+  auto out = TryAllocArray<T>(uint64_t{frames} + 1);
+  if (!out) return out;
+  for (uint32_t i = 0; i < frames; ++i) out[i] = stereo[2 * uint64_t{i} + channel];
+  return out;
+}
+template std::unique_ptr<int16_t[]> TakeChannel(const int16_t*, uint32_t, int);
+template std::unique_ptr<float[]> TakeChannel(const float*, uint32_t, int);
+
+std::string StereoSplitBase(std::string_view name) {
+  if (name.size() > 2 && (name.ends_with(" S") || name.ends_with("-S"))) name.remove_suffix(2);
+  while (!name.empty() && static_cast<unsigned char>(name.back()) <= ' ') name.remove_suffix(1);
+  return std::string(name.substr(0, 126));
+}
+
 }  // namespace kv

@@ -7,6 +7,9 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
 
 #include "core/items.h"
 
@@ -48,5 +51,21 @@ void CopyFrame(Waveform& wave, uint32_t to, uint32_t from);
 // reach, and region loop overrides that lay in or behind the old loop adapt.
 void FollowLoopChange(Collection& c, const Waveform& wave, int64_t oldStart, int64_t oldEnd, int64_t newStart,
                       int64_t newEnd);
+
+// Interleaves two mono waves into `target` (one of them, or a third wave):
+// float when either is float, the shorter side padded with silence, the
+// larger bit depth and the mean root key (integer division). Both must hold
+// their data. On failure ("Out of memory" under `context`) nothing changes.
+bool InterleaveInto(Waveform& target, const Waveform& left, const Waveform& right,
+                    const char* context = "->Stereo");
+
+// Channel `channel` (0 left, 1 right) of a stereo buffer as a mono one; null
+// when memory runs out.
+template <typename T>
+std::unique_ptr<T[]> TakeChannel(const T* stereo, uint32_t frames, int channel);
+
+// The name a split stereo wave's halves build on: a trailing " S" or "-S"
+// goes (names longer than 2), then trailing blanks, and it is cut at 126.
+std::string StereoSplitBase(std::string_view name);
 
 }  // namespace kv

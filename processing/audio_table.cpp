@@ -1,17 +1,19 @@
 // The table of audio operations, in the table's own (alphabetical) order,
 // and the pages of the in-place edits. Rows whose operation isn't written yet
 // (resampling, loop tools, tuning, time stretch, volume and silence tools,
-// length and channel changes, VST effects) are listed with their page,
+// VST effects) are listed with their page,
 // availability and flags; their handler is OperationNotInBuild until then.
 //
 // A page handler reads its controls in Init, writes them back in Run and
 // applies the operation through the functions of volume.h, edit.h, loops.h,
-// names.h and statistics.h, which know nothing of the wizard.
+// names.h and statistics.h, which know nothing of the wizard. The pages of
+// the length and channel rows live in length_pages.cpp.
 #include <cstdio>
 #include <string>
 
 #include "core/error.h"
 #include "processing/edit.h"
+#include "processing/length_pages.h"
 #include "processing/loops.h"
 #include "processing/names.h"
 #include "processing/statistics.h"
@@ -186,23 +188,25 @@ bool StatisticsPage(ProcessingWizard& w, WizardPhase phase, int) {
 const WizardOperation kAudioOperations[] = {
     {"Adjust volume", 334, AdjustVolumePage, AlwaysAvailable, kOpRange, "adjust-volume",
      KV_CONTROLS(kAdjustVolumeControls)},
-    {"Append/combine waveforms", 323, OperationNotInBuild, OneWave, 0, "append", nullptr, 0},
+    {"Append/combine waveforms", 323, AppendPage, OneWave, 0, "append", KV_CONTROLS(kAppendControls)},
     {"Auto loop finder", 335, OperationNotInBuild, AlwaysAvailable, 0, "auto-loop", nullptr, 0},
     {"Auto tune", 326, OperationNotInBuild, AlwaysAvailable, 0, "auto-tune", nullptr, 0},
     {"Calculate tuning", 325, OperationNotInBuild, AlwaysAvailable, 0, "calculate-tuning", nullptr, 0},
-    {"Convert to mono", 306, OperationNotInBuild, AnyStereo, 0, "to-mono", nullptr, 0},
-    {"Convert to stereo", 305, OperationNotInBuild, AnyMono, 0, "to-stereo", nullptr, 0},
+    {"Convert to mono", 306, ToMonoPage, AnyStereo, 0, "to-mono", KV_CONTROLS(kToMonoControls)},
+    {"Convert to stereo", 305, ToStereoPage, AnyMono, 0, "to-stereo", KV_CONTROLS(kToStereoControls)},
     {"Cross-fade loop", 309, OperationNotInBuild, AnyLooped, 0, "crossfade-loop", nullptr, 0},
-    {"Cut away selection", 311, OperationNotInBuild, RangeActive, kOpRange, "cut", nullptr, 0},
+    {"Cut away selection", 311, CutPage, RangeActive, kOpRange, "cut", nullptr, 0},
     {"Enable/disable loops", 332, OperationNotInBuild, AlwaysAvailable, 0, "loops", nullptr, 0},
     {"Fade in/out selection", 310, FadePage, RangeActive, kOpRange, "fade", KV_CONTROLS(kFadeControls)},
     {"Find volume", 321, OperationNotInBuild, AlwaysAvailable, 0, "find-volume", nullptr, 0},
-    {"Insert silence", 316, OperationNotInBuild, AlwaysAvailable, kOpRange, "insert-silence", nullptr, 0},
-    {"Insert another waveform", 317, OperationNotInBuild, AlwaysAvailable, kOpRange, "insert-wave", nullptr, 0},
+    {"Insert silence", 316, InsertSilencePage, AlwaysAvailable, kOpRange, "insert-silence",
+     KV_CONTROLS(kInsertSilenceControls)},
+    {"Insert another waveform", 317, InsertWavePage, AlwaysAvailable, kOpRange, "insert-wave",
+     KV_CONTROLS(kInsertWaveControls)},
     {"Invert sign throughout selection", 319, InvertPage, RangeActive, kOpRange | kOpNoPage, "invert", nullptr, 0},
     {"Loop sanitizer/converter", 302, OperationNotInBuild, AnyLooped, 0, "loop-sanitizer", nullptr, 0},
     {"Maximize amplitude", 307, MaximizePage, AlwaysAvailable, kOpNoPage, "maximize", nullptr, 0},
-    {"Mix out = a*wave1 + b*wave2 + c", 320, OperationNotInBuild, OneWave, 0, "mix", nullptr, 0},
+    {"Mix out = a*wave1 + b*wave2 + c", 320, MixPage, OneWave, 0, "mix", KV_CONTROLS(kMixControls)},
     {"Move loop points to zero-crossing", 339, OperationNotInBuild, AnyLooped, kOpNoPage, "loop-zero-crossing",
      nullptr, 0},
     {"Normalize volume", 337, OperationNotInBuild, AlwaysAvailable, 0, "normalize", nullptr, 0},
@@ -228,8 +232,7 @@ const WizardOperation kAudioOperations[] = {
     {"Swap left and right channels", 301, SwapPage, AnyStereo, kOpNoPage, "swap", nullptr, 0},
     {"Time stretch", 324, OperationNotInBuild, AlwaysAvailable, 0, "time-stretch", nullptr, 0},
     {"Trim waveform after loop", 330, OperationNotInBuild, AnyLooped, 0, "trim-after-loop", nullptr, 0},
-    {"Trim waveform to selection", 308, OperationNotInBuild, RangeActive, kOpRange | kOpNoPage, "trim-to-selection",
-     nullptr, 0},
+    {"Trim waveform to selection", 308, TrimPage, RangeActive, kOpRange | kOpNoPage, "trim", nullptr, 0},
     {"VST plug-in effects", 327, OperationNotInBuild, AlwaysAvailable, kOpRange, "vst", nullptr, 0},
     {nullptr, 0, nullptr, nullptr, 0, nullptr, nullptr, 0},
 };

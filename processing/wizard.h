@@ -51,6 +51,7 @@ struct PageControl {
   int choiceCount;
   double defaultValue;       // Number, Integer, Choice, Flag
   const char* defaultText;   // Text
+  const char* const* choiceKeys;  // Choice, optional: a short command-line word per choice
 };
 
 // A row of an operation table; a table ends at a row whose name is null.

@@ -102,7 +102,8 @@ bool ParseValue(const PageControl& c, const std::string& text, SettingValue& val
       return false;
     case ControlType::Choice:
       for (int i = 0; i < c.choiceCount; ++i)
-        if (EqualsNoCase(text, c.choices[i])) return (value.number = i, true);
+        if (EqualsNoCase(text, c.choices[i]) || (c.choiceKeys && EqualsNoCase(text, c.choiceKeys[i])))
+          return (value.number = i, true);
       [[fallthrough]];
     case ControlType::Integer: {
       int64_t v;
@@ -230,7 +231,8 @@ void PrintOperationList(std::FILE* out, const std::string& filter) {
       std::fprintf(out, "    %-10s %-8s default %-6s %-24s \"%s\"\n", c.key, TypeName(c.type), def.c_str(),
                    c.type == ControlType::Choice ? "choices below" : RangeText(c).c_str(), c.label);
       for (int k = 0; k < (c.type == ControlType::Choice ? c.choiceCount : 0); ++k)
-        std::fprintf(out, "        %d  \"%s\"\n", k, c.choices[k]);
+        if (c.choiceKeys) std::fprintf(out, "        %d  %-10s \"%s\"\n", k, c.choiceKeys[k], c.choices[k]);
+        else std::fprintf(out, "        %d  \"%s\"\n", k, c.choices[k]);
     }
     if (row.flags & kOpRange)
       std::fprintf(out, "    %-10s %-8s frames START:END, end exclusive\n", "range", "range");

@@ -86,7 +86,15 @@ const char* const kInBuild[] = {"Adjust volume",
                                 "Set waveform names from file names",
                                 "Smooth within the selection",
                                 "Statistics",
-                                "Swap left and right channels"};
+                                "Swap left and right channels",
+                                "Append/combine waveforms",
+                                "Convert to mono",
+                                "Convert to stereo",
+                                "Cut away selection",
+                                "Insert silence",
+                                "Insert another waveform",
+                                "Mix out = a*wave1 + b*wave2 + c",
+                                "Trim waveform to selection"};
 
 struct Frame : ::testing::Test {
   void SetUp() override {

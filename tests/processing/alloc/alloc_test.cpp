@@ -80,11 +80,26 @@ struct Result {
   uint32_t modified, failed;
 };
 
+// Settings that make a row change something, and give the two-wave rows a
+// second wave of other channels (converted on a clone that must not stay).
+struct RowSetting {
+  const char* key;
+  int control;
+  double number;
+  const char* text;
+};
+[[maybe_unused]] const RowSetting kSettings[] = {
+    {"search-replace", 0, 0, "o"},  {"append", 0, 0, "Mono float"}, {"insert-wave", 0, 0, "Mono 16"},
+    {"mix", 1, 0, "0,5"},           {"mix", 4, 0, "Mono float"},    {"to-mono", 0, 3, ""},  // the split
+};
+
 [[maybe_unused]] Result RunOnAll(Collection& c, const WizardOperation& row) {
-  if (std::strcmp(row.key, "search-replace") == 0) {
-    SettingValue search;
-    search.text = "o";
-    OperationSetting(row.controls[0]) = search;
+  for (const RowSetting& s : kSettings) {
+    if (std::strcmp(row.key, s.key) != 0) continue;
+    SettingValue value;
+    value.number = s.number;
+    value.text = s.text;
+    OperationSetting(row.controls[s.control]) = value;
   }
   ProcessingWizard w(c);
   for (Waveform* wave : c.All<Waveform>()) w.items.push_back(wave);
@@ -145,6 +160,8 @@ TEST(AllocationFailure, EveryOperationLeavesTheFailedWaveWhole) {
         ++whole;
       }
       EXPECT_EQ(whole, static_cast<int>(got.failed));
+      // No converted copy stays, and a failed split leaves no half behind.
+      EXPECT_EQ(waves.size(), got.failed ? before.size() : done.size());
     }
   }
   EXPECT_GT(failuresSeen, 0);  // some operation allocated at all
