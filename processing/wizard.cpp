@@ -38,10 +38,12 @@ const WizardOperation kEmptyTable[] = {{nullptr, 0, nullptr, nullptr, 0, nullptr
 
 // Defined with the audio pages (processing/audio_table.cpp).
 const WizardOperation* AudioOperationTable();
+// And with the song pages (processing/song_table.cpp).
+const WizardOperation* SongOperationTable();
 
 const WizardOperation* OperationTable(int kind, uint32_t* size) {
-  // The instrument and song tables fill when their operations are written.
-  const WizardOperation* rows = kind == 0 ? AudioOperationTable() : kEmptyTable;
+  // The instrument table fills when its operations are written.
+  const WizardOperation* rows = kind == 0 ? AudioOperationTable() : kind == 6 ? SongOperationTable() : kEmptyTable;
   if (size) {
     uint32_t n = 0;
     while (rows[n].name) ++n;
@@ -90,6 +92,8 @@ const char* AvailabilityName(AvailabilityTest test) {
   if (test == OneWave) return "one wave";
   if (test == AnyMono) return "any mono";
   if (test == AnyStereo) return "any stereo";
+  if (test == AnySongs) return "song or collection with songs";
+  if (test == AnySongsOrTracks) return "track, song or collection with songs";
   return "?";
 }
 

@@ -86,6 +86,10 @@ bool RangeActive(const ProcessingWizard& wizard);  // useRange is set
 bool OneWave(const ProcessingWizard& wizard);      // one item, no batch conversion running
 bool AnyMono(const ProcessingWizard& wizard);
 bool AnyStereo(const ProcessingWizard& wizard);
+// The song table's: "song or collection with songs" and "track, song or
+// collection with songs" (processing/song_table.cpp).
+bool AnySongs(const ProcessingWizard& wizard);
+bool AnySongsOrTracks(const ProcessingWizard& wizard);
 // "always", "any looped", "range active", "one wave", "any mono", "any stereo".
 const char* AvailabilityName(AvailabilityTest test);
 

@@ -18,9 +18,9 @@ namespace kv {
 
 namespace {
 
-// The audio table is the one with rows until the instrument and song
-// operations are written.
-const WizardOperation* Rows(uint32_t& count) { return OperationTable(0, &count); }
+// The tables with rows: audio and songs (the instrument operations aren't
+// written yet).
+constexpr int kTableKinds[] = {0, 6};
 
 bool IsAssignment(std::string_view token) {
   const std::size_t eq = token.find('=');
@@ -126,17 +126,22 @@ bool ParseValue(const PageControl& c, const std::string& text, SettingValue& val
 
 // One --op, checked against its row before anything runs.
 struct ParsedRequest {
+  int kind = 0;
   uint32_t row = 0;
   std::vector<std::pair<int, SettingValue>> values;  // control index, value
   std::optional<std::pair<int32_t, int32_t>> range;
 };
 
 int ParseRequest(const OperationRequest& request, ParsedRequest& parsed) {
-  uint32_t count = 0;
-  const WizardOperation* rows = Rows(count);
-  uint32_t found = count;
-  for (uint32_t i = 0; i < count && found == count; ++i)
-    if (EqualsNoCase(request.name, rows[i].key) || EqualsNoCase(request.name, rows[i].name)) found = i;
+  uint32_t count = 0, found = 0;
+  const WizardOperation* rows = nullptr;
+  for (int kind : kTableKinds) {
+    rows = OperationTable(kind, &count);
+    for (found = 0; found < count; ++found)
+      if (EqualsNoCase(request.name, rows[found].key) || EqualsNoCase(request.name, rows[found].name)) break;
+    parsed.kind = kind;
+    if (found < count) break;
+  }
   if (found == count) return Usage("--op: unknown operation \"%s\" (kelvo --ops lists them)", request.name.c_str());
   const WizardOperation& row = rows[found];
   parsed.row = found;
@@ -201,14 +206,15 @@ void AddProcessingOptions(CLI::App& app, ProcessingOptions& options) {
 }
 
 void PrintOperationList(std::FILE* out, const std::string& filter) {
-  uint32_t count = 0;
-  const WizardOperation* rows = Rows(count);
   auto contains = [&](std::string_view text) {
     if (filter.empty()) return true;
     for (std::size_t at = 0; at + filter.size() <= text.size(); ++at)
       if (EqualsNoCase(text.substr(at, filter.size()), filter)) return true;
     return false;
   };
+  for (int kind : kTableKinds) {
+  uint32_t count = 0;
+  const WizardOperation* rows = OperationTable(kind, &count);
   for (uint32_t r = 0; r < count; ++r) {
     const WizardOperation& row = rows[r];
     if (!contains(row.key) && !contains(row.name)) continue;
@@ -237,6 +243,7 @@ void PrintOperationList(std::FILE* out, const std::string& filter) {
     if (row.flags & kOpRange)
       std::fprintf(out, "    %-10s %-8s frames START:END, end exclusive\n", "range", "range");
   }
+  }
 }
 
 int RunOperationRequests(Collection& c, const std::vector<Item*>& selection,
@@ -247,22 +254,26 @@ int RunOperationRequests(Collection& c, const std::vector<Item*>& selection,
   for (std::size_t i = 0; i < requests.size(); ++i)
     if (int code = ParseRequest(requests[i], parsed[i])) return code;
 
-  uint32_t count = 0;
-  const WizardOperation* rows = Rows(count);
   // The range of the waveform view: kept from one operation to the next, as
   // a selection in the window stays until changed. None at first.
   int32_t rangeStart = 0, rangeEnd = 0;
   int status = 0;
   for (const ParsedRequest& request : parsed) {
-    const WizardOperation& row = rows[request.row];
-    ProcessingWizard wizard(c);
-    if (selection.empty()) {
-      for (Waveform* wave : c.All<Waveform>()) wizard.items.push_back(wave);
-    } else {
+    const WizardOperation& row = OperationTable(request.kind)[request.row];
+    const bool songs = request.kind == 6;
+    ProcessingWizard wizard(c, static_cast<uint8_t>(request.kind));
+    if (!selection.empty()) {
       for (Item* item : selection) wizard.items.push_back(item);
+    } else if (songs) {
+      for (Song* song : c.All<Song>()) wizard.items.push_back(song);
+    } else {
+      for (Waveform* wave : c.All<Waveform>()) wizard.items.push_back(wave);
     }
-    if (wizard.items.empty()) return Usage("--op %s: there are no waveforms to process", row.key);
-    if (wizard.items[0]->Type() != ItemType::Waveform)
+    if (wizard.items.empty())
+      return Usage("--op %s: there are no %s to process", row.key, songs ? "songs" : "waveforms");
+    const ItemType first = wizard.items[0]->Type();
+    if (songs ? first != ItemType::Song && first != ItemType::Track && first != ItemType::Collection
+              : first != ItemType::Waveform)
       return Usage("--op %s: \"%s\" is not available for this selection", row.key, row.name);
 
     if (request.range) std::tie(rangeStart, rangeEnd) = *request.range;

@@ -88,12 +88,17 @@ TEST_F(Cli, OpsListsEveryRowInOrder) {
   std::istringstream lines(r.out);
   for (std::string line; std::getline(lines, line);)
     if (!line.empty() && line[0] != ' ') keys.push_back(line.substr(0, line.find(' ')));
-  uint32_t size = 0;
-  const WizardOperation* rows = OperationTable(0, &size);
-  ASSERT_EQ(keys.size(), size) << r.out;
-  for (uint32_t i = 0; i < size; ++i) {
-    EXPECT_EQ(keys[i], rows[i].key);
-    EXPECT_NE(r.out.find(std::string("\"") + rows[i].name + "\""), std::string::npos) << rows[i].name;
+  // The audio rows, then the song rows.
+  std::vector<const WizardOperation*> rows;
+  for (int kind : {0, 6}) {
+    uint32_t size = 0;
+    const WizardOperation* table = OperationTable(kind, &size);
+    for (uint32_t i = 0; i < size; ++i) rows.push_back(&table[i]);
+  }
+  ASSERT_EQ(keys.size(), rows.size()) << r.out;
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    EXPECT_EQ(keys[i], rows[i]->key);
+    EXPECT_NE(r.out.find(std::string("\"") + rows[i]->name + "\""), std::string::npos) << rows[i]->name;
   }
   const std::size_t resample = r.out.find("\nresample ");
   ASSERT_NE(resample, std::string::npos);
