@@ -57,8 +57,25 @@ k_swap=$(cpu "$kelvo" -NOMSG "$work/in.wav" --op swap --save "$work/k-swap.wav")
 s_swap=$(cpu sox "$work/in.wav" "$work/s-swap.wav" remix 2 1)
 k_stat=$(cpu "$kelvo" -NOMSG "$work/in.wav" --op statistics)
 s_stat=$(cpu sox "$work/in.wav" -n stats)
+# Length and channels: a minute cut from the middle, 10 s of silence
+# inserted there, the average to mono, the file after itself.
+cp "$work/in.wav" "$work/again.wav"
+k_cut=$(cpu "$kelvo" -NOMSG "$work/in.wav" --op cut range=2646000:5292000 --save "$work/k-cut.wav")
+s_cut=$(cpu sox "$work/in.wav" "$work/s-cut.wav" trim 0s =2646000s =5292000s)
+k_pad=$(cpu "$kelvo" -NOMSG "$work/in.wav" --op insert-silence count=441000 at=sel-start range=13230000:13230001 \
+  --save "$work/k-pad.wav")
+s_pad=$(cpu sox "$work/in.wav" "$work/s-pad.wav" pad 441000s@13230000s)
+k_mono=$(cpu "$kelvo" -NOMSG "$work/in.wav" --op to-mono mode=0 --save "$work/k-mono.wav")
+s_mono=$(cpu sox -D "$work/in.wav" "$work/s-mono.wav" remix 1v0.5,2v0.5)
+k_app=$(cpu "$kelvo" -NOMSG "$work/in.wav" "$work/again.wav" --select in --op append wave2=in wave3=again --item in \
+  --save "$work/k-app.wav")
+s_app=$(cpu sox "$work/in.wav" "$work/in.wav" "$work/s-app.wav")
 
 agree "$work/k-vol.wav" "$work/s-vol.wav" 1
+agree "$work/k-mono.wav" "$work/s-mono.wav" 1
+for pair in cut pad app; do
+  cmp -s <(sox "$work/k-$pair.wav" -t s16 -) <(sox "$work/s-$pair.wav" -t s16 -) || { echo "$pair differs from sox" >&2; exit 1; }
+done
 cmp -s <(sox "$work/k-rev.wav" -t s16 -) <(sox "$work/s-rev.wav" -t s16 -) || { echo "reverse differs from sox" >&2; exit 1; }
 cmp -s <(sox "$work/k-swap.wav" -t s16 -) <(sox "$work/s-swap.wav" -t s16 -) || { echo "swap differs from sox" >&2; exit 1; }
 
@@ -68,3 +85,7 @@ row "Adjust volume -6 dB / vol -6dB" "$k_vol" "$s_vol"
 row "Reverse / reverse" "$k_rev" "$s_rev"
 row "Swap channels / remix 2 1" "$k_swap" "$s_swap"
 row "Statistics / -n stats" "$k_stat" "$s_stat"
+row "Cut away 60 s / trim" "$k_cut" "$s_cut"
+row "Insert 10 s silence / pad" "$k_pad" "$s_pad"
+row "Convert to mono / remix" "$k_mono" "$s_mono"
+row "Append to itself / sox in in" "$k_app" "$s_app"
