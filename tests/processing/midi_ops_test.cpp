@@ -376,5 +376,41 @@ TEST_F(SongOps, CorpusSongsAsMidoSeesThem) {
   EXPECT_GE(files, 6);
 }
 
+// FluidSynth renders the rewritten songs sample for sample as the sources:
+// compaction, both format changes, the fixes (program 0 is its default) and
+// the velocity-0 replacement change nothing a synthesizer plays.
+TEST_F(SongOps, RewrittenSongsRenderAsTheSourcesInFluidSynth) {
+  if (!test::NeedCorpus() || !test::NeedTool("fluidsynth")) return;
+  const fs::path bank = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+  if (!test::Need(fs::exists(bank), "TimGM6mb.sf2 (timgm6mb-soundfont)")) return;
+  test::TempDir dir;
+  auto render = [&](const fs::path& song, const fs::path& raw) {
+    EXPECT_EQ(test::RunCommand("fluidsynth -ni -q -g 0.5 -r 44100 -T raw -F '" + raw.string() + "' '" +
+                               bank.string() + "' '" + song.string() + "' >/dev/null 2>&1"),
+              0);
+    return test::ReadFile(raw);
+  };
+  const std::vector<std::vector<OperationRequest>> variants = {
+      {{"compact", {"duplicates=on", "noteon=on"}}},
+      {{"midi-format", {"format=0"}}},
+      {{"midi-format", {"format=0"}}, {"midi-format", {"format=1"}}},
+      {{"fix-compatibility", {"banklsb=on", "program=on", "nosysex=off", "noteoff=on"}}},
+      {{"note-off", {}}},
+  };
+  for (const char* name : {"pianobooster-02-LavendersBlue.mid"}) {
+    const fs::path source = test::CorpusDir() / "midi" / name;
+    const std::string want = render(source, dir / "source.raw");
+    ASSERT_GT(want.size(), 100000u) << name;
+    for (std::size_t v = 0; v < variants.size(); ++v) {
+      Collection local;
+      Song* song = nullptr;
+      ASSERT_TRUE(Load(source, local, song)) << name;
+      EXPECT_EQ(RunOperationRequests(local, {song}, variants[v], stdout), 0);
+      ASSERT_TRUE(Save(*song, dir / "out.mid"));
+      EXPECT_TRUE(render(dir / "out.mid", dir / "out.raw") == want) << name << " variant " << v;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace kv
