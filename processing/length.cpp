@@ -107,7 +107,9 @@ bool Rebuild(Waveform& wave, std::span<const Piece> pieces, bool asFloat, const 
 void CutLoop(Waveform& wave, uint32_t a, uint32_t b) {
   const auto fa = static_cast<float>(a), fb = static_cast<float>(b), gone = static_cast<float>(b - a);
   if (wave.loopStart > fa) wave.loopStart = fb <= wave.loopStart ? wave.loopStart - gone : fa;
-  if (wave.loopEnd > fa) wave.loopEnd = fb < wave.loopEnd ? wave.loopEnd - gone : fa + 1.0f;
+  // The default end (no loop end set) means the wave's end and stays so.
+  if (wave.loopEnd > fa && wave.loopEnd < kLoopEndDefault)
+    wave.loopEnd = fb < wave.loopEnd ? wave.loopEnd - gone : fa + 1.0f;
   if (wave.loopEnd <= wave.loopStart) wave.loopType = 0;
 }
 
@@ -183,7 +185,7 @@ EditResult insertFrames(Waveform& wave, int64_t position, Waveform* source, uint
   if (!Rebuild(wave, pieces, asFloat, context)) return EditResult::Failed;
   const auto fp = static_cast<float>(at), moved = static_cast<float>(count);
   if (wave.loopStart >= fp) wave.loopStart += moved;
-  if (wave.loopEnd > fp) wave.loopEnd += moved;
+  if (wave.loopEnd > fp && wave.loopEnd < kLoopEndDefault) wave.loopEnd += moved;
   return EditResult::Changed;
 }
 

@@ -138,13 +138,17 @@ TEST_F(Length, CutMovesTheLoopAndKeepsTheRest) {
     EXPECT_EQ(Shorts(*w), want);
   }
 
-  // The whole wave is never cut; b is bounded by the length.
+  // The whole wave is never cut; b is bounded by the length. An unlooped
+  // wave's default end stays the default.
   Waveform* w = Wave16(c, "whole", Ramp(100));
   EXPECT_EQ(Run("cut", {w}, 0, 100), 0u);
   EXPECT_EQ(Run("cut", {w}, 0, 500), 0u);
   EXPECT_EQ(w->length, 100u);
   EXPECT_EQ(Run("cut", {w}, 90, 500), 1u);
   EXPECT_EQ(w->length, 90u);
+  EXPECT_EQ(w->loopEnd, kLoopEndDefault);
+  ASSERT_EQ(insertFrames(*w, 0, nullptr, 0, 5), EditResult::Changed);
+  EXPECT_EQ(w->loopEnd, kLoopEndDefault);
 
   // A tail of fewer than 64536 frames only shortens the length; 64536 move the data.
   Waveform* big = Wave16(c, "big", std::vector<int16_t>(200000, 7));
