@@ -320,17 +320,18 @@ const PageControl kTrimControls[] = {
 
 constexpr const char* kCropMessage = "The crop length must be larger than 0!";
 
-// One cut for all `tracks`, timed through their tempo changes.
-bool TrimTracks(const std::vector<Track*>& tracks, uint16_t division, bool firstNote, double cutSeconds,
-                double lengthSeconds) {
+// One cut for all `tracks`, timed through the tempo changes of `timing`
+// (the whole song's tracks, also when one track alone is cut).
+bool TrimTracks(const std::vector<Track*>& tracks, const std::vector<Track*>& timing, uint16_t division,
+                bool firstNote, double cutSeconds, double lengthSeconds) {
   std::vector<std::span<const uint8_t>> bodies;
-  for (Track* t : tracks) bodies.emplace_back(t->Events());
+  for (Track* t : timing) bodies.emplace_back(t->Events());
   const TempoMap map(bodies, division);
   double start = cutSeconds > 0 ? cutSeconds : 0.0;
   if (firstNote) {
     double first = 1e10;
-    for (const auto& b : bodies) {
-      const uint64_t tick = FirstNoteTick(b);
+    for (const Track* t : tracks) {
+      const uint64_t tick = FirstNoteTick(t->Events());
       if (tick != UINT64_MAX) first = std::min(first, map.Seconds(tick));
     }
     start = first < 1e10 ? first : 0.0;
@@ -364,11 +365,13 @@ bool TrimPage(ProcessingWizard& w, WizardPhase phase, int control) {
       if (item->Type() == ItemType::Track) {
         auto* track = static_cast<Track*>(item);
         const Song* song = track->collection ? track->collection->FindAs<Song>(track->parentId) : nullptr;
-        if (TrimTracks({track}, song ? song->division : 480, firstNote, cut, length)) ++w.modified;
+        if (TrimTracks({track}, song ? TracksOf(*song) : std::vector<Track*>{track}, song ? song->division : 480,
+                       firstNote, cut, length))
+          ++w.modified;
         continue;
       }
       for (Song* song : SongsOf(item))
-        if (TrimTracks(TracksOf(*song), song->division, firstNote, cut, length)) ++w.modified;
+        if (TrimTracks(TracksOf(*song), TracksOf(*song), song->division, firstNote, cut, length)) ++w.modified;
     }
     return true;
   });
