@@ -376,6 +376,42 @@ TEST_F(SongOps, CorpusSongsAsMidoSeesThem) {
   EXPECT_GE(files, 6);
 }
 
+// On the command line with a bank loaded beside the song: a made-up bank
+// select that neither the bank nor the standard set has is zeroed, GS
+// variations 1 and 2 of listed programs stay, and the status line tells.
+TEST_F(SongOps, FixWithABankLoadedOnTheCommandLine) {
+  const fs::path bank = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+  if (!test::Need(fs::exists(bank), "TimGM6mb.sf2 (timgm6mb-soundfont)")) return;
+  test::TempDir dir;
+  std::string smf("MThd\0\0\0\6\0\0\0\1\0\x60", 14);
+  Bytes body;
+  const uint8_t banks[][2] = {{99, 5}, {1, 38}, {2, 102}};
+  for (int ch = 0; ch < 3; ++ch)
+    body.insert(body.end(), {0x00, uint8_t(0xB0 | ch), 0, banks[ch][0], 0x00, uint8_t(0xC0 | ch), banks[ch][1], 0x00,
+                             uint8_t(0x90 | ch), 60, 90, 0x60, uint8_t(0x80 | ch), 60, 0});
+  body.insert(body.end(), {0x00, 0xFF, 0x2F, 0x00});
+  smf += "MTrk";
+  for (int shift : {24, 16, 8, 0}) smf += static_cast<char>(body.size() >> shift);
+  smf.append(body.begin(), body.end());
+  test::WriteFile(dir / "bank.mid", smf);
+  std::string out;
+  ASSERT_EQ(test::RunCommand("cd '" + dir.path().string() + "' && XDG_CONFIG_HOME=. '" KELVO_EXE "' -NOMSG bank.mid '" +
+                                 bank.string() + "' --op fix-compatibility --save fixed.mid 2>&1",
+                             &out),
+            0)
+      << out;
+  EXPECT_NE(out.find("Processed 1 item with Fix compatibility issues & improve portability"), std::string::npos) << out;
+  Collection back;
+  Song* song = nullptr;
+  ASSERT_TRUE(Load(dir / "fixed.mid", back, song));
+  std::vector<int> msb;
+  MidiEventCursor cursor(back.FindAs<Track>(song->children[0])->Events());
+  MidiEvent e;
+  while (cursor.Next(e))
+    if (e.status == 0xB0 && e.data1 == 0) msb.push_back(e.data2);
+  EXPECT_EQ(msb, (std::vector<int>{0, 1, 2}));
+}
+
 // FluidSynth renders the rewritten songs sample for sample as the sources:
 // compaction, both format changes, the fixes (program 0 is its default) and
 // the velocity-0 replacement change nothing a synthesizer plays.
