@@ -1,8 +1,11 @@
 // The processing wizard's rows on arbitrary waves, through the --op entry of
 // the command line: the bytes choose a small wave (16-bit or float, mono or
-// stereo, looped or not), up to three operations with their keys (values in
-// and out of range) and a range. Oracle: no crash or hang, a loop that stays
-// within the wave, and a wave that never grows.
+// stereo, looped or not) and a second one the two-wave rows may pick, up to
+// three operations with their keys (values in and out of range) and a range.
+// Oracle: no crash or hang, waves of one or two channels whose length stays
+// within what the inserts and appends can add, a loop that ends at most one
+// frame past the wave (where a cut at the end leaves it), and no waves but
+// those a split makes.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -26,6 +29,9 @@ std::string ValueFor(const kv::PageControl& control, Bytes& in) {
   const uint8_t b = in.Next();
   switch (control.type) {
     case kv::ControlType::Text: {
+      // Wave pickers and the mix's numbers need words that mean something.
+      static const char* const kWords[] = {"", "<none>", "fuzz", "second", "0,5", "-1.5", "2"};
+      if (static_cast<std::size_t>(b % 10) < std::size(kWords)) return kWords[b % 10];
       std::string text;
       for (int i = 0, n = b % 6; i < n; ++i) text.push_back(static_cast<char>('a' + in.Next() % 4));
       return text;
@@ -55,10 +61,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const uint64_t count = wave->SampleCount();
   if (isFloat) wave->samplesF = std::make_unique<float[]>(count + 1);
   else wave->samples16 = std::make_unique<int16_t[]>(count + 1);
-  if (looped) {
+  if (looped && length > 0) {
     wave->loopType = 1;
-    wave->loopStart = static_cast<float>(in.Next() % (length + 1));
+    wave->loopStart = static_cast<float>(in.Next() % length);
     wave->loopEnd = static_cast<float>(length);
+  }
+
+  // The second wave: its own shape and length, sometimes at another rate.
+  const uint8_t other = in.Next();
+  auto* second = kv::Create<kv::Waveform>(c, "second");
+  second->channels = other & 2 ? 2 : 1;
+  second->length = in.Next() % 64;
+  second->sampleRate = other & 4 ? 22050 : 44100;
+  if (other & 1) second->samplesF = std::make_unique<float[]>(second->SampleCount() + 1);
+  else second->samples16 = std::make_unique<int16_t[]>(second->SampleCount() + 1);
+  for (uint64_t i = 0; i < second->SampleCount(); ++i) {
+    if (other & 1) second->samplesF[i] = static_cast<float>(in.Next()) / 128.0f - 1.0f;
+    else second->samples16[i] = static_cast<int16_t>(in.Next() * 257 - 32768);
   }
 
   uint32_t rowCount = 0;
@@ -85,13 +104,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   }
 
   FILE* sink = std::fopen("/dev/null", "w");
-  kv::RunOperationRequests(c, {}, requests, sink ? sink : stdout);
+  kv::RunOperationRequests(c, {wave}, requests, sink ? sink : stdout);
   if (sink) std::fclose(sink);
 
+  // Each of three operations at most: an append of four waves, an insert of
+  // up to 10000 frames (the default) or of the second wave, padding to a
+  // range end below length + 8.
+  uint64_t bound = length;
+  for (std::size_t n = 0; n < requests.size(); ++n) bound = 4 * bound + 10000 + 64 + 8;
+  bool mixed = false;  // a mix keeps the target's loop over new data
+  for (const kv::OperationRequest& r : requests) mixed |= r.name == "mix";
   for (kv::Waveform* w : c.All<kv::Waveform>()) {
-    if (w->length > length || w->channels != (stereo ? 2 : 1)) __builtin_trap();
-    if (w->loopType != 0 && (w->loopEnd > static_cast<float>(w->length) || w->loopStart > w->loopEnd)) __builtin_trap();
+    if (w->length > bound || w->channels < 1 || w->channels > 2) __builtin_trap();
+    if (w->loopType != 0 && w->loopStart >= w->loopEnd) __builtin_trap();  // a loop of frames
+    if (w->loopType != 0 && !mixed && w->loopEnd > static_cast<float>(w->length) + 1.0f) __builtin_trap();
   }
-  if (c.Count(kv::ItemType::Waveform) != 1) __builtin_trap();
+  if (c.Count(kv::ItemType::Waveform) > 2 + requests.size()) __builtin_trap();
   return 0;
 }
