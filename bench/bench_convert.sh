@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Conversion speed against sox: a 10-minute 44.1 kHz stereo 16-bit WAV is
 # turned into a 24-bit WAV and into an AIFF by `kelvo --save` and by sox, and
-# the CPU time (user + sys) of each run is printed with the ratio.
+# the CPU time (user + sys) of each run is printed with the ratio. ADPCM rows
+# follow: IMA and MS ADPCM decoded to 16-bit WAV against sox, libsndfile's
+# sndfile-convert and FFmpeg, and 16-bit WAV to "ADPCM 4-bit" against FFmpeg's
+# adpcm_g726 and python3-soundfile's G721_32.
 #
 #   bench/bench_convert.sh [kelvo binary] [runs]
 set -euo pipefail
@@ -51,3 +54,52 @@ echo "10 min 44.1 kHz stereo 16-bit WAV, CPU seconds (user+sys), best of $runs"
 printf "%-26s %10s %10s %8s\n" "conversion" "kelvo" "sox" "ratio"
 row "WAV 16 -> WAV 24-bit" "$k24" "$s24"
 row "WAV 16 -> AIFF 16-bit" "$kaif" "$saif"
+
+# ADPCM, against every peer that does the same conversion: IMA and MS ADPCM
+# WAV (made by sox from the same 10 minutes) to 16-bit WAV, and 16-bit WAV to
+# "ADPCM 4-bit" (CCITT G.726 in WAV) - mono, since FFmpeg's G.726 encoder
+# takes one channel; python3-soundfile writes libsndfile's G721_32. A peer
+# that isn't installed gets "-".
+have() { command -v "$1" >/dev/null; }
+py="$(command -v /usr/bin/python3 || true)"
+[ -n "$py" ] && ! "$py" -c 'import soundfile' 2>/dev/null && py=""
+sox "$work/in.wav" -e ima-adpcm "$work/ima.wav"
+sox "$work/in.wav" -e ms-adpcm "$work/ms.wav"
+sox "$work/in.wav" -c 1 "$work/mono.wav"
+peer() { if have "$1"; then cpu "$@"; else echo "-"; fi; }
+declare -A t
+for c in ima ms; do
+  t[k$c]=$(cpu "$kelvo" -NOMSG "$work/$c.wav" --save "$work/k$c.wav" --data-format "PCM 16-bit")
+  t[s$c]=$(cpu sox -D "$work/$c.wav" -e signed-integer -b 16 "$work/s$c.wav")
+  t[l$c]=$(peer sndfile-convert -pcm16 "$work/$c.wav" "$work/l$c.wav")
+  t[f$c]=$(peer ffmpeg -nostdin -v error -y -i "$work/$c.wav" -c:a pcm_s16le "$work/f$c.wav")
+  # Our decoding is libsndfile's and sox's, sample for sample (IMA and MS
+  # ADPCM have no encoder here, so the peers' own files are the input).
+  cmp -s <(sox "$work/k$c.wav" -t s16 -) <(sox "$work/s$c.wav" -t s16 - | head -c "$(sox "$work/k$c.wav" -t s16 - | wc -c)") ||
+    { echo "$c: samples differ from sox" >&2; exit 1; }
+done
+t[kg]=$(cpu "$kelvo" -NOMSG "$work/mono.wav" --save "$work/kg.wav" --data-format "ADPCM 4-bit")
+t[fg]=$(peer ffmpeg -nostdin -v error -y -i "$work/mono.wav" -c:a adpcm_g726 -code_size 4 -strict unofficial "$work/fg.wav")
+if [ -n "$py" ]; then
+  t[lg]=$(cpu "$py" -c "import soundfile as sf; d, r = sf.read('$work/mono.wav', dtype='int16'); sf.write('$work/lg.wav', d, r, subtype='G721_32')")
+else
+  t[lg]="-"
+fi
+# sox can't read G.726 in WAV: our own listing tells the frames.
+"$kelvo" -NOMSG "$work/kg.wav" --list | grep -q "frames=$(soxi -s "$work/mono.wav") .*coding=\"CCITT G.721 ADPCM 4-bit\"" ||
+  { echo "G.726 frame count or coding differs" >&2; exit 1; }
+
+# The fastest peer of a row and our ratio to it.
+fastest() { printf "%s\n" "$@" | grep -v '^-$' | sort -g | head -1; }
+arow() {
+  local name="$1" ours="$2"; shift 2
+  local best; best="$(fastest "$@")"
+  printf "%-26s %8s %8s %8s %8s %8s\n" "$name" "$ours" "$1" "$2" "$3" \
+    "$(awk -v a="$ours" -v b="$best" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }')"
+}
+echo
+echo "ADPCM, 10 min 44.1 kHz (stereo; mono for G.726), CPU seconds, best of $runs; ratio to the fastest peer"
+printf "%-26s %8s %8s %8s %8s %8s\n" "conversion" "kelvo" "sox" "sndfile" "ffmpeg" "ratio"
+arow "IMA ADPCM -> WAV 16" "${t[kima]}" "${t[sima]}" "${t[lima]}" "${t[fima]}"
+arow "MS ADPCM -> WAV 16" "${t[kms]}" "${t[sms]}" "${t[lms]}" "${t[fms]}"
+arow "WAV 16 -> ADPCM 4-bit" "${t[kg]}" "-" "${t[lg]}" "${t[fg]}"

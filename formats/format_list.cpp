@@ -2,8 +2,13 @@
 #include <cstring>
 #include <string>
 
+#include "core/app.h"
 #include "core/error.h"
 #include "core/fileref.h"
+#include "core/items.h"
+#include "core/wavestore.h"
+#include "formats/modules/raw.h"
+#include "formats/modules/wav.h"
 #include "formats/registry.h"
 
 namespace kv {
@@ -51,13 +56,41 @@ void PrintFormatList(std::FILE* out, std::string_view filter) {
   }
 }
 
+std::string WaveCodingText(const Waveform& wave) {
+  if (IsGeneric(wave)) return DataFormatName(SourceDataFormat(wave.sourceFormat));
+  std::string text = wav_CodingName(wave);
+  if (text.empty()) text = raw_CodingName(wave);
+  return text;
+}
+
+namespace {
+
+// The coding of a file of a sound row: its head read into a scratch
+// collection (samples stay on disk), quietly.
+std::string FileCoding(int row, FileRef& file) {
+  const FormatEntry* entry = FormatAt(row);
+  if (row == 0 || !entry || !entry->read || entry->typeFlags != TypeBit(ItemType::Waveform)) return {};
+  const uint8_t boxes = MessageBoxesEnabled;
+  MessageBoxesEnabled = 0;
+  Collection scratch;
+  const bool ok = file.Seek(0) && entry->read(scratch, file, entry->parameter);
+  MessageBoxesEnabled = boxes;
+  ClearError();
+  const auto waves = scratch.All<Waveform>();
+  return ok && !waves.empty() ? WaveCodingText(*waves.front()) : std::string();
+}
+
+}  // namespace
+
 bool PrintFileInfo(std::FILE* out, const std::filesystem::path& path) {
   FileRef file;
   if (!file.OpenRead(path)) return false;
   int confidence = 0;
   const int row = DetectFormat(path, file, confidence);
   if (row < 0) return Fail("File Import", "Not a supported import file type");
-  std::fprintf(out, "%s\t%d\t%s\t%s\t%d%%\n", path.c_str(), row, FormatExtension(row), FormatName(row), confidence);
+  const std::string coding = FileCoding(row, file);
+  std::fprintf(out, "%s\t%d\t%s\t%s\t%d%%%s%s\n", path.c_str(), row, FormatExtension(row), FormatName(row), confidence,
+               coding.empty() ? "" : "\t", coding.c_str());
   return true;
 }
 

@@ -17,6 +17,7 @@ namespace kv {
 class Collection;
 class Item;
 class FileRef;
+class Waveform;
 
 // What a format has by design, whether or not its module is built yet.
 enum : uint8_t {
@@ -103,8 +104,14 @@ int DefaultDataFormat(int index, Item& item, std::string& text);
 
 // One line per row whose extension or name contains `filter` (case-blind).
 void PrintFormatList(std::FILE* out, std::string_view filter);
-// "<path>\t<row>\t<extension>\t<name>\t<confidence>%"; false when the file
-// can't be opened or detects as nothing.
+// "<path>\t<row>\t<extension>\t<name>\t<confidence>%", then, for a file of
+// a sound row whose head reads, "\t<coding>" of its first wave ("PCM
+// 16-bit", "IMA ADPCM 4-bit" ...); false when the file can't be opened or
+// detects as nothing.
 bool PrintFileInfo(std::FILE* out, const std::filesystem::path& path);
+// How a wave's samples are stored, for listings: the generic reader's
+// DataFormat name, or the coding a module names with its width; empty when
+// unknown.
+std::string WaveCodingText(const Waveform& wave);
 
 }  // namespace kv

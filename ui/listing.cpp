@@ -10,6 +10,7 @@
 
 #include "core/midi_text.h"
 #include "core/settings.h"
+#include "formats/registry.h"
 
 namespace kv {
 
@@ -137,6 +138,7 @@ void PrintItemTree(std::FILE* out, const Collection& c, bool events) {
       lines.General(wave->loopStart) << '-';
       lines.General(wave->loopEnd);
     }
+    if (const std::string coding = WaveCodingText(*wave); !coding.empty()) lines << " coding=\"" << coding << '"';
     lines.EndLine();
   }
   const auto& app = Settings().app;

@@ -1,12 +1,23 @@
-// Raw fallback of row 0.
+// Raw fallback of row 0, and the coded rows: headerless G.711, Dialogic,
+// Yamaha, CCITT and Rockwell files.
 #include "formats/modules/raw.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <span>
 
+#include "codecs/adpcm.h"
+#include "codecs/codepack.h"
+#include "codecs/g72x.h"
+#include "codecs/rockwell.h"
 #include "core/app.h"
+#include "core/error.h"
 #include "core/fileref.h"
 #include "core/items.h"
 #include "core/wavestore.h"
+#include "formats/modules/module.h"
+#include "formats/modules/wav_cursor.h"
 
 namespace kv {
 
@@ -60,6 +71,258 @@ bool raw_Imp(Collection& collection, FileRef& file, uint32_t) {
 void ResetRawImportQuestion() {
   g_rawAsk = true;
   g_rawCancelAlways = false;
+}
+
+}  // namespace kv
+
+// ===================================================================== coded rows
+
+namespace kv {
+
+namespace {
+
+constexpr const char* kRawImp = "raw_Imp";
+constexpr const char* kRawExp = "raw_Exp";
+// Frames coded or decoded per chunk: a multiple of 8, so that every chunk of
+// codes starts on a byte.
+constexpr uint64_t kRawChunkFrames = 1u << 16;
+
+bool IsAdpcmFamily(RawFamily f) { return f == kRawDialogic || f == kRawYamaha || f == kRawCcitt || f == kRawRockwell; }
+
+WaveReadCallback CallbackOf(RawFamily f) {
+  switch (f) {
+    case kRawDialogic: return raw_DialogicImpWave;
+    case kRawYamaha: return raw_YamahaImpWave;
+    case kRawCcitt: return raw_G72xImpWave;
+    case kRawRockwell: return raw_RockwellImpWave;
+    default: return nullptr;
+  }
+}
+
+// A decoder for one chunk of codes: `frames` frames from `in` into `out`.
+struct ChunkDecoder {
+  virtual ~ChunkDecoder() = default;
+  virtual void Decode(std::span<const uint8_t> in, uint64_t frames, int16_t* out) = 0;
+};
+
+// The lazy read every ADPCM row shares: the data from the wave's offset to
+// its end, in chunks of whole codes; frames the data doesn't hold are zeros.
+bool ReadCodedWave(Waveform& w, FileRef& file, int bits, ChunkDecoder& decoder) {
+  const char* context = "raw_ImpWave";
+  const int channels = w.channels == 2 ? 2 : 1;
+  const uint64_t frames = w.length;
+  if (frames == 0) return Fail(context, "Zero length");
+  if (bits < 2 || bits > 5) return Fail(context, "Unsupported compression type");
+  int16_t* out = AllocSamples16(w);
+  if (!out) return Fail(context, "Out of memory");
+  uint64_t done = 0;
+  // Frames the data doesn't hold are zeros, however the read ends.
+  struct ZeroTail {
+    int16_t* out;
+    const uint64_t& done;
+    uint64_t frames;
+    int channels;
+    ~ZeroTail() { std::memset(out + done * channels, 0, (frames - done) * channels * sizeof(int16_t)); }
+  } zeroTail{out, done, frames, channels};
+  ByteCursor cur(file);
+  if (!cur.Seek(w.fileOffset)) return Fail(context, "Reading from file failed");
+  uint64_t left = cur.Left();
+  if (w.dataEnd > w.fileOffset) left = std::min(left, w.dataEnd - w.fileOffset);
+  const uint64_t decodable = std::min(frames, kvPackedCodeCount(left, bits) / channels);
+  const uint64_t chunkBytes = kvPackedCodeBytes(kRawChunkFrames * channels, bits);
+  auto buffer = TryAllocArray<uint8_t>(static_cast<std::size_t>(std::min(chunkBytes, std::max<uint64_t>(left, 1))));
+  if (!buffer) return Fail(context, "Out of memory");
+  while (done < decodable) {
+    const uint64_t n = std::min(kRawChunkFrames, decodable - done);
+    const std::size_t bytes = static_cast<std::size_t>(std::min(kvPackedCodeBytes(n * channels, bits), left));
+    if (!cur.Bytes(buffer.get(), bytes)) return Fail(context, "Reading from file failed");
+    left -= bytes;
+    decoder.Decode({buffer.get(), bytes}, n, out + done * channels);
+    done += n;
+  }
+  return true;
+}
+
+int WaveBits(const Waveform& w) { return w.bits; }
+bool MsbFirst(const Waveform& w) { return (w.sourceFormat & kSourceBigEndian) != 0; }
+
+}  // namespace
+
+int raw_CodedDetect(const uint8_t*, uint32_t, uint32_t, uint64_t fileSize) { return fileSize > 0 ? 2 : 0; }
+
+bool raw_CodedImp(Collection& collection, FileRef& file, uint32_t parameter) {
+  const RawFamily family = RawParameterFamily(parameter);
+  const uint64_t size = file.Size();
+  auto* wave = Create<Waveform>(collection);
+  const std::string stem = file.Path().stem().string();
+  wave->SetName(stem.data(), stem.size(), TextEncoding::Foreign);
+  wave->sampleRate = RawParameterRate(parameter);
+  wave->channels = 1;
+  wave->fileOffset = 0;
+  wave->sourcePath = file.Path();
+  if (family == kRawALaw || family == kRawMuLaw) {
+    SetGenericFormat(*wave, family == kRawALaw ? kALaw : kMuLaw, 0);
+    wave->length = static_cast<uint32_t>(std::min<uint64_t>(size, UINT32_MAX));
+    return true;
+  }
+  const uint32_t bits = RawParameterBits(parameter);
+  if (!IsAdpcmFamily(family) || bits < 2 || bits > 5) {
+    DeleteItem(wave);
+    return Fail(kRawImp, "Unsupported compression type");
+  }
+  wave->bits = static_cast<uint8_t>(bits);
+  wave->preferredFormat = 7;  // "ADPCM 4-bit", the one ADPCM entry of the list
+  wave->sourceFormat = SourceFormatBit(kAdpcm2 + static_cast<int>(bits) - 2) |
+                       (family == kRawCcitt && !RawParameterLsbFirst(parameter) ? kSourceBigEndian : 0);
+  wave->length = static_cast<uint32_t>(std::min<uint64_t>(kvPackedCodeCount(size, static_cast<int>(bits)), UINT32_MAX));
+  wave->dataEnd = size;
+  wave->readCallback = CallbackOf(family);
+  return true;
+}
+
+bool raw_DialogicImpWave(Waveform& w, FileRef& file) {
+  struct : ChunkDecoder {
+    DialogicState s;
+    void Decode(std::span<const uint8_t> in, uint64_t frames, int16_t* out) override { kvDecodeDialogic(in, s, {out, frames}); }
+  } d;
+  return ReadCodedWave(w, file, 4, d);
+}
+
+bool raw_YamahaImpWave(Waveform& w, FileRef& file) {
+  struct Decoder : ChunkDecoder {
+    YamahaState s[2];
+    int channels = 1;
+    void Decode(std::span<const uint8_t> in, uint64_t frames, int16_t* out) override {
+      kvDecodeYamaha(in, s, channels, frames, {out, frames * channels});
+    }
+  } d;
+  d.channels = w.channels == 2 ? 2 : 1;
+  return ReadCodedWave(w, file, 4, d);
+}
+
+bool raw_G72xImpWave(Waveform& w, FileRef& file) {
+  struct Decoder : ChunkDecoder {
+    G72xState s;
+    bool msb = true;
+    void Decode(std::span<const uint8_t> in, uint64_t frames, int16_t* out) override {
+      kvDecodeG72x(in, s, msb, {out, frames});
+    }
+  } d;
+  kvG72xInit(d.s, WaveBits(w));
+  d.msb = MsbFirst(w);
+  w.channels = 1;
+  return ReadCodedWave(w, file, WaveBits(w), d);
+}
+
+bool raw_RockwellImpWave(Waveform& w, FileRef& file) {
+  struct Decoder : ChunkDecoder {
+    RockwellState s;
+    void Decode(std::span<const uint8_t> in, uint64_t frames, int16_t* out) override { kvDecodeRockwell(in, s, {out, frames}); }
+  } d;
+  if (WaveBits(w) > 4) return Fail("raw_ImpWave", "Unsupported compression type");
+  kvRockwellInit(d.s, WaveBits(w));
+  w.channels = 1;
+  return ReadCodedWave(w, file, WaveBits(w), d);
+}
+
+std::string raw_CodingName(const Waveform& w) {
+  char text[96];
+  const int bits = w.bits;
+  if (w.readCallback == raw_DialogicImpWave) return "Dialogic ADPCM 4-bit";
+  if (w.readCallback == raw_YamahaImpWave) return "Yamaha ADPCM 4-bit";
+  if (w.readCallback == raw_RockwellImpWave) {
+    std::snprintf(text, sizeof text, "Rockwell ADPCM %d-bit", bits);
+    return text;
+  }
+  if (w.readCallback == raw_G72xImpWave) {
+    std::snprintf(text, sizeof text, "CCITT %s ADPCM %d-bit, %s bit first", bits == 4 ? "G.721" : bits == 2 ? "G.726" : "G.723",
+                  bits, MsbFirst(w) ? "most significant" : "least significant");
+    return text;
+  }
+  return {};
+}
+
+// ---- writing ----
+
+namespace {
+
+// The width a write takes: the request's ADPCM bit, else the row's.
+int WriteWidth(const Waveform& w, uint32_t request, uint32_t parameter) {
+  const uint32_t adpcm = request & (SourceFormatBit(kAdpcm2) | SourceFormatBit(kAdpcm3) | SourceFormatBit(kAdpcm4) |
+                                    SourceFormatBit(kAdpcm5));
+  if (adpcm == 0) return static_cast<int>(RawParameterBits(parameter));
+  DataFormatChoice choice;
+  choice.own = PreferredFormatDataFormat(w.preferredFormat);
+  choice.request = adpcm;
+  float rate = 0.0f;
+  const int format = ChooseDataFormat(choice, rate);
+  return format >= kAdpcm2 && format <= kAdpcm5 ? format - kAdpcm2 + 2 : static_cast<int>(RawParameterBits(parameter));
+}
+
+bool WriteAll(FileRef& file, const uint8_t* data, std::size_t size) {
+  return size == 0 || file.Write(data, size) ? true : Fail(kRawExp, "Writing to file failed");
+}
+
+}  // namespace
+
+bool raw_CodedExp(Item& item, FileRef& file, ExportRequest& request) {
+  auto* wave = dynamic_cast<Waveform*>(&item);
+  if (!wave) return Fail(kRawExp, "The file format can not save this item");
+  const uint32_t parameter = request.parameter;
+  const RawFamily family = RawParameterFamily(parameter);
+  // G.711 and Yamaha keep the wave's channels as the request allows; the
+  // others hold one channel.
+  int channels = 1;
+  if (family == kRawALaw || family == kRawMuLaw || family == kRawYamaha) {
+    channels = wave->channels == 2 ? 2 : 1;
+    if (channels == 2 && (request.request & (kCapMono | kCapStereo)) && !(request.request & kCapStereo)) channels = 1;
+  }
+  if (family == kRawALaw || family == kRawMuLaw) {
+    if (gen_ExpWave(file, *wave, family == kRawALaw ? kALaw : kMuLaw, channels, 0)) return true;
+    std::snprintf(ErrorContext, sizeof ErrorContext, "%s", kRawExp);
+    return false;
+  }
+  if (!IsAdpcmFamily(family)) return Fail(kRawExp, "Unsupported subformat");
+  const int bits = family == kRawCcitt || family == kRawRockwell ? WriteWidth(*wave, request.request, parameter) : 4;
+  if (bits < 2 || bits > (family == kRawRockwell ? 4 : 5)) return Fail(kRawExp, "Unsupported subformat");
+
+  ClearError();
+  Waveform* w = AdaptWaveChannels(*wave, channels);
+  if (!w) return Fail(kRawExp, "%s", ErrorMessage[0] ? ErrorMessage : "The file format can not save this item");
+  struct Release {
+    Waveform& original;
+    Waveform* adapted;
+    ~Release() { ReleaseAdapted(original, adapted); }
+  } release{*wave, w};
+  const int16_t* samples = w->length ? Samples16(*w) : nullptr;
+  if (w->length && !samples) return Fail(kRawExp, "%s", ErrorMessage[0] ? ErrorMessage : "Out of memory");
+
+  const uint64_t frames = w->length;
+  const uint64_t chunkBytes = kvPackedCodeBytes(kRawChunkFrames * channels, bits);
+  auto buffer = TryAllocArray<uint8_t>(static_cast<std::size_t>(chunkBytes));
+  if (!buffer) return Fail(kRawExp, "Out of memory");
+  DialogicState dialogic;
+  YamahaState yamaha[2];
+  G72xState g72x;
+  RockwellState rockwell;
+  kvG72xInit(g72x, bits);
+  kvRockwellInit(rockwell, std::min(bits, 4));
+  const bool msbFirst = !RawParameterLsbFirst(parameter);
+  for (uint64_t done = 0; done < frames;) {
+    const uint64_t n = std::min(kRawChunkFrames, frames - done);
+    const std::span<const int16_t> in(samples + done * channels, n * channels);
+    const std::size_t bytes = static_cast<std::size_t>(kvPackedCodeBytes(n * channels, bits));
+    const std::span<uint8_t> out(buffer.get(), bytes);
+    switch (family) {
+      case kRawDialogic: kvEncodeDialogic(in, dialogic, out); break;
+      case kRawYamaha: kvEncodeYamaha(in, yamaha, channels, out); break;
+      case kRawCcitt: kvEncodeG72x(in, g72x, msbFirst, out); break;
+      default: kvEncodeRockwell(in, rockwell, out); break;
+    }
+    if (!WriteAll(file, buffer.get(), bytes)) return false;
+    done += n;
+  }
+  return true;
 }
 
 }  // namespace kv

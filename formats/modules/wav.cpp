@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "core/text.h"
 #include "core/wavestore.h"
 #include "formats/detect_bytes.h"
+#include "formats/modules/wav_coded.h"
 #include "formats/modules/wav_cursor.h"
 
 namespace kv {
@@ -127,6 +129,8 @@ struct WavState {
   std::vector<CuePoint> cues;
   bool sawRiff = false;
   Ds64 ds64;
+  bool countFromFact = false;  // the count was set by a fact chunk
+  wavcoded::CodedFormat coded; // the ADPCM tags' fmt fields
 };
 
 bool IdIs(const char (&id)[5], const char* want) { return std::memcmp(id, want, 4) == 0; }
@@ -182,13 +186,7 @@ bool IsBitRateCode(int preferred) {
   return preferred >= kPreferredFirstCompressed && preferred <= kPreferredLastCompressed;
 }
 
-bool IsCcittTag(uint32_t tag) {
-  switch (tag) {
-    case 20: case 64: case 66: case 69: case 89: case 100: case 133: case 139: case 147:
-    case 0x123: case 0x140: case 0x4243: case 0xA105: case 0xA107: return true;
-    default: return false;
-  }
-}
+using wavcoded::IsCcittTag;
 bool IsAacTag(uint32_t tag) {
   switch (tag) {
     case 176: case 255: case 384: case 8198: case 8199: case 16707: case 41222: return true;
@@ -226,6 +224,7 @@ bool ParseFmt(WavState& st, uint64_t body, uint64_t bodyEnd) {
   Waveform& w = st.wave;
   w.bits = 16;
   st.count = 0;
+  st.countFromFact = false;
   w.readCallback = wav_ImpWave;
   w.preferredFormat = 1;
   st.fmtOffset = body;
@@ -280,10 +279,11 @@ bool ParseFmt(WavState& st, uint64_t body, uint64_t bodyEnd) {
     w.preferredFormat = w.bits > 24 ? 3 : w.bits > 16 ? 2 : w.bits > 8 ? 1 : 0;
     st.sampleBytes = ((extensible ? containerBits : w.bits) + 7) / 8;
     if (st.sampleBytes == 0) st.sampleBytes = (w.bits + 7) / 8;
-  } else if (tag == 2) {
-    uint8_t x[36];
-    if (!cur.Bytes(x, sizeof x) || GetU16le(x) != 4) return Fail(kImp, "Unsupported or invalid MS ADPCM file");
-    setBits(4);
+  } else if (wavcoded::IsCodedTag(tag)) {
+    // MS ADPCM, IMA, CCITT, Dialogic, Yamaha, Rockwell: their fields are
+    // checked here, so that a wave that loads also decodes.
+    if (!wavcoded::ParseCodedFmt(cur, tag, channels, blockAlign, bodyEnd - body, st.coded)) return false;
+    setBits(st.coded.bits);
     w.preferredFormat = 7;
   } else if (tag == 3) {
     uint32_t bits = 0;
@@ -297,40 +297,10 @@ bool ParseFmt(WavState& st, uint64_t body, uint64_t bodyEnd) {
     setBits(8);
     w.preferredFormat = (tag == 6 || tag == 0x172) ? 6 : 5;
     st.sampleBytes = 1;
-  } else if (tag == 17) {
-    uint8_t x[6];
-    if (!cur.Bytes(x, sizeof x) || GetU16le(x) < 2 || GetU16le(x) > 4)
-      return Fail(kImp, "Unsupported or invalid IMA ADPCM file");
-    setBits(GetU16le(x));
-    w.preferredFormat = 7;
-  } else if (IsCcittTag(tag)) {
-    uint8_t x[6];
-    if (!cur.Bytes(x, sizeof x) || GetU16le(x) < 2 || GetU16le(x) > 5)
-      return Fail(kImp, "Invalid no bits/sample for CCITT G.721/.723/.726 ADPCM encoding");
-    setBits(GetU16le(x));
-    w.preferredFormat = 7;
-  } else if (tag == 23) {
-    uint32_t bits = 0;
-    if (channels != 1) return Fail(kImp, "Can only handle mono Dialogic ADPCM format");
-    if (!bitsU16(bits) || bits != 4) return Fail(kImp, "Unsupported or invalid Dialogic ADPCM file");
-    setBits(4);
-    w.preferredFormat = 7;
-  } else if (tag == 32) {
-    uint32_t v = 0;
-    if (channels > 2) return Fail(kImp, "> 2ch Yamaha ADPCM not supported");
-    if (!cur.U32le(v) || (v & 0xFF) != 4) return Fail(kImp, "Unsupported bits/sample for Yamaha ADPCM format");
-    setBits(4);
-    w.preferredFormat = 7;
   } else if (tag == 49 || tag == 4096 || tag == 771) {
     if (channels != 1) return Fail(kImp, "Can only handle (the standard!) mono GSM");
     setBits(2);
     if (tag == 771) st.count = kCountGsm771;
-  } else if (tag == 59 || tag == 768) {
-    uint32_t bits = 0;
-    if (!bitsU16(bits) || bits < 2 || bits > 4) return Fail(kImp, "Unsupported or invalid Rockwell ADPCM file");
-    if (channels != 1) return Fail(kImp, "Can only handle mono Rockwell ADPCM format");
-    setBits(bits);
-    w.preferredFormat = 7;
   } else if (tag == 80) {
     uint8_t x[26];
     if (!cur.Bytes(x, sizeof x)) return Fail(kImp, kBadFmt);
@@ -671,6 +641,7 @@ bool Walk(WavState& st, uint64_t start, uint64_t end, int depth) {
       uint32_t n;
       if (body + 4 <= bodyEnd && cur.U32le(n) && n != 0) {
         st.count = n;
+        st.countFromFact = true;
         if (n == kSizeInDs64 && st.ds64.present && st.ds64.sampleCount != 0)
           st.count = static_cast<int64_t>(std::min<uint64_t>(st.ds64.sampleCount, INT64_MAX));
       }
@@ -731,6 +702,24 @@ void FinishWave(WavState& st, FileRef& file) {
     // is cut to the frames that are there.
     const uint64_t frameBytes = uint64_t{st.fileChannels} * st.sampleBytes;
     if (frameBytes) count = std::min<int64_t>(count, static_cast<int64_t>(st.dataSize / frameBytes));
+  } else if (wavcoded::IsCodedTag(st.lastTag)) {
+    // Frames a fact claims past the data read as zeros, up to a block's
+    // worth; a count beyond that is cut to the data, so that no count can
+    // make the decoder allocate more than the data implies. Without a fact
+    // the data decides.
+    const uint64_t holds = wavcoded::CodedFrames(st.coded, st.dataSize);
+    const uint64_t claimed = static_cast<uint64_t>(std::max<int64_t>(count, 0));
+    if (!st.countFromFact) {
+      count = static_cast<int64_t>(std::min(claimed, holds));
+    } else if (claimed > holds + wavcoded::CodedBlockFrames(st.coded)) {
+      char text[200];
+      std::snprintf(text, sizeof text,
+                    "Note: the 'fact' chunk claims %llu frames, but the data holds %llu; the wave is cut to those.",
+                    static_cast<unsigned long long>(claimed), static_cast<unsigned long long>(holds));
+      MessageBox(text, kProgramName);
+      count = static_cast<int64_t>(holds);
+    }
+    w.dataEnd = st.dataOffset + st.dataSize;
   }
   w.length = static_cast<uint32_t>(std::clamp<int64_t>(count, 0, 0xFFFFFFFF));
   w.fileOffset = st.dataOffset;
@@ -756,13 +745,7 @@ void FinishWave(WavState& st, FileRef& file) {
 // ---- wav_ImpWave ----
 
 const char* MissingDecoder(uint32_t tag) {
-  if (tag == 2) return "MS ADPCM";
-  if (tag == 17) return "IMA ADPCM";
-  if (IsCcittTag(tag)) return "CCITT G.721/G.723/G.726 ADPCM";
-  if (tag == 23) return "Dialogic ADPCM";
-  if (tag == 32) return "Yamaha ADPCM";
   if (tag == 49 || tag == 4096 || tag == 771) return "GSM 06.10";
-  if (tag == 59 || tag == 768) return "Rockwell ADPCM";
   if (tag == 80 || tag == 85) return "MPEG audio";
   if (tag == 101) return "G.722 ADPCM";
   if (IsAacTag(tag)) return "AAC";
@@ -841,6 +824,14 @@ bool wav_ImpWave(Waveform& wave, FileRef& file) {
   } else if (IsPlainTag(tag) && !cur.Bytes(head + 14, 2)) {
     return Fail(kImpWave, "Reading from file failed");
   }
+  if (wavcoded::IsCodedTag(tag)) {
+    wavcoded::CodedFormat coded;
+    if (!wavcoded::ReadCodedFmt(cur, wave.codingChunkOffset, coded)) return false;
+    // The data chunk's end, noted by the walk: what follows it is no data.
+    const uint64_t dataEnd = wave.dataEnd > dataOffset ? wave.dataEnd : cur.FileSize();
+    if (!cur.Seek(dataOffset)) return Fail(kImpWave, "Reading from file failed");
+    return wavcoded::DecodeCoded(wave, cur, coded, dataEnd - dataOffset);
+  }
   if (const char* missing = MissingDecoder(tag))
     return Fail(kImpWave, "%s decoding is not available yet", missing);
   if (!IsPlainTag(tag)) return Fail(kImpWave, "Unsupported compression type");
@@ -851,6 +842,28 @@ bool wav_ImpWave(Waveform& wave, FileRef& file) {
   const uint32_t sampleBytes = (bits + 7) / 8;
   if (!cur.Seek(dataOffset)) return Fail(kImpWave, "Reading from file failed");
   return DecodePlain(wave, cur, tag, fileChannels, sampleBytes, cur.Left());
+}
+
+std::string wav_CodingName(const Waveform& wave) {
+  if (wave.readCallback != wav_ImpWave || wave.codingChunkOffset == 0) return {};
+  FileRef file;
+  if (!file.OpenRead(wave.sourcePath)) return {};
+  ByteCursor cur(file);
+  uint8_t head[14];
+  if (!cur.Seek(wave.codingChunkOffset) || !cur.Bytes(head, sizeof head)) return {};
+  uint32_t tag = GetU16le(head);
+  if (tag == 0xFFFE) {
+    uint8_t x[26];
+    if (!cur.Bytes(x, sizeof x)) return {};
+    tag = GetU32le(x + 10);
+  }
+  if (wavcoded::IsCodedTag(tag)) {
+    wavcoded::CodedFormat coded;
+    return wavcoded::ReadCodedFmt(cur, wave.codingChunkOffset, coded) ? wavcoded::CodedName(coded) : std::string();
+  }
+  if (const char* name = MissingDecoder(tag)) return name;
+  if (IsPlainTag(tag)) return tag == 3 ? "Float" : tag == 1 ? "PCM" : (tag == 6 || tag == 0x172) ? "A-law 8-bit" : "Mu-law 8-bit";
+  return {};
 }
 
 bool wav_ReadWaveBody(FileRef& file, uint64_t start, uint64_t end, Waveform& wave) {

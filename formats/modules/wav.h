@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <span>
 #include <vector>
 
@@ -40,6 +41,10 @@ bool wav_Imp(Collection& collection, FileRef& file, uint32_t parameter);
 // can't take (more than two channels, wide containers, coded tags). Context
 // "wav_ImpWave"; tags without a decoder fail naming the missing decoder.
 bool wav_ImpWave(Waveform& wave, FileRef& file);
+// The coding of a wave wav_ImpWave reads, by its fmt chunk, for listings
+// ("IMA ADPCM 4-bit", "CCITT G.723 ADPCM 3-bit", "GSM 06.10" ...); empty for
+// other waves or when the file can't be read.
+std::string wav_CodingName(const Waveform& wave);
 // Writes one Waveform; other items fail. request.parameter is the sub-variant
 // (kWav* below). Context "wav_Exp".
 bool wav_Exp(Item& item, FileRef& file, ExportRequest& request);
@@ -58,8 +63,9 @@ inline constexpr uint32_t kWavBare = 0xFFFFFFFF;      // smpl before data; no LI
 // Capability word of the WAV writer: PCM 8/16/24/32, Float 32, Mu-law, A-law,
 // GSM, ADPCM 2-5, Compressed, mono and stereo.
 inline constexpr uint32_t kWavCapabilities = 0x00327F75;
-// The encodings the writer has now: PCM 8/16/24/32, Float 32, Mu-law, A-law.
-inline constexpr uint32_t kWavWritableNow = 0x00300375;
+// The encodings the writer has now: PCM 8/16/24/32, Float 32, Mu-law, A-law,
+// ADPCM 2 to 5 bits (CCITT G.726, tags 100, 20, 64, 20).
+inline constexpr uint32_t kWavWritableNow = 0x00307B75;
 
 // A RIFF size field holds 32 bits: a file whose RIFF size would pass this
 // many bytes is written as RF64, with a ds64 chunk holding the 64-bit sizes

@@ -17,6 +17,8 @@
 #include "core/samplecodec.h"
 #include "core/text.h"
 #include "core/wavestore.h"
+#include "codecs/codepack.h"
+#include "codecs/g72x.h"
 #include "formats/modules/wav.h"
 #include "formats/modules/wav_cursor.h"
 #include "formats/modules/module.h"
@@ -39,9 +41,19 @@ struct Coding {
   int format = kFormatNone;
   uint16_t tag = 0;
   uint16_t bits = 0;
-  uint32_t bytes = 0;      // per sample
+  uint32_t bytes = 0;      // per sample; 0 for the ADPCM codings, which pack codes
   bool fromFloat = false;  // encoded from the float buffer
+  // CCITT ADPCM (indexes 11-14): the code width, the block align and the
+  // fmt size each has.
+  uint16_t codeBits = 0;
+  uint16_t blockAlign = 0;
+  uint32_t fmtSize = 0;
 };
+
+// Bytes `samples` samples take in the coding.
+uint64_t CodedBytes(const Coding& c, uint64_t samples) {
+  return c.codeBits ? kvPackedCodeBytes(samples, c.codeBits) : samples * c.bytes;
+}
 
 bool CodingFor(int format, Coding& c) {
   c.format = format;
@@ -53,6 +65,12 @@ bool CodingFor(int format, Coding& c) {
     case kFloat32: c.tag = 3; c.bits = 32; c.bytes = 4; c.fromFloat = true; return true;
     case kMuLaw: c.tag = 7; c.bits = 8; c.bytes = 1; return true;
     case kALaw: c.tag = 6; c.bits = 8; c.bytes = 1; return true;
+    // CCITT ADPCM, tags and sizes as the format list has them: index 11's
+    // fmt is 16 bytes although its cbSize is filled, deliberately.
+    case kAdpcm2: c.tag = 100; c.bits = c.codeBits = 2; c.blockAlign = 32; c.fmtSize = 16; return true;
+    case kAdpcm3: c.tag = 20; c.bits = c.codeBits = 3; c.blockAlign = 48; c.fmtSize = 20; return true;
+    case kAdpcm4: c.tag = 64; c.bits = c.codeBits = 4; c.blockAlign = 64; c.fmtSize = 20; return true;
+    case kAdpcm5: c.tag = 20; c.bits = c.codeBits = 5; c.blockAlign = 80; c.fmtSize = 20; return true;
     default: return false;
   }
 }
@@ -104,9 +122,13 @@ struct SampleSource {
   const int16_t* s16 = nullptr;
   const float* f = nullptr;
   bool widen16 = false;  // 16-bit samples going to a float-made coding
+  // The CCITT encoders' states, one per channel, kept from block to block.
+  uint32_t channels = 1;
+  G72xState ccitt[2];
 };
 
 bool SourceFor(Waveform& w, const Coding& c, SampleSource& s) {
+  s.channels = w.channels == 2 ? 2 : 1;
   if (w.SampleCount() == 0) return true;
   if (c.fromFloat && w.samples16 && !w.samplesF) {
     // A 16-bit wave widens exactly: no float copy of the whole wave is needed.
@@ -119,10 +141,26 @@ bool SourceFor(Waveform& w, const Coding& c, SampleSource& s) {
 }
 
 // Codes samples [first, first + count) into `out`. WAV stores 8-bit samples
-// as offset binary and everything else little-endian.
-void EncodeSamples(const SampleSource& s, const Coding& c, uint8_t* out, uint64_t first, uint64_t count) {
+// as offset binary and everything else little-endian; CCITT codes go most
+// significant bit first, the channels' codes in turn, from encoders that
+// start afresh at sample 0 (so runs must come in order and, but for the
+// last, hold a multiple of 8 samples).
+void EncodeSamples(SampleSource& s, const Coding& c, uint8_t* out, uint64_t first, uint64_t count) {
   constexpr bool bigEndian = false;
   if (count == 0) return;
+  if (c.codeBits) {
+    if (first == 0)
+      for (G72xState& state : s.ccitt) kvG72xInit(state, c.codeBits);
+    CodeWriter codes({out, static_cast<std::size_t>(CodedBytes(c, count))}, c.codeBits, true);
+    const int16_t* src = s.s16 + first;
+    uint32_t channel = static_cast<uint32_t>(first % s.channels);
+    for (uint64_t i = 0; i < count; ++i) {
+      codes.Put(kvG72xEncode(s.ccitt[channel], src[i]));
+      if (++channel == s.channels) channel = 0;
+    }
+    codes.Flush();
+    return;
+  }
   const std::span<uint8_t> dst(out, count * c.bytes);
   if (s.widen16) {
     const int16_t* src = s.s16 + first;
@@ -178,7 +216,6 @@ constexpr char kSoftware[20] = "Kelvo Studio v12.5";
 const char* Unavailable(int format) {
   switch (format) {
     case kGsm2: return "GSM encoding is not available yet";
-    case kAdpcm2: case kAdpcm3: case kAdpcm4: case kAdpcm5: return "ADPCM encoding is not available yet";
     case kCompressed: return "MP3 encoding is not available yet";
     default: return nullptr;
   }
@@ -367,15 +404,20 @@ void PutHead(BlockWriter& o, const Waveform& w, const WavLayout& L) {
     o.U32le(0);  // no other chunk needs a 64-bit size
   }
   o.Id("fmt ");
-  const uint32_t fmtSize = L.extensible ? 40 : (c.tag == 6 || c.tag == 7) ? 18 : 16;
+  const uint32_t fmtSize = L.extensible ? 40 : c.fmtSize ? c.fmtSize : (c.tag == 6 || c.tag == 7) ? 18 : 16;
   o.U32le(fmtSize);
   o.U16le(L.extensible ? 0xFFFE : c.tag);
   o.U16le(static_cast<uint16_t>(L.channels));
   o.U32le(w.sampleRate);
-  o.U32le(w.sampleRate * L.channels * c.bytes);
-  o.U16le(static_cast<uint16_t>(L.channels * c.bytes));
+  // Bytes a second, rounded up for packed codes: readers (FFmpeg) take the
+  // code width from it, and a rate like 44100 at 3 bits would read as 2.
+  o.U32le(static_cast<uint32_t>(c.codeBits ? (uint64_t{w.sampleRate} * L.channels * c.codeBits + 7) / 8
+                                           : uint64_t{w.sampleRate} * L.channels * c.bytes));
+  o.U16le(static_cast<uint16_t>(c.codeBits ? c.blockAlign : L.channels * c.bytes));
   o.U16le(c.bits);
-  if (fmtSize >= 18) o.U16le(L.extensible ? 22 : 0);
+  if (fmtSize >= 18) o.U16le(L.extensible ? 22 : c.codeBits ? 2 : 0);
+  // CCITT's 2 extra bytes: the codes a block of the block align holds.
+  if (c.codeBits && fmtSize >= 20) o.U16le(static_cast<uint16_t>(c.blockAlign * 8 / c.codeBits));
   if (L.extensible) {
     o.U16le(c.bits);                 // valid bits
     o.U32le(L.channels == 1 ? 4 : 3);  // front centre, or front left and right
@@ -450,7 +492,7 @@ bool SizeLayout(const Waveform& w, WavLayout& L) {
   L.frames = w.length;
   L.fact = L.coding.tag != 1;
   L.looped = w.loopType != 0 && w.loopEnd > w.loopStart;
-  L.dataBytes = uint64_t{L.frames} * L.channels * L.coding.bytes;
+  L.dataBytes = CodedBytes(L.coding, uint64_t{L.frames} * L.channels);
   return true;
 }
 
@@ -480,14 +522,16 @@ bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t var
   if (!WriteBlockOf(file, *w, L, PutHead)) return false;
   // The samples go out a block at a time: a wave of gigabytes needs no
   // second copy of itself in memory.
+  // Packed codes go in runs of whole bytes: a multiple of 8 frames.
   const uint64_t frameBytes = uint64_t{L.channels} * L.coding.bytes;
-  const uint64_t blockFrames = std::max<uint64_t>(1, (1u << 20) / frameBytes);
-  auto block = TryAllocArray<uint8_t>(static_cast<std::size_t>(std::min<uint64_t>(L.frames, blockFrames) * frameBytes));
+  const uint64_t blockFrames = L.coding.codeBits ? 1u << 16 : std::max<uint64_t>(1, (1u << 20) / frameBytes);
+  auto block = TryAllocArray<uint8_t>(
+      static_cast<std::size_t>(CodedBytes(L.coding, std::min<uint64_t>(L.frames, blockFrames) * L.channels)));
   if (!block && L.frames) return Fail(kExp, "Out of memory");
   for (uint64_t done = 0; done < L.frames;) {
     const uint64_t n = std::min<uint64_t>(blockFrames, L.frames - done);
     EncodeSamples(source, L.coding, block.get(), done * L.channels, n * L.channels);
-    if (!WriteBlock(file, block.get(), n * frameBytes, kExp)) return false;
+    if (!WriteBlock(file, block.get(), CodedBytes(L.coding, n * L.channels), kExp)) return false;
     done += n;
   }
   return WriteBlockOf(file, *w, L, PutTail);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -170,6 +171,65 @@ void ExpectSamplesAsLibsndfile(const std::filesystem::path& path, Waveform& wave
   ASSERT_EQ(wave.SampleCount(), theirs.size());
   for (std::size_t i = 0; i < theirs.size(); ++i)
     if (ours[i] != theirs[i]) FAIL() << "sample " << i << ": " << ours[i] << " vs " << theirs[i];
+}
+
+std::string RandomPayload(std::size_t size, uint32_t seed) {
+  // A fixed generator (not std::uniform_int_distribution, whose output the
+  // standard leaves to the library) so that a seed means the same bytes.
+  std::mt19937 gen(seed);
+  std::string bytes(size, '\0');
+  for (char& c : bytes) c = static_cast<char>(gen() >> 24);
+  return bytes;
+}
+
+namespace {
+
+std::string Quoted(const std::filesystem::path& path) { return "'" + path.string() + "'"; }
+
+// Reads a file of 16-bit little-endian samples.
+std::vector<int16_t> ReadS16(const std::filesystem::path& path) {
+  const std::string bytes = ReadFile(path);
+  std::vector<int16_t> v(bytes.size() / 2);
+  std::memcpy(v.data(), bytes.data(), v.size() * 2);
+  return v;
+}
+
+}  // namespace
+
+bool RunPeer(const std::string& tool, const std::string& arguments) {
+  if (!NeedTool(tool)) return false;
+  std::string said;
+  if (RunCommand(tool + " " + arguments + " 2>&1", &said) != 0) {
+    ADD_FAILURE() << tool << " " << arguments << " failed: " << said;
+    return false;
+  }
+  return true;
+}
+
+bool FfmpegSamples16(const std::filesystem::path& path, const std::string& inputOptions, std::vector<int16_t>& out) {
+  const TempDir scratch;
+  const std::filesystem::path raw = scratch / "samples.raw";
+  if (!RunPeer("ffmpeg", "-nostdin -v error -y " + inputOptions + " -i " + Quoted(path) + " -f s16le " + Quoted(raw)))
+    return false;
+  out = ReadS16(raw);
+  return true;
+}
+
+bool SoxSamples16(const std::filesystem::path& path, const std::string& inputOptions, std::vector<int16_t>& out) {
+  const TempDir scratch;
+  const std::filesystem::path raw = scratch / "samples.raw";
+  // -D: no dither, so that the samples are the decoder's own.
+  if (!RunPeer("sox", "-D " + inputOptions + " " + Quoted(path) + " -t s16 " + Quoted(raw))) return false;
+  out = ReadS16(raw);
+  return true;
+}
+
+bool SoundfileSamples16(const std::filesystem::path& path, std::vector<int16_t>& out) {
+  std::vector<float> f;
+  if (!SoundfileSamples(path, f)) return false;
+  out.resize(f.size());
+  for (std::size_t i = 0; i < f.size(); ++i) out[i] = static_cast<int16_t>(std::lround(f[i] * 32768.0f));
+  return true;
 }
 
 namespace {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <filesystem>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -76,6 +77,24 @@ bool SoundfileSamples(const std::filesystem::path& path, std::vector<float>& out
 // Every sample of `wave`, read from `path`, equals libsndfile's decoding of
 // the same file.
 void ExpectSamplesAsLibsndfile(const std::filesystem::path& path, Waveform& wave);
+
+// ---- random payloads and peer decoders (coded sample data) ----
+
+// `size` random bytes from `seed`: the same seed gives the same bytes on every
+// machine, so a payload that finds a difference can be named by its seed.
+std::string RandomPayload(std::size_t size, uint32_t seed);
+// The 16-bit samples a peer decodes a file into, interleaved. `inputOptions`
+// stand before the input (raw formats: "-f g726 -code_size 3 -ar 8000" for
+// FFmpeg, "-t vox -r 8000" for sox). False when the tool is missing
+// (reported through Missing) or refuses the file (a test failure).
+bool FfmpegSamples16(const std::filesystem::path& path, const std::string& inputOptions, std::vector<int16_t>& out);
+bool SoxSamples16(const std::filesystem::path& path, const std::string& inputOptions, std::vector<int16_t>& out);
+// libsndfile's decoding (SoundfileSamples) as 16-bit values.
+bool SoundfileSamples16(const std::filesystem::path& path, std::vector<int16_t>& out);
+// Runs a peer tool's command line; false (a test failure naming the command
+// and what it said) when it exits with an error, or after Missing(tool) when
+// `tool` isn't installed.
+bool RunPeer(const std::string& tool, const std::string& arguments);
 
 // Everything a fix-up decides, as text without item ids: each instrument's
 // tree in child order (names, trigger, articulation values and marks, the

@@ -1,0 +1,252 @@
+// The ADPCM tags of RIFF WAVE: fmt fields, frame counts and the lazy decode.
+#include "formats/modules/wav_coded.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "codecs/codepack.h"
+#include "codecs/g72x.h"
+#include "codecs/rockwell.h"
+#include "core/error.h"
+#include "core/items.h"
+#include "core/wavestore.h"
+#include "formats/modules/wav_cursor.h"
+
+namespace kv::wavcoded {
+
+namespace {
+
+constexpr const char* kImp = "wav_Imp";
+constexpr const char* kImpWave = "wav_ImpWave";
+constexpr const char* kBadMs = "Unsupported or invalid MS ADPCM file";
+constexpr const char* kBadIma = "Unsupported or invalid IMA ADPCM file";
+constexpr const char* kBadCcitt = "Invalid no bits/sample for CCITT G.721/.723/.726 ADPCM encoding";
+// Bytes read from the file at a time: whole blocks, or whole codes.
+constexpr uint64_t kChunkBytes = 1u << 20;
+// Frames a stream codec decodes per chunk: a multiple of 8, so that every
+// chunk starts on a byte whatever the code width and channel count.
+constexpr uint64_t kChunkFrames = 1u << 16;
+
+bool IsBlockTag(uint32_t tag) { return tag == 2 || tag == 17; }
+
+uint32_t BlockFramesOf(const CodedFormat& f, uint64_t bytes) {
+  const std::size_t b = static_cast<std::size_t>(std::min<uint64_t>(bytes, SIZE_MAX));
+  const uint32_t holds = f.tag == 2 ? kvMsAdpcmBlockFrames(b, static_cast<int>(f.channels))
+                                    : kvImaBlockFrames(b, static_cast<int>(f.channels), static_cast<int>(f.bits));
+  return std::min(holds, f.samplesPerBlock);
+}
+
+}  // namespace
+
+bool IsCcittTag(uint32_t tag) {
+  switch (tag) {
+    case 20: case 64: case 66: case 69: case 89: case 100: case 133: case 139: case 147:
+    case 0x123: case 0x140: case 0x4243: case 0xA105: case 0xA107: return true;
+    default: return false;
+  }
+}
+
+bool IsCodedTag(uint32_t tag) {
+  return tag == 2 || tag == 17 || IsCcittTag(tag) || tag == 23 || tag == 32 || tag == 59 || tag == 768;
+}
+
+bool ParseCodedFmt(ByteCursor& cur, uint32_t tag, uint32_t channels, uint32_t blockAlign, uint64_t fmtSize,
+                   CodedFormat& f) {
+  f = CodedFormat{};
+  f.tag = IsCcittTag(tag) ? 69 : tag;
+  f.channels = channels;
+  f.blockAlign = blockAlign;
+  if (channels == 0) return Fail(kImp, "No channels in the 'fmt ' chunk");
+  if (tag == 2) {
+    // bits, cbSize, samples per block, coefficient count, then the pairs.
+    uint8_t x[36];
+    if (!cur.Bytes(x, sizeof x) || GetU16le(x) != 4) return Fail(kImp, "%s", kBadMs);
+    f.bits = 4;
+    f.samplesPerBlock = GetU16le(x + 4);
+    const uint64_t present = fmtSize >= 22 ? (fmtSize - 22) / 4 : 0;
+    f.coefficientCount = static_cast<uint32_t>(std::min<uint64_t>({GetU16le(x + 6), present, 256}));
+    if (f.coefficientCount == 0 || blockAlign < 7 * channels || f.samplesPerBlock == 0 ||
+        f.samplesPerBlock > kvMsAdpcmBlockFrames(blockAlign, static_cast<int>(channels)))
+      return Fail(kImp, "%s", kBadMs);
+    for (uint32_t i = 0; i < f.coefficientCount; ++i) {
+      uint8_t c[4];
+      if (i < 7) std::memcpy(c, x + 8 + 4 * i, 4);
+      else if (!cur.Bytes(c, 4)) return Fail(kImp, "%s", kBadMs);
+      f.coefficients[i] = {static_cast<int16_t>(GetU16le(c)), static_cast<int16_t>(GetU16le(c + 2))};
+    }
+    return true;
+  }
+  if (tag == 17) {
+    uint8_t x[6];
+    if (!cur.Bytes(x, sizeof x) || GetU16le(x) < 2 || GetU16le(x) > 4) return Fail(kImp, "%s", kBadIma);
+    f.bits = GetU16le(x);
+    f.samplesPerBlock = GetU16le(x + 4);
+    if (blockAlign < 4 * channels || f.samplesPerBlock == 0 ||
+        f.samplesPerBlock > kvImaBlockFrames(blockAlign, static_cast<int>(channels), static_cast<int>(f.bits)))
+      return Fail(kImp, "%s", kBadIma);
+    return true;
+  }
+  if (IsCcittTag(tag)) {
+    uint8_t x[6];
+    if (!cur.Bytes(x, sizeof x) || GetU16le(x) < 2 || GetU16le(x) > 5) return Fail(kImp, "%s", kBadCcitt);
+    f.bits = GetU16le(x);
+    return true;
+  }
+  if (tag == 23) {
+    uint16_t bits = 0;
+    if (channels != 1) return Fail(kImp, "Can only handle mono Dialogic ADPCM format");
+    if (!cur.U16le(bits) || bits != 4) return Fail(kImp, "Unsupported or invalid Dialogic ADPCM file");
+    f.bits = 4;
+    return true;
+  }
+  if (tag == 32) {
+    uint32_t v = 0;
+    if (channels > 2) return Fail(kImp, "> 2ch Yamaha ADPCM not supported");
+    if (!cur.U32le(v) || (v & 0xFF) != 4) return Fail(kImp, "Unsupported bits/sample for Yamaha ADPCM format");
+    f.bits = 4;
+    return true;
+  }
+  if (tag == 59 || tag == 768) {
+    uint16_t bits = 0;
+    if (!cur.U16le(bits) || bits < 2 || bits > 4) return Fail(kImp, "Unsupported or invalid Rockwell ADPCM file");
+    if (channels != 1) return Fail(kImp, "Can only handle mono Rockwell ADPCM format");
+    f.bits = bits;
+    return true;
+  }
+  return Fail(kImp, "Unsupported compression type");
+}
+
+bool ReadCodedFmt(ByteCursor& cur, uint64_t fmtOffset, CodedFormat& f) {
+  uint8_t head[14];
+  uint32_t size = 0;
+  if (fmtOffset < 4 || !cur.Seek(fmtOffset - 4) || !cur.U32le(size) || !cur.Bytes(head, sizeof head))
+    return Fail(kImpWave, "Reading from file failed");
+  if (!ParseCodedFmt(cur, GetU16le(head), GetU16le(head + 2), GetU16le(head + 12), size, f)) {
+    std::snprintf(ErrorContext, sizeof ErrorContext, "%s", kImpWave);
+    return false;
+  }
+  return true;
+}
+
+uint64_t CodedFrames(const CodedFormat& f, uint64_t dataBytes) {
+  if (f.channels == 0) return 0;
+  if (IsBlockTag(f.tag)) {
+    if (f.blockAlign == 0) return 0;
+    const uint64_t whole = dataBytes / f.blockAlign;
+    return whole * BlockFramesOf(f, f.blockAlign) + BlockFramesOf(f, dataBytes % f.blockAlign);
+  }
+  if (f.tag == 23) return dataBytes * 2;
+  if (f.tag == 32) return f.channels == 2 ? dataBytes : dataBytes * 2;
+  return kvPackedCodeCount(dataBytes, static_cast<int>(f.bits)) / f.channels;
+}
+
+uint64_t CodedBlockFrames(const CodedFormat& f) {
+  if (IsBlockTag(f.tag)) return f.samplesPerBlock;
+  return std::max<uint64_t>(1, CodedFrames(f, f.blockAlign));
+}
+
+bool DecodeCoded(Waveform& w, ByteCursor& cur, const CodedFormat& f, uint64_t dataBytes) {
+  const int fileChannels = static_cast<int>(f.channels);
+  const int channels = std::min(fileChannels, 2);
+  w.channels = static_cast<uint8_t>(channels);
+  const uint64_t frames = w.length;
+  if (frames == 0) return Fail(kImpWave, "Zero length");
+  int16_t* out = AllocSamples16(w);
+  if (!out) return Fail(kImpWave, "Out of memory");
+  uint64_t done = 0;
+  // Frames the data doesn't hold are zeros, however the decode ends.
+  struct ZeroTail {
+    int16_t* out;
+    const uint64_t& done;
+    uint64_t frames;
+    int channels;
+    ~ZeroTail() { std::memset(out + done * channels, 0, (frames - done) * channels * sizeof(int16_t)); }
+  } zeroTail{out, done, frames, channels};
+
+  dataBytes = std::min(dataBytes, cur.Left());
+  // Only the frames the data holds are decoded; the rest stay zero.
+  const uint64_t decodable = std::min(frames, CodedFrames(f, dataBytes));
+  const uint64_t bufferBytes =
+      IsBlockTag(f.tag) ? std::max<uint64_t>(1, kChunkBytes / f.blockAlign) * f.blockAlign
+                        : kvPackedCodeBytes(kChunkFrames * fileChannels, static_cast<int>(f.bits));
+  auto buffer = TryAllocArray<uint8_t>(static_cast<std::size_t>(std::min(bufferBytes, std::max<uint64_t>(dataBytes, 1))));
+  if (!buffer) return Fail(kImpWave, "Out of memory");
+
+  uint64_t left = dataBytes;
+  auto read = [&](uint64_t want, std::span<const uint8_t>& got) {
+    const std::size_t n = static_cast<std::size_t>(std::min(want, left));
+    if (!cur.Bytes(buffer.get(), n)) return Fail(kImpWave, "Reading from file failed");
+    left -= n;
+    got = {buffer.get(), n};
+    return true;
+  };
+
+  if (IsBlockTag(f.tag)) {
+    while (done < decodable && left > 0) {
+      std::span<const uint8_t> chunk;
+      if (!read(bufferBytes, chunk)) return false;
+      for (std::size_t at = 0; at < chunk.size() && done < decodable; at += f.blockAlign) {
+        const std::span<const uint8_t> block = chunk.subspan(at, std::min<std::size_t>(f.blockAlign, chunk.size() - at));
+        const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(BlockFramesOf(f, block.size()), decodable - done));
+        const std::span<int16_t> o(out + done * channels, uint64_t{n} * channels);
+        if (f.tag == 17) {
+          kvDecodeImaBlock(block, fileChannels, static_cast<int>(f.bits), n, o, channels);
+        } else if (!kvDecodeMsAdpcmBlock(block, fileChannels, {f.coefficients, f.coefficientCount}, n, o, channels)) {
+          return true;  // a predictor outside the table ends the decode; the rest stays zero
+        }
+        done += n;
+      }
+    }
+    return true;
+  }
+
+  G72xState g72x[2];
+  RockwellState rockwell;
+  DialogicState dialogic;
+  YamahaState yamaha[2];
+  for (G72xState& s : g72x) kvG72xInit(s, static_cast<int>(f.bits));
+  kvRockwellInit(rockwell, static_cast<int>(f.bits));
+  while (done < decodable) {
+    const uint64_t n = std::min(kChunkFrames, decodable - done);
+    std::span<const uint8_t> chunk;
+    if (!read(kvPackedCodeBytes(n * fileChannels, static_cast<int>(f.bits)), chunk)) return false;
+    int16_t* o = out + done * channels;
+    switch (f.tag) {
+      case 23: kvDecodeDialogic(chunk, dialogic, {o, n}); break;
+      case 32: kvDecodeYamaha(chunk, yamaha, channels, n, {o, n * channels}); break;
+      case 59: case 768: kvDecodeRockwell(chunk, rockwell, {o, n}); break;
+      default: {
+        // Codes most significant bit first, the channels' codes in turn.
+        CodeReader codes(chunk, static_cast<int>(f.bits), true);
+        for (uint64_t i = 0; i < n; ++i)
+          for (int c = 0; c < fileChannels; ++c) {
+            const unsigned code = codes.Next();
+            if (c < channels) o[i * channels + c] = kvG72xDecode(g72x[c], code);
+          }
+        break;
+      }
+    }
+    done += n;
+  }
+  return true;
+}
+
+std::string CodedName(const CodedFormat& f) {
+  char text[64];
+  switch (f.tag) {
+    case 2: return "MS ADPCM 4-bit";
+    case 17: std::snprintf(text, sizeof text, "IMA ADPCM %u-bit", f.bits); return text;
+    case 69:
+      std::snprintf(text, sizeof text, "CCITT %s ADPCM %u-bit", f.bits == 4 ? "G.721" : f.bits == 2 ? "G.726" : "G.723",
+                    f.bits);
+      return text;
+    case 23: return "Dialogic ADPCM 4-bit";
+    case 32: return "Yamaha ADPCM 4-bit";
+    case 59: case 768: std::snprintf(text, sizeof text, "Rockwell ADPCM %u-bit", f.bits); return text;
+    default: return {};
+  }
+}
+
+}  // namespace kv::wavcoded
