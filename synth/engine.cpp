@@ -125,6 +125,7 @@ SynthEngine::~SynthEngine() {
 }
 
 void SynthEngine::WorkerMain(Worker& worker) {
+  const kvFlushToZeroScope ftz;
   for (;;) {
     worker.wake.acquire();
     if (worker.quit.load(std::memory_order_acquire)) return;
@@ -987,6 +988,7 @@ void SynthEngine::VoiceLoop() {
 }
 
 bool SynthEngine::RenderBlock(float* out) {
+  const kvFlushToZeroScope ftz;
   blockCounter_.fetch_add(1, std::memory_order_acq_rel);
   const uint32_t now = blockCounter_.load(std::memory_order_relaxed);
 

@@ -1,7 +1,30 @@
 // Signal helpers shared by the voices, the mixer and the channel effects.
 #pragma once
 
+#if defined(__SSE__)
+#include <xmmintrin.h>
+#endif
+
 namespace kv {
+
+// Flush-to-zero and denormals-are-zero while rendering: a decaying filter or
+// reverb tail would otherwise crawl through denormals at many times the cost
+// of a normal sample. The thread's mode comes back when the scope ends.
+class kvFlushToZeroScope {
+ public:
+#if defined(__SSE__)
+  kvFlushToZeroScope() : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | 0x8040u); }
+  ~kvFlushToZeroScope() { _mm_setcsr(saved_); }
+
+ private:
+  unsigned saved_;
+#else
+  kvFlushToZeroScope() = default;
+#endif
+ public:
+  kvFlushToZeroScope(const kvFlushToZeroScope&) = delete;
+  kvFlushToZeroScope& operator=(const kvFlushToZeroScope&) = delete;
+};
 
 // sin(2 pi turns) in single precision: the argument folded into the first
 // quadrant, then the Taylor polynomial to the eleventh power. Cheap enough for

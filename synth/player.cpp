@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <span>
 
 #include "core/app.h"
 #include "core/error.h"
 #include "core/midi_events.h"
+#include "core/midi_merge.h"
 #include "core/settings.h"
 #include "core/wavestore.h"
 #include "synth/compile.h"
@@ -48,21 +50,34 @@ bool FlattenSong(const Song& song, FlatSong& out) {
   bool tempoListMade = false;
   uint64_t lastTick = 0;
   int maxGroup = 0;
-  for (ItemId id : song.children) {
-    const Track* track = c.FindAs<Track>(id);
-    if (!track || track->EventCount() == 0) continue;
+  // A format 2 song's patterns play as one: merged by time first, as the
+  // conversion to format 0 does.
+  struct Body {
+    std::span<const uint8_t> bytes;
+    int group;
+  };
+  std::vector<Body> bodies;
+  std::vector<uint8_t> merged;
+  for (ItemId id : song.children)
+    if (const Track* track = c.FindAs<Track>(id); track && track->EventCount() > 0)
+      bodies.push_back({track->Events(), track->channelGroup});
+  if (song.format == 2 && bodies.size() > 1) {
+    MergeSongTracks(song, merged);
+    bodies = {{merged, bodies.front().group}};
+  }
+  for (const Body& body : bodies) {
     std::vector<TickWord> list;
-    list.reserve(track->EventCount());
+    list.reserve(body.bytes.size() / 3);
     const bool makesTempo = !tempoListMade;
     tempoListMade = true;
     bool tempoAtZero = false;
-    MidiEventCursor cursor(track->Events());
+    MidiEventCursor cursor(body.bytes);
     MidiEvent e;
     uint64_t tick = 0;
     while (cursor.Next(e)) {
       tick += e.delta;
       if (e.status < 0xF0) {
-        list.push_back({tick, MakeMidiWord(e.status, e.channel, e.data1, e.data2, track->channelGroup)});
+        list.push_back({tick, MakeMidiWord(e.status, e.channel, e.data1, e.data2, body.group)});
       } else if (e.status == 0xFF && e.metaType == 0x51 && e.length >= 3 && makesTempo) {
         const uint32_t us = uint32_t{e.payload[0]} << 16 | uint32_t{e.payload[1]} << 8 | e.payload[2];
         if (us) lists[0].push_back({tick, us * 256 + kTempoMark});
@@ -74,14 +89,14 @@ bool FlattenSong(const Song& song, FlatSong& out) {
       } else if (e.status == 0xF0) {
         int value = 0;
         const int channel = GsRhythmChannel(e.payload, e.length, value);
-        if (channel >= 0) list.push_back({tick, MakeMidiWord(0xB0, channel, 128, value, track->channelGroup)});
+        if (channel >= 0) list.push_back({tick, MakeMidiWord(0xB0, channel, 128, value, body.group)});
       }
     }
     // Frame-based files keep time by their division; the tempo list counts
     // for quarter-note divisions only.
     if (makesTempo && !tempoAtZero) lists[0].insert(lists[0].begin(), {0, kDefaultTempo * 256 + kTempoMark});
     lastTick = std::max(lastTick, tick);
-    maxGroup = std::max<int>(maxGroup, track->channelGroup);
+    maxGroup = std::max<int>(maxGroup, body.group);
     lists.push_back(std::move(list));
   }
   if (lists.size() == 1) return Fail(kRender, "Failed processing MIDI");
@@ -264,19 +279,32 @@ Waveform* RenderSongToWave(Collection& collection, const Song& song, const volat
   }
   engine.ResizeRing(std::max<std::size_t>(1024, densest + 64));
 
+  // The wave is made at its full length first and written in place: no
+  // second copy of a long render is ever held.
+  Waveform* wave = Create<Waveform>(collection, song.name);
+  wave->sampleRate = rate;
+  wave->channels = 2;
+  wave->length = static_cast<uint32_t>(std::ceil(frames));
+  wave->bits = 32;
+  float* data = AllocSamplesFloat(*wave);
+  if (!data) {
+    DeleteItem(wave);
+    return Fail(kRender, "Out of memory"), nullptr;
+  }
   StatusText("Rendering %s to waveform...", song.name);
-  std::vector<float> samples;
-  samples.reserve(static_cast<std::size_t>(frames) * 2 + 2 * kSynthBlock);
+  const std::size_t capacity = wave->length;
+  std::size_t written = 0;
   alignas(16) float block[2 * kSynthBlock];
   std::size_t next = 0;
   const double step = static_cast<double>(kSynthBlock) / rate;
   double t = 0;
-  uint64_t progress = 0;
+  std::size_t progress = 0;
   // Events play against t, on the block after they are due; the loop ends
-  // with the list.
-  while (next < flat.events.size() && samples.size() / 2 < static_cast<std::size_t>(frames)) {
+  // with the list or when the wave is full.
+  while (next < flat.events.size() && written < capacity) {
     if (abort && *abort) {
       StatusText("Aborting, please wait...");
+      DeleteItem(wave);
       return Fail(kRender, "Rendering aborted"), nullptr;
     }
     while (next < flat.events.size() && flat.events[next].seconds <= t) {
@@ -284,25 +312,16 @@ Waveform* RenderSongToWave(Collection& collection, const Song& song, const volat
       ++next;
     }
     engine.RenderBlock(block);
-    samples.insert(samples.end(), block, block + 2 * kSynthBlock);
+    const std::size_t n = std::min<std::size_t>(kSynthBlock, capacity - written);
+    std::copy(block, block + 2 * n, data + 2 * written);
+    written += n;
     t += step;
-    if (samples.size() / 2 / 32768 > progress) {
-      progress = samples.size() / 2 / 32768;
-      StatusText("%d %%", static_cast<int>(100.0 * static_cast<double>(samples.size() / 2) / frames));
+    if (written / 32768 > progress) {
+      progress = written / 32768;
+      StatusText("%d %%", static_cast<int>(100.0 * static_cast<double>(written) / frames));
     }
   }
-
-  Waveform* wave = Create<Waveform>(collection, song.name);
-  wave->sampleRate = rate;
-  wave->channels = 2;
-  wave->length = static_cast<uint32_t>(samples.size() / 2);
-  wave->bits = 32;
-  float* data = AllocSamplesFloat(*wave);
-  if (!data) {
-    DeleteItem(wave);
-    return Fail(kRender, "Out of memory"), nullptr;
-  }
-  std::copy(samples.begin(), samples.end(), data);
+  wave->length = static_cast<uint32_t>(written);
   return wave;
 }
 

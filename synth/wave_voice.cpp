@@ -151,6 +151,11 @@ inline bool Advance(WaveState& s) {
 
 template <bool Stereo, int Structure, int EqCount>
 void RenderFrames(WaveState& s, float* out) {
+  // Filter and EQ state in locals for the block: kept in memory, every store
+  // to `out` (or to a byte of the voice) would force them to be reloaded.
+  VoiceFilter filter = s.filter;
+  EqSection eq[EqCount > 0 ? EqCount : 1];
+  for (int e = 0; e < EqCount; ++e) eq[e] = s.eq[e];
   for (int i = 0; i < kSynthBlock; ++i) {
     float l = 0.0f, r = 0.0f;
     if (!s.ended) {
@@ -165,17 +170,19 @@ void RenderFrames(WaveState& s, float* out) {
         l = CatmullRom(p[-1], p[0], p[1], p[2], f);
       }
       if (Advance(s)) s.ended = 1;
-      l = RunFilter<Structure>(s.filter, l, 0);
-      if constexpr (Stereo) r = RunFilter<Structure>(s.filter, r, 1);
+      l = RunFilter<Structure>(filter, l, 0);
+      if constexpr (Stereo) r = RunFilter<Structure>(filter, r, 1);
       for (int e = 0; e < EqCount; ++e) {
-        l = RunEq(s.eq[e], l, 0);
-        if constexpr (Stereo) r = RunEq(s.eq[e], r, 1);
+        l = RunEq(eq[e], l, 0);
+        if constexpr (Stereo) r = RunEq(eq[e], r, 1);
       }
       if constexpr (!Stereo) r = l;
     }
     out[2 * i] = l;
     out[2 * i + 1] = r;
   }
+  s.filter = filter;
+  for (int e = 0; e < EqCount; ++e) s.eq[e] = eq[e];
 }
 
 using FrameLoop = void (*)(WaveState&, float*);

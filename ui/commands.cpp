@@ -1,4 +1,5 @@
 #include "ui/commands.h"
+#include "ui/song_render.h"
 
 #include <algorithm>
 #include <set>
@@ -301,6 +302,13 @@ bool RunCollectionCommand(int number) {
       int split = SplitStereoWaves(c);
       if (split) StatusText("Done: Split %d stereo waveform%s into %d mono waveforms", split, Plural(split), 2 * split);
       else StatusText("No waveforms split");
+      return true;
+    }
+    case 167: {
+      // Every song, as the window's selection of them would.
+      for (Song* song : c.All<Song>())
+        if (!RenderSong(c, *song)) return false;
+      App().refresh = true;
       return true;
     }
     case 185: {

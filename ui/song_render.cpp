@@ -15,6 +15,8 @@ namespace {
 
 bool OpenBank(const std::filesystem::path& path, Collection& into) { return ImportFile(into, path, false); }
 
+}  // namespace
+
 // The render, then the settings' finishing: the silence at both ends cut at
 // one 16-bit step, and the peak brought to full scale.
 Waveform* RenderSong(Collection& collection, Song& song) {
@@ -30,8 +32,6 @@ Waveform* RenderSong(Collection& collection, Song& song) {
   StatusText("Done: Rendered %s to waveform \"%s\".", song.name, wave->name);
   return wave;
 }
-
-}  // namespace
 
 void InstallSongRendering() {
   SetBankOpener(OpenBank);

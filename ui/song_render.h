@@ -3,8 +3,14 @@
 // through the import route.
 #pragma once
 
+#include "core/items.h"
+
 namespace kv {
 
 void InstallSongRendering();
+
+// A song to a new Waveform in `collection` by the mid2wav settings, with
+// their silence trimming and normalising; null with the reason set.
+Waveform* RenderSong(Collection& collection, Song& song);
 
 }  // namespace kv

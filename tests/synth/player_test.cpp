@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "core/app.h"
+#include "core/error.h"
 #include "core/items.h"
 #include "synth/player.h"
 
@@ -91,6 +93,47 @@ TEST(SongFlatten, TracksMergeInOrderAndGsRhythmPartsBecomeDrums) {
                                                                   MakeLocation(0, 0, 0, false)}));
   Song* empty = MakeSong(c, 96, {});
   EXPECT_FALSE(FlattenSong(*empty, flat));
+}
+
+TEST(SongFlatten, FormatTwoPatternsPlayMergedWithTheirTempos) {
+  Collection c;
+  // The second pattern sets 250000 us a quarter at tick 0; merged, it times
+  // the first pattern's note too (as a format 1 song's second track wouldn't).
+  Song* s = MakeSong(c, 96, {Bytes({0x60, 0x90, 60, 100, 0x00, 0xFF, 0x2F, 0}),
+                             Bytes({0x00, 0xFF, 0x51, 3, 0x03, 0xD0, 0x90, 0x60, 0x91, 62, 100, 0x00, 0xFF, 0x2F, 0})});
+  s->format = 2;
+  FlatSong flat;
+  ASSERT_TRUE(FlattenSong(*s, flat));
+  ASSERT_EQ(flat.events.size(), 3u);
+  EXPECT_DOUBLE_EQ(flat.events[0].seconds, 0.25);
+  EXPECT_DOUBLE_EQ(flat.events[1].seconds, 0.25);
+  EXPECT_EQ(flat.events[0].word, MakeMidiWord(0x90, 0, 60, 100));  // the first pattern first on a tie
+  s->format = 1;
+  ASSERT_TRUE(FlattenSong(*s, flat));
+  EXPECT_DOUBLE_EQ(flat.events[0].seconds, 0.5);
+}
+
+TEST(SongRender, BrokenTracksFailClearlyOrRenderBounded) {
+  MessageBoxesEnabled = 0;
+  SetSkippedBoxesQuiet(true);
+  Collection c;
+  // A note 0x0FFFFFFF ticks away at one tick a quarter and the slowest tempo:
+  // some 140 years, past what a wave can hold. It fails before allocating.
+  Song* far = MakeSong(c, 1, {Bytes({0x00, 0xFF, 0x51, 3, 0xFF, 0xFF, 0xFF, 0x00, 0x90, 60, 100, 0xFF, 0xFF, 0xFF, 0x7F,
+                                     0x80, 60, 0, 0x00, 0xFF, 0x2F, 0})});
+  EXPECT_EQ(RenderSongToWave(c, *far), nullptr);
+  EXPECT_STREQ(ErrorMessage, "Failed processing MIDI");
+  // Running status before any status byte, and a track cut inside a note:
+  // whatever they flatten to, the render ends with the list.
+  for (const auto& body : {Bytes({0x00, 60, 100, 0x60, 0x90, 62, 100, 0x60, 0x80, 62, 0}), Bytes({0x00, 0x90, 60, 100, 0x60, 0x80, 60})}) {
+    Song* s = MakeSong(c, 96, {body});
+    FlatSong flat;
+    if (!FlattenSong(*s, flat)) continue;
+    EXPECT_LT(flat.EndSeconds(), 2.0);
+    if (Waveform* wave = RenderSongToWave(c, *s)) {
+      EXPECT_LE(wave->length, 2u * 48000u);
+    }
+  }
 }
 
 }  // namespace

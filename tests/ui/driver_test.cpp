@@ -1,6 +1,8 @@
 // The command-line driver run as a user runs it: a real process, real files.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include <filesystem>
 #include <string>
 
@@ -253,6 +255,41 @@ TEST_F(Driver, CorpusSongsRenderToWavesOfTheirLength) {
   ASSERT_EQ(r.code, 0) << r.err;
   EXPECT_NE(r.err.find("Could not open the default GM/GS collection!"), std::string::npos) << r.err;
   EXPECT_EQ(peak(), 0);
+}
+
+TEST_F(Driver, ConvertingSongsToWavesKeepsTheDefaults) {
+  if (!test::NeedCorpus() || !test::NeedTool("sndfile-info")) return;
+  const std::string bank = "/usr/share/sounds/sf2/TimGM6mb.sf2";
+  if (!test::Need(std::filesystem::exists(bank), "timgm6mb-soundfont")) return;
+  // Command 167 renders every song to a wave; --save-all then writes the
+  // waves. The defaults cut the silence at both ends and bring the peak to
+  // full scale.
+  const std::string a = (test::CorpusDir() / "midi/mma-drum-format0-ppqn384.mid").string();
+  const std::string b = (test::CorpusDir() / "midi/pianobooster-02-LavendersBlue.mid").string();
+  Result r = Kelvo("'" + a + "' '" + b + "' --set mid2wav.wszGMBank=" + bank + " --command 167 --save-all out.wav");
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("Done: Saved 2 files."), std::string::npos) << r.out;
+  for (const char* name : {"mma-drum-format0-ppqn384.wav", "pianobooster-02-LavendersBlue.wav"}) {
+    SCOPED_TRACE(name);
+    std::string info;
+    ASSERT_EQ(test::RunCommand("sndfile-info '" + (dir / name).string() + "'", &info), 0) << info;
+    EXPECT_NE(info.find("Sample Rate : 48000"), std::string::npos) << info;
+    const std::string wav = test::ReadFile(dir / name);
+    const std::size_t at = wav.find("data");
+    ASSERT_NE(at, std::string::npos);
+    const std::size_t end = std::min(wav.size(), at + 8 + u32(wav, at + 4));
+    auto sample = [&](std::size_t i) {
+      return std::abs(static_cast<int16_t>(static_cast<uint8_t>(wav[i]) | static_cast<uint8_t>(wav[i + 1]) << 8));
+    };
+    int peak = 0, tail = 0, head = 0;
+    for (std::size_t i = at + 8; i + 1 < end; i += 2) peak = std::max(peak, sample(i));
+    // The last and first 5 ms (480 samples of both channels) hold sound.
+    for (std::size_t i = end - 960; i + 1 < end; i += 2) tail = std::max(tail, sample(i));
+    for (std::size_t i = at + 8; i < at + 8 + 960; i += 2) head = std::max(head, sample(i));
+    EXPECT_GE(20 * std::log10(peak / 32767.0), -0.01);
+    EXPECT_GE(tail, 1);
+    EXPECT_GE(head, 1);
+  }
 }
 
 }  // namespace
