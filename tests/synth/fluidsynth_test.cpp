@@ -49,18 +49,18 @@ std::vector<double> OurNote(SynthEngine& engine, int program, int key, int veloc
   return out;
 }
 
-struct NoteSpec {
+struct NotePlan {
   int program = 0, key = 60, velocity = 100, bend = 0x2000, channel = 0, modWheel = 0;
 };
 
 // FluidSynth's rendering of each note, interleaved, all rendered in one run: every
 // note is held 1 s and gets `tail` seconds to die away before the next.
-std::vector<std::vector<double>> TheirNotes(const fs::path& dir, const fs::path& bank, const std::vector<NoteSpec>& notes,
+std::vector<std::vector<double>> TheirNotes(const fs::path& dir, const fs::path& bank, const std::vector<NotePlan>& notes,
                                             double tail = 1.0) {
   test::SmfTrack t;
   const auto tailTicks = static_cast<uint32_t>(tail * 960);
   uint32_t pending = 0;
-  for (const NoteSpec& n : notes) {
+  for (const NotePlan& n : notes) {
     t.Event(pending, {0xB0 | n.channel, 121, 0});
     t.Event(0, {0xC0 | n.channel, n.program});
     t.Event(0, {0xE0 | n.channel, n.bend & 0x7F, n.bend >> 7});
@@ -92,7 +92,7 @@ std::vector<std::vector<double>> TheirNotes(const fs::path& dir, const fs::path&
 }
 
 std::vector<double> TheirNote(const fs::path& dir, int program, int key, int velocity = 100, int bend = 0x2000) {
-  return TheirNotes(dir, kTimGM, {NoteSpec{program, key, velocity, bend}}).front();
+  return TheirNotes(dir, kTimGM, {NotePlan{program, key, velocity, bend}}).front();
 }
 
 // The period in samples of the sum of the channels in [from, from + n): the strongest
@@ -257,25 +257,25 @@ SweepResult Sweep(const fs::path& bankPath, const std::vector<int>& programs) {
   if (!LoadGeneralMidi(engine, bankPath)) return result;
   test::TempDir dir;
   constexpr double kTail = 2.0;
-  std::vector<NoteSpec> specs;
+  std::vector<NotePlan> planned;
   std::vector<std::string> names;
   for (int program : programs)
     for (int key : {48, 72}) {
-      specs.push_back({program, key});
+      planned.push_back({program, key});
       names.push_back("program " + std::to_string(program) + " key " + std::to_string(key));
     }
   for (int key = 35; key <= 81; ++key) {
-    specs.push_back({0, key, 100, 0x2000, 9});
+    planned.push_back({0, key, 100, 0x2000, 9});
     names.push_back("drum " + std::to_string(key));
   }
   std::vector<double> melodic, drums;
   // Batches keep FluidSynth's output file small.
-  for (std::size_t from = 0; from < specs.size(); from += 48) {
-    const std::vector<NoteSpec> batch(specs.begin() + static_cast<std::ptrdiff_t>(from),
-                                      specs.begin() + static_cast<std::ptrdiff_t>(std::min(specs.size(), from + 48)));
+  for (std::size_t from = 0; from < planned.size(); from += 48) {
+    const std::vector<NotePlan> batch(planned.begin() + static_cast<std::ptrdiff_t>(from),
+                                      planned.begin() + static_cast<std::ptrdiff_t>(std::min(planned.size(), from + 48)));
     const auto theirs = TheirNotes(dir.path(), bankPath, batch, kTail);
     for (std::size_t i = 0; i < batch.size(); ++i) {
-      const NoteSpec& n = batch[i];
+      const NotePlan& n = batch[i];
       const auto ours = OurNote(engine, n.program, n.key, n.velocity, n.bend, n.channel, kTail);
       const NoteFigures f = CompareNote(ours, theirs[i], n.key, n.channel != 9);
       const std::string name = bankPath.stem().string() + " " + names[from + i];
@@ -418,9 +418,9 @@ TEST(SynthFluidSynth, ModWheelVibratoHasFluidSynthsRateAndDepth) {
     SCOPED_TRACE("program " + std::to_string(program));
     const double reference = kRate / (440.0 * std::exp2((60 - 69) / 12.0));
     const auto ours = OurNote(engine, program, 60, 100, 0x2000, 0, 1.0, 127);
-    NoteSpec spec{program, 60};
-    spec.modWheel = 127;
-    const auto theirs = TheirNotes(dir.path(), kTimGM, {spec}).front();
+    NotePlan wheel{program, 60};
+    wheel.modWheel = 127;
+    const auto theirs = TheirNotes(dir.path(), kTimGM, {wheel}).front();
     double rate1, depth1, rate2, depth2;
     Vibrato(PitchTrack(ours, reference), rate1, depth1);
     Vibrato(PitchTrack(theirs, reference), rate2, depth2);
