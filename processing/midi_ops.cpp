@@ -228,25 +228,36 @@ namespace {
 // Melodic variation tones of the GS map as the Roland SC-55 owner's manual
 // lists them ("GS sound set": capital tones are bank 0, variations by their
 // CC 0 number), programs counted from 0. Bank 0 has every program.
+constexpr uint8_t kGsBank1[] = {38, 57, 60, 80, 81, 98, 102, 104, 120, 121, 122, 123, 124, 125, 126, 127};
+constexpr uint8_t kGsBank2[] = {102, 120, 122, 123, 124, 125, 126, 127};
+constexpr uint8_t kGsBank3[] = {122, 123, 124, 125, 126, 127};
+constexpr uint8_t kGsBank4[] = {122, 124, 125, 126};
+constexpr uint8_t kGsBank5[] = {122, 124, 125, 126};
+constexpr uint8_t kGsBank6[] = {125};
+constexpr uint8_t kGsBank7[] = {125};
+constexpr uint8_t kGsBank8[] = {0,  1,  2,  3,  4,  5,  6,  11, 12, 14,  16,  17,  19,  21,  24,  25, 26, 27, 28,
+                                30, 31, 38, 39, 40, 48, 50, 61, 62, 63, 80, 81, 107, 115, 116, 117, 118, 125};
+constexpr uint8_t kGsBank9[] = {14, 118, 125};
+constexpr uint8_t kGsBank16[] = {0, 4, 5, 6, 16, 19, 24, 25, 28, 39, 62, 63};
+constexpr uint8_t kGsBank24[] = {4, 6};
+constexpr uint8_t kGsBank32[] = {16, 17, 24, 52};
 struct VariationRow {
   uint8_t bank;
-  uint8_t count;
-  uint8_t programs[40];
+  std::span<const uint8_t> programs;
 };
 constexpr VariationRow kGsVariations[] = {
-    {1, 16, {38, 57, 60, 80, 81, 98, 102, 104, 120, 121, 122, 123, 124, 125, 126, 127}},
-    {2, 7, {102, 120, 122, 123, 124, 125, 126, 127}},
-    {3, 6, {122, 123, 124, 125, 126, 127}},
-    {4, 4, {122, 124, 125, 126}},
-    {5, 4, {122, 124, 125, 126}},
-    {6, 1, {125}},
-    {7, 1, {125}},
-    {8, 37, {0,  1,  2,  3,  4,  5,  6,  11, 12, 14, 16, 17, 19, 21, 24, 25, 26, 27, 28,
-             30, 31, 38, 39, 40, 48, 50, 61, 62, 63, 80, 81, 107, 115, 116, 117, 118, 125}},
-    {9, 2, {14, 125}},
-    {16, 10, {0, 4, 5, 6, 16, 19, 25, 39, 62, 63}},
-    {24, 2, {4, 6}},
-    {32, 4, {16, 17, 24, 52}},
+    {1, kGsBank1},
+    {2, kGsBank2},
+    {3, kGsBank3},
+    {4, kGsBank4},
+    {5, kGsBank5},
+    {6, kGsBank6},
+    {7, kGsBank7},
+    {8, kGsBank8},
+    {9, kGsBank9},
+    {16, kGsBank16},
+    {24, kGsBank24},
+    {32, kGsBank32},
 };
 constexpr uint8_t kDrumKits[] = {0, 8, 16, 24, 25, 32, 40, 48, 56};
 
@@ -259,7 +270,7 @@ bool InStandardSet(uint32_t location) {
     return msb == 0 && std::find(std::begin(kDrumKits), std::end(kDrumKits), program) != std::end(kDrumKits);
   if (msb == 0) return true;
   for (const VariationRow& row : kGsVariations)
-    if (row.bank == msb) return std::find(row.programs, row.programs + row.count, program) != row.programs + row.count;
+    if (row.bank == msb) return std::find(row.programs.begin(), row.programs.end(), program) != row.programs.end();
   return false;
 }
 

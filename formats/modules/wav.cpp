@@ -282,7 +282,10 @@ bool ParseFmt(WavState& st, uint64_t body, uint64_t bodyEnd) {
   } else if (wavcoded::IsCodedTag(tag)) {
     // MS ADPCM, IMA, CCITT, Dialogic, Yamaha, Rockwell: their fields are
     // checked here, so that a wave that loads also decodes.
-    if (!wavcoded::ParseCodedFmt(cur, tag, channels, blockAlign, bodyEnd - body, st.coded)) return false;
+    std::vector<uint8_t> fields;
+    if (!wavcoded::CodedFields(cur, body, bodyEnd - body, fields)) return Fail(kImp, kBadFmt);
+    if (!wavcoded::ParseCodedFmt(fields, tag, channels, blockAlign, st.coded)) return false;
+    st.count = 0;  // an extensible container width says nothing about coded frames
     setBits(st.coded.bits);
     w.preferredFormat = 7;
   } else if (tag == 3) {

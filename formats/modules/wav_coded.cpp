@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <span>
+#include <vector>
 
 #include "codecs/codepack.h"
 #include "codecs/g72x.h"
@@ -52,67 +54,81 @@ bool IsCodedTag(uint32_t tag) {
   return tag == 2 || tag == 17 || IsCcittTag(tag) || tag == 23 || tag == 32 || tag == 59 || tag == 768;
 }
 
-bool ParseCodedFmt(ByteCursor& cur, uint32_t tag, uint32_t channels, uint32_t blockAlign, uint64_t fmtSize,
+bool CodedFields(ByteCursor& cur, uint64_t body, uint64_t fmtSize, std::vector<uint8_t>& fields) {
+  // Enough for a full MS ADPCM table; longer fmts carry nothing a decoder reads.
+  constexpr uint64_t kMostRead = 40 + 8 + 256 * 4;
+  std::vector<uint8_t> raw(static_cast<std::size_t>(std::min(fmtSize, kMostRead)));
+  if (raw.size() < 14 || !cur.Seek(body) || !cur.Bytes(raw.data(), raw.size())) return false;
+  fields.clear();
+  if (GetU16le(raw.data()) != 0xFFFE) {
+    fields.assign(raw.begin() + 14, raw.end());
+    return true;
+  }
+  // Extensible: the container bits stand where the plain form has them, and
+  // the coding's own fields follow the SubFormat GUID.
+  if (raw.size() < 40) return false;
+  const std::size_t extra = raw.size() - 40;
+  fields = {raw[14], raw[15], static_cast<uint8_t>(extra), static_cast<uint8_t>(extra >> 8)};
+  fields.insert(fields.end(), raw.begin() + 40, raw.end());
+  // Some writers put the samples per block in the union instead.
+  if (extra == 0) fields.insert(fields.end(), raw.begin() + 18, raw.begin() + 20);
+  return true;
+}
+
+bool ParseCodedFmt(std::span<const uint8_t> fields, uint32_t tag, uint32_t channels, uint32_t blockAlign,
                    CodedFormat& f) {
   f = CodedFormat{};
   f.tag = IsCcittTag(tag) ? 69 : tag;
   f.channels = channels;
   f.blockAlign = blockAlign;
   if (channels == 0) return Fail(kImp, "No channels in the 'fmt ' chunk");
+  auto u16 = [&](std::size_t at) { return at + 2 <= fields.size() ? GetU16le(fields.data() + at) : -1; };
   if (tag == 2) {
     // bits, cbSize, samples per block, coefficient count, then the pairs.
-    uint8_t x[36];
-    if (!cur.Bytes(x, sizeof x) || GetU16le(x) != 4) return Fail(kImp, "%s", kBadMs);
+    if (u16(0) != 4 || fields.size() < 36) return Fail(kImp, "%s", kBadMs);
     f.bits = 4;
-    f.samplesPerBlock = GetU16le(x + 4);
-    const uint64_t present = fmtSize >= 22 ? (fmtSize - 22) / 4 : 0;
-    f.coefficientCount = static_cast<uint32_t>(std::min<uint64_t>({GetU16le(x + 6), present, 256}));
+    f.samplesPerBlock = static_cast<uint32_t>(u16(4));
+    const std::size_t present = (fields.size() - 8) / 4;
+    f.coefficientCount = static_cast<uint32_t>(std::min<std::size_t>({static_cast<std::size_t>(u16(6)), present, 256}));
     if (f.coefficientCount == 0 || blockAlign < 7 * channels || f.samplesPerBlock == 0 ||
         f.samplesPerBlock > kvMsAdpcmBlockFrames(blockAlign, static_cast<int>(channels)))
       return Fail(kImp, "%s", kBadMs);
     for (uint32_t i = 0; i < f.coefficientCount; ++i) {
-      uint8_t c[4];
-      if (i < 7) std::memcpy(c, x + 8 + 4 * i, 4);
-      else if (!cur.Bytes(c, 4)) return Fail(kImp, "%s", kBadMs);
+      const uint8_t* c = fields.data() + 8 + 4 * i;
       f.coefficients[i] = {static_cast<int16_t>(GetU16le(c)), static_cast<int16_t>(GetU16le(c + 2))};
     }
     return true;
   }
   if (tag == 17) {
-    uint8_t x[6];
-    if (!cur.Bytes(x, sizeof x) || GetU16le(x) < 2 || GetU16le(x) > 4) return Fail(kImp, "%s", kBadIma);
-    f.bits = GetU16le(x);
-    f.samplesPerBlock = GetU16le(x + 4);
+    if (u16(0) < 2 || u16(0) > 4 || u16(4) < 0) return Fail(kImp, "%s", kBadIma);
+    f.bits = static_cast<uint32_t>(u16(0));
+    f.samplesPerBlock = static_cast<uint32_t>(u16(4));
     if (blockAlign < 4 * channels || f.samplesPerBlock == 0 ||
         f.samplesPerBlock > kvImaBlockFrames(blockAlign, static_cast<int>(channels), static_cast<int>(f.bits)))
       return Fail(kImp, "%s", kBadIma);
     return true;
   }
   if (IsCcittTag(tag)) {
-    uint8_t x[6];
-    if (!cur.Bytes(x, sizeof x) || GetU16le(x) < 2 || GetU16le(x) > 5) return Fail(kImp, "%s", kBadCcitt);
-    f.bits = GetU16le(x);
+    if (u16(0) < 2 || u16(0) > 5) return Fail(kImp, "%s", kBadCcitt);
+    f.bits = static_cast<uint32_t>(u16(0));
     return true;
   }
   if (tag == 23) {
-    uint16_t bits = 0;
     if (channels != 1) return Fail(kImp, "Can only handle mono Dialogic ADPCM format");
-    if (!cur.U16le(bits) || bits != 4) return Fail(kImp, "Unsupported or invalid Dialogic ADPCM file");
+    if (u16(0) != 4) return Fail(kImp, "Unsupported or invalid Dialogic ADPCM file");
     f.bits = 4;
     return true;
   }
   if (tag == 32) {
-    uint32_t v = 0;
     if (channels > 2) return Fail(kImp, "> 2ch Yamaha ADPCM not supported");
-    if (!cur.U32le(v) || (v & 0xFF) != 4) return Fail(kImp, "Unsupported bits/sample for Yamaha ADPCM format");
+    if (fields.empty() || fields[0] != 4) return Fail(kImp, "Unsupported bits/sample for Yamaha ADPCM format");
     f.bits = 4;
     return true;
   }
   if (tag == 59 || tag == 768) {
-    uint16_t bits = 0;
-    if (!cur.U16le(bits) || bits < 2 || bits > 4) return Fail(kImp, "Unsupported or invalid Rockwell ADPCM file");
+    if (u16(0) < 2 || u16(0) > 4) return Fail(kImp, "Unsupported or invalid Rockwell ADPCM file");
     if (channels != 1) return Fail(kImp, "Can only handle mono Rockwell ADPCM format");
-    f.bits = bits;
+    f.bits = static_cast<uint32_t>(u16(0));
     return true;
   }
   return Fail(kImp, "Unsupported compression type");
@@ -121,9 +137,17 @@ bool ParseCodedFmt(ByteCursor& cur, uint32_t tag, uint32_t channels, uint32_t bl
 bool ReadCodedFmt(ByteCursor& cur, uint64_t fmtOffset, CodedFormat& f) {
   uint8_t head[14];
   uint32_t size = 0;
-  if (fmtOffset < 4 || !cur.Seek(fmtOffset - 4) || !cur.U32le(size) || !cur.Bytes(head, sizeof head))
+  std::vector<uint8_t> fields;
+  if (fmtOffset < 4 || !cur.Seek(fmtOffset - 4) || !cur.U32le(size) || !cur.Bytes(head, sizeof head) ||
+      !CodedFields(cur, fmtOffset, size, fields))
     return Fail(kImpWave, "Reading from file failed");
-  if (!ParseCodedFmt(cur, GetU16le(head), GetU16le(head + 2), GetU16le(head + 12), size, f)) {
+  uint32_t tag = GetU16le(head);
+  if (tag == 0xFFFE) {
+    uint8_t sub[4];
+    if (!cur.Seek(fmtOffset + 24) || !cur.Bytes(sub, sizeof sub)) return Fail(kImpWave, "Reading from file failed");
+    tag = GetU32le(sub);
+  }
+  if (!ParseCodedFmt(fields, tag, GetU16le(head + 2), GetU16le(head + 12), f)) {
     std::snprintf(ErrorContext, sizeof ErrorContext, "%s", kImpWave);
     return false;
   }

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <span>
+#include <vector>
 #include <string>
 
 #include "codecs/adpcm.h"
@@ -34,12 +35,15 @@ struct CodedFormat {
   MsAdpcmCoefficients coefficients[256] = {};
 };
 
-// The fields behind the 14-byte head of an `fmt ` of `fmtSize` bytes, the
-// cursor standing right behind that head. False with context "wav_Imp" and
+// The coding's fields of the `fmt ` whose payload starts at `body`: bits,
+// cbSize and what follows, as the plain form lays them out (an extensible
+// fmt's are gathered from around its GUID). False when they can't be read.
+bool CodedFields(ByteCursor& cur, uint64_t body, uint64_t fmtSize, std::vector<uint8_t>& fields);
+// Checks `fields` (from CodedFields) for `tag`. False with context "wav_Imp" and
 // the tag's own message: bits the coding doesn't have, channels it
 // can't hold, a block align of 0 or below the heads, samples per block of 0
 // or more than a block holds, no coefficient table.
-bool ParseCodedFmt(ByteCursor& cur, uint32_t tag, uint32_t channels, uint32_t blockAlign, uint64_t fmtSize,
+bool ParseCodedFmt(std::span<const uint8_t> fields, uint32_t tag, uint32_t channels, uint32_t blockAlign,
                    CodedFormat& f);
 // Re-reads the fmt whose payload starts at `fmtOffset` (its size stands in
 // the 4 bytes before it). Context "wav_ImpWave".

@@ -116,6 +116,38 @@ TEST(AdpcmWavPeers, ImaAndMsFilesOfLibsndfileAndSoxDecodeAsBothDecodeThem) {
   }
 }
 
+// Above 48 kHz FFmpeg wraps IMA and MS ADPCM in an extensible fmt, whose
+// coding fields follow the GUID; neither sox nor libsndfile opens that. The
+// same bytes re-wrapped in the plain fmt are what libsndfile decodes.
+TEST(AdpcmWavPeers, ExtensibleFmtOfFfmpegDecodesAsItsPlainTwin) {
+  test::TempDir dir;
+  if (!Recording(dir / "in.wav", 96000, 2)) return;
+  for (const char* codec : {"adpcm_ima_wav", "adpcm_ms"}) {
+    SCOPED_TRACE(codec);
+    const fs::path ext = dir / (std::string(codec) + "-ext.wav"), plain = dir / (std::string(codec) + ".wav");
+    ASSERT_TRUE(test::RunPeer("ffmpeg", "-nostdin -v error -y -i '" + (dir / "in.wav").string() + "' -c:a " + codec +
+                                            " '" + ext.string() + "'"));
+    const std::string bytes = test::ReadFile(ext);
+    ASSERT_EQ(bytes.compare(12, 4, "fmt "), 0);
+    const uint32_t size = GetU32leOf(bytes, 16);
+    const std::string body = bytes.substr(20, size);
+    ASSERT_EQ(GetU32leOf(body, 0) & 0xFFFF, 0xFFFEu);
+    const std::string plainFmt = Chunk("fmt ", body.substr(24, 2) + body.substr(2, 12) + body.substr(14, 2) +
+                                                   Le16(size - 40) + body.substr(40));
+    test::WriteFile(plain, Riff(plainFmt + bytes.substr(20 + size + (size & 1))));
+    Loaded a = LoadWith(ext, wav_Imp), b = LoadWith(plain, wav_Imp);
+    ASSERT_NE(a.wave, nullptr) << ErrorMessage;
+    ASSERT_NE(b.wave, nullptr) << ErrorMessage;
+    EXPECT_EQ(a.wave->length, b.wave->length);
+    EXPECT_GT(a.wave->length, 90000u);
+    const std::vector<int16_t> ours = Ours(*a.wave);
+    EXPECT_EQ(ours, Ours(*b.wave));
+    std::vector<int16_t> lib;
+    ASSERT_TRUE(test::SoundfileSamples16(plain, lib));
+    EXPECT_SAMPLES_EQ(ours, lib, 8000);
+  }
+}
+
 TEST(AdpcmWavPeers, YamahaFilesOfFfmpegDecodeAsFfmpegDecodesThem) {
   test::TempDir dir;
   for (int channels : {1, 2}) {

@@ -189,6 +189,11 @@ TEST_F(SongOps, FixAddsBankLsbAndProgramAndZeroesUnknownBanks) {
   EXPECT_EQ(TrackAt(*again, 0)->Events()[10], 99);
   EXPECT_TRUE(InStandardSet(MakeLocation(2, 0, 102, false)));
   EXPECT_FALSE(InStandardSet(MakeLocation(2, 0, 101, false)));
+  // Lasergun ends bank 2; Funk Gt.2 and Elec Perc. are variations too.
+  EXPECT_TRUE(InStandardSet(MakeLocation(2, 0, 127, false)));
+  EXPECT_TRUE(InStandardSet(MakeLocation(16, 0, 28, false)));
+  EXPECT_TRUE(InStandardSet(MakeLocation(9, 0, 118, false)));
+  EXPECT_FALSE(InStandardSet(MakeLocation(9, 0, 117, false)));
   EXPECT_TRUE(InStandardSet(MakeLocation(0, 0, 25, true)));
   EXPECT_FALSE(InStandardSet(MakeLocation(0, 1, 0, false)));
 }
