@@ -62,26 +62,14 @@ struct Block {
 // The block at `pos`; false when the data ends or a mode ends the wave.
 bool NextBlock(std::span<const uint8_t> data, uint64_t pos, int channels, bool bits24, Block& b) {
   if (pos + static_cast<uint64_t>(channels) > data.size()) return false;
-  uint64_t full = 0, headers = 0, bits = 0;
-  const int frames = BlockFrames(bits24);
   for (int c = 0; c < channels; ++c) {
     b.mode[c] = data[pos + c];
     if (!Shape(b.mode[c], bits24, b.shape[c])) return false;
-    full += static_cast<uint64_t>(frames) * b.shape[c].bits / 8 + b.shape[c].header;
-    headers += b.shape[c].header;
-    bits += b.shape[c].bits;
   }
   b.start = pos + channels;
-  const uint64_t remaining = data.size() - b.start;
-  if (remaining <= full) {
-    b.last = true;
-    b.frames = remaining > headers ? std::min<uint64_t>((remaining - headers) * 8 / bits, frames) : 0;
-    b.next = data.size();
-  } else {
-    b.last = false;
-    b.frames = frames;
-    b.next = b.start + full;
-  }
+  uint64_t body = 0;
+  kvGigPackBlockSize(data.data() + pos, channels, bits24, data.size() - b.start, b.frames, body, b.last);
+  b.next = b.start + body;
   return true;
 }
 
@@ -265,6 +253,30 @@ int32_t Deltas24(const int32_t* in, int n, const Header24& hd, int32_t* d) {
 }
 
 }  // namespace
+
+bool kvGigPackBlockSize(const uint8_t* modes, int channels, bool bits24, uint64_t remaining, uint64_t& frames,
+                        uint64_t& body, bool& last) {
+  uint64_t full = 0, headers = 0, bits = 0;
+  const int blockFrames = BlockFrames(bits24);
+  for (int c = 0; c < channels; ++c) {
+    ModeShape s;
+    if (!Shape(modes[c], bits24, s)) return false;
+    full += static_cast<uint64_t>(blockFrames) * s.bits / 8 + s.header;
+    headers += s.header;
+    bits += s.bits;
+  }
+  // The last block is the one the data doesn't pass; its frames are what
+  // its bytes hold.
+  last = remaining <= full;
+  if (last) {
+    frames = remaining > headers ? std::min<uint64_t>((remaining - headers) * 8 / bits, blockFrames) : 0;
+    body = remaining;
+  } else {
+    frames = blockFrames;
+    body = full;
+  }
+  return true;
+}
 
 uint64_t kvGigPackFrames(std::span<const uint8_t> data, int channels, bool bits24) {
   channels = std::clamp(channels, 1, 2);

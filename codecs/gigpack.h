@@ -25,6 +25,13 @@ inline constexpr int kGigPackBlock24 = 256;
 // Frames the data holds, by the block walk. `channels` 1 or 2.
 uint64_t kvGigPackFrames(std::span<const uint8_t> data, int channels, bool bits24);
 
+// One block's size from its mode bytes and the bytes that follow them: its
+// frames and its body's bytes, and whether it is the last. False for a mode
+// that ends the wave. Lets a reader walk the blocks of a file without
+// holding the data.
+bool kvGigPackBlockSize(const uint8_t* modes, int channels, bool bits24, uint64_t remaining, uint64_t& frames,
+                        uint64_t& body, bool& last);
+
 // Decodes into interleaved frames: 16-bit waves into int16, 24-bit waves as
 // 24-bit values in int32. Fills all of `out` (zeros past the data).
 void kvGigPackDecode16(std::span<const uint8_t> data, int channels, std::span<int16_t> out);

@@ -19,8 +19,10 @@
 #include "core/instrument_ops.h"
 #include "core/items.h"
 #include "core/text.h"
+#include "core/wavestore.h"
 #include "formats/detect_bytes.h"
 #include "formats/modules/dls_format.h"
+#include "formats/modules/gig_format.h"
 #include "formats/modules/sf2_format.h"
 #include "formats/modules/wav.h"
 
@@ -248,13 +250,50 @@ struct PoolWave {
   Waveform* wave;   // null when the entry could not be read
 };
 
+// A GigaStudio pool wave with the extension chunk holds block-coded data.
+void ReadGigWave(FileRef& file, uint64_t start, uint64_t end, Waveform& wave) {
+  uint64_t dataAt = 0, dataEnd = 0;
+  bool coded = false;
+  for (uint64_t pos = start; pos + 8 <= end;) {
+    uint8_t h[8];
+    if (!ReadAt(file, pos, h, sizeof h)) break;
+    const uint64_t size = std::min<uint64_t>(Le32(h + 4), end - pos - 8);
+    if (IdIs(h, "data")) {
+      dataAt = pos + 8;
+      dataEnd = pos + 8 + size;
+    } else if (IdIs(h, "ewav")) {
+      coded = true;
+    }
+    pos += 8 + size + (size & 1);
+  }
+  if (coded && dataEnd) gig::SetupCompressedWave(file, dataAt, dataEnd, wave);
+}
+
 class DlsReader {
  public:
   DlsReader(Collection& c, FileRef& file) : c_(c), file_(file) {}
 
   bool Read(uint64_t start, uint64_t end, bool mls);
+  // GigaStudio: the same walk with the dimension regions, coded waves and
+  // context "gig_Parse".
+  void SetGig() {
+    gig_ = true;
+    ctx_ = "gig_Parse";
+  }
 
  private:
+  struct DimensionRegion {
+    std::span<const uint8_t> wsmp, ewa;
+  };
+  struct GigRegion {
+    int loKey, hiKey, loVel, hiVel, keyGroup;
+    bool noteExclusion;
+    std::span<const uint8_t> lnk, wsmp;
+    std::vector<DimensionRegion> dims;
+  };
+  void ReadDimensions(Instrument& instrument, std::map<int, LayerStack>& layers, const GigRegion& r);
+  void ApplySample(Region& region, const Instrument& instrument, const Waveform& wave, std::span<const uint8_t> wsmp);
+
   bool ReadPool(uint64_t body, uint64_t end);
   bool ReadCueTable(uint64_t body, uint64_t size);
   void ReadInstruments(std::span<const uint8_t> lins);
@@ -266,6 +305,11 @@ class DlsReader {
   std::vector<PoolWave> pool_;
   bool havePtbl_ = false;
   std::vector<uint32_t> cues_;
+  bool gig_ = false;
+  bool version3_ = false;
+  const char* ctx_ = kParse;
+  int regionIndex_ = 0;
+  std::string dropped_;  // dimensions kept at their first zone, for the note
 };
 
 bool DlsReader::Read(uint64_t start, uint64_t end, bool mls) {
@@ -274,7 +318,7 @@ bool DlsReader::Read(uint64_t start, uint64_t end, bool mls) {
   uint8_t head[12];
   if (start > end || end - start < 12 || !ReadAt(file_, start, head, sizeof head) || !IdIs(head, "RIFF") ||
       !(IdIs(head + 8, "DLS ") || (mls && IdIs(head + 8, "MLS ")))) {
-    return Fail(kParse, "Not a RIFF DLS file");
+    return Fail(ctx_, "Not a RIFF DLS file");
   }
   end = std::min<uint64_t>(end, start + 8 + uint64_t{Le32(head + 4)});
 
@@ -301,6 +345,8 @@ bool DlsReader::Read(uint64_t start, uint64_t end, bool mls) {
         std::vector<uint8_t> list(static_cast<std::size_t>(size));
         if (ReadAt(file_, body, list.data(), list.size())) info = ReadInfo(list);
       }
+    } else if (IdIs(h, "vers") && size >= 4 && ReadAt(file_, body, h + 8, 4)) {
+      version3_ = Le16(h + 10) > 2;
     } else if (IdIs(h, "ptbl") && !havePtbl_) {
       havePtbl_ = true;
       ptblAt = body;
@@ -314,10 +360,11 @@ bool DlsReader::Read(uint64_t start, uint64_t end, bool mls) {
   if (!info.engineer.empty()) CopyText(c_.engineer, info.engineer);
   if (!info.comment.empty()) CopyText(c_.comment, info.comment);
 
+  if (gig_ && !haveWvpl) return Fail(ctx_, "No waveforms!");
   if (havePtbl_) {
-    if (!ReadCueTable(ptblAt, ptblSize)) return Fail(kParse, "Could not read pool cue table");
+    if (!ReadCueTable(ptblAt, ptblSize)) return Fail(ctx_, "Could not read pool cue table");
   } else {
-    MessageBox(kDlsNoPtblWarning, kParse);
+    MessageBox(kDlsNoPtblWarning, ctx_);
   }
   if (haveWvpl && !ReadPool(wvplAt, wvplEnd)) return false;
 
@@ -325,9 +372,10 @@ bool DlsReader::Read(uint64_t start, uint64_t end, bool mls) {
     // The instrument list is small beside the pool: read whole, its size
     // bounded by the file's.
     std::vector<uint8_t> lins(static_cast<std::size_t>(linsSize));
-    if (!ReadAt(file_, linsAt, lins.data(), lins.size())) return Fail(kParse, "Reading from file failed");
+    if (!ReadAt(file_, linsAt, lins.data(), lins.size())) return Fail(ctx_, "Reading from file failed");
     ReadInstruments(lins);
   }
+  if (!dropped_.empty()) MessageBox(("Note: " + dropped_).c_str(), ctx_);
   return true;
 }
 
@@ -358,6 +406,7 @@ bool DlsReader::ReadPool(uint64_t body, uint64_t end) {
       wave->SetName(name);
       wave->bits = 16;
       if (size >= 4 && wav_ReadWaveBody(file_, pos + 12, pos + 8 + size, *wave)) {
+        if (gig_) ReadGigWave(file_, pos + 12, pos + 8 + size, *wave);
         pool_.push_back({pos - body, wave});
       } else {
         // A pool entry without samples: the regions that play it say so.
@@ -413,6 +462,8 @@ void DlsReader::ReadInstrument(std::span<const uint8_t> ins) {
     bool level1Blocks = false;
     bool hasArticulation = false;
     bool level2 = false;  // rgn2
+    std::span<const uint8_t> lnk;                 // GigaStudio dimension table
+    std::vector<DimensionRegion> dims;            // its 3ewl lists in order
   };
   std::span<const uint8_t> insh;
   InfoTexts info;
@@ -438,7 +489,18 @@ void DlsReader::ReadInstrument(std::span<const uint8_t> ins) {
           if (IdIs(cid, "rgnh")) r.rgnh = cbody;
           else if (IdIs(cid, "wsmp")) r.wsmp = cbody;
           else if (IdIs(cid, "wlnk")) r.wlnk = cbody;
-          else if (ListOf(cid, cbody, "lart") || ListOf(cid, cbody, "lar2")) {
+          else if (IdIs(cid, "3lnk")) r.lnk = cbody;
+          else if (ListOf(cid, cbody, "3prg")) {
+            ForEachChunk(cbody.subspan(4), [&](const uint8_t* eid, std::span<const uint8_t> ebody) {
+              if (!ListOf(eid, ebody, "3ewl")) return;
+              DimensionRegion d;
+              ForEachChunk(ebody.subspan(4), [&](const uint8_t* did, std::span<const uint8_t> dbody) {
+                if (IdIs(did, "wsmp")) d.wsmp = dbody;
+                else if (IdIs(did, "3ewa")) d.ewa = dbody;
+              });
+              r.dims.push_back(d);
+            });
+          } else if (ListOf(cid, cbody, "lart") || ListOf(cid, cbody, "lar2")) {
             r.hasArticulation = true;
             ReadArticulators(cbody, r.blocks, r.level1Blocks);
           }
@@ -505,6 +567,11 @@ void DlsReader::ReadInstrument(std::span<const uint8_t> ins) {
     if (loVel > hiVel) std::swap(loVel, hiVel);
     // Level 1 leaves the velocity range unused, often as 0-0.
     if (hiVel == 0) hiVel = 127;
+    ++regionIndex_;
+    if (gig_ && !r.lnk.empty()) {
+      ReadDimensions(*instrument, layers, {loKey, hiKey, loVel, hiVel, keyGroup, (options & 1u) != 0, r.lnk, r.wsmp, r.dims});
+      continue;
+    }
 
     uint16_t linkOptions = 0, phaseGroup = 0;
     uint32_t channel = 1, cue = 0;
@@ -539,31 +606,7 @@ void DlsReader::ReadInstrument(std::span<const uint8_t> ins) {
         if (instrument->art.IsSet(row) && !region->art.IsSet(row)) region->art.Set(row, kDefaults.value[row]);
     }
 
-    // The region's wsmp wins over the wave's: a root key of its own, its
-    // tuning and gain against the wave's as articulation, its loop.
-    const SampleInfo s = ReadWsmp(r.wsmp);
-    if (s.present && wave) {
-      auto effective = [&](int row) {
-        return region->art.IsSet(row) ? region->art.value[row] : instrument->art.value[row];
-      };
-      if (s.root != wave->rootKey) region->SetParam(kRowRootKeyOverride, static_cast<float>(s.root));
-      if (s.fine != wave->fineTune) {
-        region->art.Set(kRowMasterTune, static_cast<float>(effective(kRowMasterTune) + (s.fine - wave->fineTune) * 0.01));
-      }
-      const double gain = s.gainDb - wave->volume;
-      if (std::fabs(gain) > 1e-6) region->art.Set(kRowMasterVolume, static_cast<float>(effective(kRowMasterVolume) + gain));
-      const int loopType = s.looped ? 1 : 0;
-      const float loopStart = static_cast<float>(s.loopStart);
-      const float loopEnd = static_cast<float>(static_cast<double>(s.loopStart) + s.loopLength);
-      if (loopType != wave->loopType) region->SetParam(kRowLoopType, static_cast<float>(loopType));
-      if (s.looped) {
-        if ((s.release ? 1 : 0) != wave->loopRelease) region->SetParam(kRowLoopRelease, s.release ? 1.0f : 0.0f);
-        if (loopStart != wave->loopStart || loopEnd != wave->loopEnd) {
-          region->SetParam(kRowLoopStart, loopStart);
-          region->SetParam(kRowLoopEnd, loopEnd);
-        }
-      }
-    }
+    if (wave) ApplySample(*region, *instrument, *wave, r.wsmp);
   }
 
   // The two sides of a stereo sound: a right-channel region keeps its link
@@ -579,8 +622,195 @@ void DlsReader::ReadInstrument(std::span<const uint8_t> ins) {
   }
 
   if (layers.empty()) AddLayer(*instrument);
-  instrument->unreadArticulation = unknown;
+  instrument->unreadArticulation += unknown;
   InstrumentDone(c_, *instrument);
+}
+
+// A GigaStudio region: its dimension regions, one Region each in the layer
+// of its velocity zone (and layer zone). Release-trigger zones become
+// release triggers, round robin and random zones alternate groups, the
+// sustain pedal the pedal switch; a sample-channel dimension is one stereo
+// wave or two linked sides. Other dimensions keep their first zone.
+void DlsReader::ReadDimensions(Instrument& instrument, std::map<int, LayerStack>& layers, const GigRegion& r) {
+  struct Dim {
+    uint8_t type, bits, zones, pos, slot;
+  };
+  const std::size_t slots = version3_ ? 8 : 5;
+  const std::size_t poolAt = version3_ ? 68 : 44;
+  std::vector<Dim> dims;
+  int pos = 0;
+  for (std::size_t i = 0; i < slots && 4 + 8 * i + 5 <= r.lnk.size(); ++i) {
+    const uint8_t* d = r.lnk.data() + 4 + 8 * i;
+    if (d[0] == gig::kDimNone || d[1] == 0) continue;
+    if (pos + d[1] > 8) {
+      dropped_ += dropped_.empty() ? "" : "; ";
+      dropped_ += "a region's dimensions need more than 8 bits: those past them are left out";
+      break;
+    }
+    const int most = 1 << d[1];
+    const int zones = d[4] == 0 ? most : std::min<int>(d[4], most);
+    dims.push_back({d[0], d[1], static_cast<uint8_t>(zones), static_cast<uint8_t>(pos), static_cast<uint8_t>(i)});
+    pos += d[1];
+  }
+  const std::size_t count =
+      std::min<std::size_t>({r.lnk.size() >= 4 ? Le32(r.lnk.data()) : 0, r.dims.size(), std::size_t{256}});
+  auto poolIndex = [&](std::size_t index) -> uint32_t {
+    const std::size_t at = poolAt + 4 * index;
+    return at + 4 <= r.lnk.size() ? Le32(r.lnk.data() + at) : 0xFFFFFFFFu;
+  };
+  auto waveOf = [&](std::size_t index, const char*& missing) -> Waveform* {
+    missing = nullptr;
+    const uint32_t cue = poolIndex(index);
+    if (cue == 0xFFFFFFFFu) {
+      missing = "Missing cue";
+      return nullptr;
+    }
+    return CueWave(cue, missing);
+  };
+
+  // Which zones of each dimension are read.
+  std::vector<int> kept(dims.size());
+  for (std::size_t k = 0; k < dims.size(); ++k) {
+    const Dim& d = dims[k];
+    switch (d.type) {
+      case gig::kDimVelocity:
+      case gig::kDimLayer:
+      case gig::kDimReleaseTrigger:
+      case gig::kDimRoundRobin:
+      case gig::kDimRandom:
+      case gig::kDimRoundRobinKeyboard:
+      case gig::kDimSustainPedal:
+      case gig::kDimSampleChannel:
+        kept[k] = std::min<int>(d.zones, 16);
+        break;
+      default: {
+        kept[k] = 1;
+        char buffer[32], text[160];
+        std::snprintf(text, sizeof text, "the %s dimension of \"%s\" keeps its first zone only",
+                      gig::DimensionName(d.type, buffer), std::string(instrument.Name()).c_str());
+        if (dropped_.find(text) == std::string::npos) {
+          dropped_ += dropped_.empty() ? "" : "; ";
+          dropped_ += text;
+        }
+        break;
+      }
+    }
+  }
+
+  // The velocity zones: the upper limits of the file (3ewa), else even
+  // splits.
+  auto velocityRange = [&](std::size_t k, int zone, std::size_t index, int& lo, int& hi) {
+    const Dim& d = dims[k];
+    auto upper = [&](int z) -> int {
+      const std::size_t other = (index & ~(static_cast<std::size_t>((1 << d.bits) - 1) << d.pos)) |
+                                (static_cast<std::size_t>(z) << d.pos);
+      if (other >= count) return -1;
+      Articulation scratch;
+      const gig::DimensionExtras x = gig::ReadArticulation(r.dims[other].ewa, scratch);
+      if (version3_ && x.haveUpperLimits) return x.upperLimits[d.slot];
+      return x.velocityLimit ? x.velocityLimit : -1;
+    };
+    const int top = upper(zone), below = zone > 0 ? upper(zone - 1) : -1;
+    if (top > 0 && (zone == 0 || below >= 0) && top > below) {
+      lo = zone == 0 ? 0 : below + 1;
+      hi = zone == d.zones - 1 ? 127 : top;
+    } else {
+      lo = zone * 128 / d.zones;
+      hi = zone == d.zones - 1 ? 127 : (zone + 1) * 128 / d.zones - 1;
+    }
+  };
+
+  std::vector<int> zone(dims.size(), 0);
+  for (;;) {
+    std::size_t index = 0;
+    for (std::size_t k = 0; k < dims.size(); ++k) index |= static_cast<std::size_t>(zone[k]) << dims[k].pos;
+    if (index < count) {
+      int loVel = r.loVel, hiVel = r.hiVel, layerNumber = 0, trigger = 0, pedal = 0;
+      float pan = 2.0f;  // none
+      bool skip = false;
+      const char* missing = nullptr;
+      Waveform* wave = waveOf(index, missing);
+      for (std::size_t k = 0; k < dims.size(); ++k) {
+        const int z = zone[k];
+        switch (dims[k].type) {
+          case gig::kDimVelocity:
+            velocityRange(k, z, index, loVel, hiVel);
+            layerNumber += z;
+            break;
+          case gig::kDimLayer: layerNumber += 128 * z; break;
+          case gig::kDimReleaseTrigger: trigger = z ? 1 : trigger; break;
+          case gig::kDimRoundRobin:
+          case gig::kDimRandom:
+          case gig::kDimRoundRobinKeyboard: trigger = 2 + z; break;
+          case gig::kDimSustainPedal: pedal = z ? 1 : 2; break;
+          case gig::kDimSampleChannel: {
+            // One stereo wave plays both sides from the first zone; two mono
+            // waves are the two sides of a pair.
+            const char* other = nullptr;
+            const std::size_t otherIndex = index ^ (static_cast<std::size_t>(1) << dims[k].pos);
+            Waveform* otherWave = otherIndex < count ? waveOf(otherIndex, other) : nullptr;
+            const bool pair = otherWave && wave && otherWave != wave && wave->channels == 1;
+            if (z > 1 || (z == 1 && !pair)) skip = true;
+            if (pair) pan = z ? 1.0f : -1.0f;
+            break;
+          }
+          default: break;
+        }
+      }
+      if (!skip) {
+        Layer& layer = layers.try_emplace(layerNumber, instrument, layerNumber).first->second.For(r.loKey, r.hiKey, loVel, hiVel);
+        Region* region = AddRegion(layer, wave ? wave->id : kNoItem,
+                                   MakeRange(static_cast<uint8_t>(r.loKey), static_cast<uint8_t>(r.hiKey)),
+                                   MakeRange(static_cast<uint8_t>(loVel), static_cast<uint8_t>(hiVel)), 255);
+        if (missing) region->SetName(missing);
+        if (r.keyGroup) region->SetParam(kRowExclusionGroup, static_cast<float>(r.keyGroup));
+        if (r.noteExclusion) region->SetParam(kRowNoteExclusion, 1);
+        if (trigger) region->SetParam(kRowTriggerType, static_cast<float>(std::min(trigger, 17)));
+        if (pedal) region->SetParam(kRowSustainSwitch, static_cast<float>(pedal));
+        const DimensionRegion& dr = r.dims[index];
+        const gig::DimensionExtras x = gig::ReadArticulation(dr.ewa, region->art);
+        if (pan <= 1.0f) region->art.Set(kRowPan, pan);
+        if (x.startOffset) region->SetParam(kRowStartOffset, static_cast<float>(x.startOffset));
+        instrument.unreadArticulation += static_cast<uint32_t>(x.unread);
+        if (wave) ApplySample(*region, instrument, *wave, dr.wsmp.empty() ? r.wsmp : dr.wsmp);
+      }
+    }
+    // The next combination of kept zones.
+    std::size_t k = 0;
+    for (; k < dims.size(); ++k) {
+      if (++zone[k] < kept[k]) break;
+      zone[k] = 0;
+    }
+    if (k == dims.size()) break;
+  }
+}
+
+// The region's wsmp wins over the wave's: a root key of its own, its tuning
+// and gain against the wave's as articulation, its loop.
+void DlsReader::ApplySample(Region& region, const Instrument& instrument, const Waveform& wave,
+                            std::span<const uint8_t> wsmp) {
+  const SampleInfo s = ReadWsmp(wsmp);
+  if (!s.present) return;
+  auto effective = [&](int row) { return region.art.IsSet(row) ? region.art.value[row] : instrument.art.value[row]; };
+  if (s.root != wave.rootKey) region.SetParam(kRowRootKeyOverride, static_cast<float>(s.root));
+  if (s.fine != wave.fineTune) {
+    region.art.Set(kRowMasterTune, static_cast<float>(effective(kRowMasterTune) + (s.fine - wave.fineTune) * 0.01));
+  }
+  const double gain = s.gainDb - wave.volume;
+  if (std::fabs(gain) > 1e-6) region.art.Set(kRowMasterVolume, static_cast<float>(effective(kRowMasterVolume) + gain));
+  // GigaStudio keeps the loops with the wave (smpl); its wsmp names none.
+  if (gig_ && !s.looped) return;
+  const int loopType = s.looped ? 1 : 0;
+  const float loopStart = static_cast<float>(s.loopStart);
+  const float loopEnd = static_cast<float>(static_cast<double>(s.loopStart) + s.loopLength);
+  if (loopType != wave.loopType) region.SetParam(kRowLoopType, static_cast<float>(loopType));
+  if (s.looped) {
+    if ((s.release ? 1 : 0) != wave.loopRelease) region.SetParam(kRowLoopRelease, s.release ? 1.0f : 0.0f);
+    if (loopStart != wave.loopStart || loopEnd != wave.loopEnd) {
+      region.SetParam(kRowLoopStart, loopStart);
+      region.SetParam(kRowLoopEnd, loopEnd);
+    }
+  }
 }
 
 }  // namespace
@@ -592,6 +822,12 @@ bool dls_Read(Collection& collection, FileRef& file, uint64_t start, uint64_t en
 
 bool dls_Imp(Collection& collection, FileRef& file, uint32_t) {
   DlsReader reader(collection, file);
+  return reader.Read(0, file.Size(), false);
+}
+
+bool gig_Imp(Collection& collection, FileRef& file, uint32_t) {
+  DlsReader reader(collection, file);
+  reader.SetGig();
   return reader.Read(0, file.Size(), false);
 }
 

@@ -9,6 +9,7 @@ namespace kv {
 class Collection;
 class FileRef;
 class Item;
+class Waveform;
 struct ExportRequest;
 
 int dls_Detect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64_t fileSize);
@@ -20,6 +21,14 @@ int dls_GigWaveDetect(const uint8_t* data, uint32_t parameter, uint32_t size, ui
 // DLS banks of levels 1, 2, 2+ and 2++. Waves stay in the file and read on
 // first use. Context "dls_Parse".
 bool dls_Imp(Collection& collection, FileRef& file, uint32_t parameter);
+// GigaStudio files (versions 2 and 3, plain and block-coded waves): the DLS
+// walk with the dimension regions. Context "gig_Parse".
+bool gig_Imp(Collection& collection, FileRef& file, uint32_t parameter);
+// A lone block-coded wave (.wa!). Context "wa!_Imp"; its read callback is
+// wa_ImpWave, context "wa!_ImpWave".
+bool wa_Imp(Collection& collection, FileRef& file, uint32_t parameter);
+bool wa_ImpWave(Waveform& wave, FileRef& file);
+
 // Miles Sound System collections: the same walk on the form "MLS ".
 bool mls_Imp(Collection& collection, FileRef& file, uint32_t parameter);
 // A RIFF "DLS " form lying in [start, end) of another file (RIFF-MIDI),
