@@ -633,7 +633,7 @@ void DlsReader::ReadInstrument(std::span<const uint8_t> ins) {
 // wave or two linked sides. Other dimensions keep their first zone.
 void DlsReader::ReadDimensions(Instrument& instrument, std::map<int, LayerStack>& layers, const GigRegion& r) {
   struct Dim {
-    uint8_t type, bits, zones, pos, slot;
+    int type, bits, zones, pos, slot;
   };
   const std::size_t slots = version3_ ? 8 : 5;
   const std::size_t poolAt = version3_ ? 68 : 44;
@@ -649,7 +649,7 @@ void DlsReader::ReadDimensions(Instrument& instrument, std::map<int, LayerStack>
     }
     const int most = 1 << d[1];
     const int zones = d[4] == 0 ? most : std::min<int>(d[4], most);
-    dims.push_back({d[0], d[1], static_cast<uint8_t>(zones), static_cast<uint8_t>(pos), static_cast<uint8_t>(i)});
+    dims.push_back({d[0], d[1], zones, pos, static_cast<int>(i)});
     pos += d[1];
   }
   const std::size_t count =
@@ -687,7 +687,7 @@ void DlsReader::ReadDimensions(Instrument& instrument, std::map<int, LayerStack>
         kept[k] = 1;
         char buffer[32], text[160];
         std::snprintf(text, sizeof text, "the %s dimension of \"%s\" keeps its first zone only",
-                      gig::DimensionName(d.type, buffer), std::string(instrument.Name()).c_str());
+                      gig::DimensionName(static_cast<uint8_t>(d.type), buffer), std::string(instrument.Name()).c_str());
         if (dropped_.find(text) == std::string::npos) {
           dropped_ += dropped_.empty() ? "" : "; ";
           dropped_ += text;
