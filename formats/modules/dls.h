@@ -38,6 +38,10 @@ bool dls_Read(Collection& collection, FileRef& file, uint64_t start, uint64_t en
 // The writer of the four level rows: request.parameter 1 (level 1), 2
 // (level 2), 3 (2+) or 4 (2++). Context "dls_Exp".
 bool dls_Exp(Item& item, FileRef& file, ExportRequest& request);
+// The GigaStudio writer: request.parameter 0 (v1 normal), 1 (v1
+// compressed), 2 (v3 normal) or 3 (v3 compressed). Context "gig_Exp".
+bool gig_Exp(Item& item, FileRef& file, ExportRequest& request);
+
 // The bank of `item` (an instrument or a collection) as a whole RIFF "DLS "
 // form, appended at the file's position: RIFF-MIDI calls it with the option
 // word 0x100004 (the capability word of what the waves may be) and the DLS

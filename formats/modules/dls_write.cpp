@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,8 @@
 #include "core/wavestore.h"
 #include "formats/modules/dls.h"
 #include "formats/modules/dls_format.h"
+#include "formats/modules/gig_format.h"
+#include "codecs/gigpack.h"
 #include "formats/modules/module.h"
 #include "formats/modules/wav.h"
 
@@ -497,6 +500,488 @@ bool WriteBank(Item& item, FileRef& file, uint32_t request, int level) {
   return true;
 }
 
+// ==== GigaStudio ====
+
+constexpr const char* kGigExp = "gig_Exp";
+
+// One model region as the gig writer sees it.
+struct GigSource {
+  ResolvedRegion resolved;
+  int cue = -1;
+  bool release = false;
+  int alternate = -1;  // alternate group 0-15, or -1
+};
+
+// A dimension of a gig region as written: type, bits and zones.
+struct GigDim {
+  uint8_t type, bits, zones;
+};
+
+int BitsFor(int zones) {
+  int bits = 0;
+  while ((1 << bits) < zones) ++bits;
+  return bits;
+}
+
+class GigWriter {
+ public:
+  GigWriter(Collection& c, bool version3, bool compressed) : c_(c), v3_(version3), compressed_(compressed) {}
+  bool Build(Item& item, std::vector<uint8_t>& out);
+
+ private:
+  int Cue(Waveform& wave) {
+    const auto it = cueOf_.find(wave.id);
+    if (it != cueOf_.end()) return it->second;
+    const int cue = static_cast<int>(pool_.size());
+    pool_.push_back(&wave);
+    cueOf_[wave.id] = cue;
+    return cue;
+  }
+  void AddInstrument(Instrument& instrument, Bytes& lins);
+  void AddRegion(const std::vector<const GigSource*>& sources, int loKey, int hiKey, Bytes& b);
+  void PutDimensionRegion(const GigSource* source, int velocityZoneHi, int velocitySlot, Bytes& b);
+  bool AddWave(Waveform& wave, Bytes& b, uint32_t& crc);
+
+  Collection& c_;
+  bool v3_;
+  bool compressed_;
+  std::vector<Waveform*> pool_;
+  std::map<ItemId, int> cueOf_;
+  std::string notes_;
+};
+
+Wsmp GigWsmp(const ResolvedRegion& r) {
+  Wsmp w;
+  w.unity = r.pitch.rootKey;
+  w.fine = r.pitch.waveFineTune + static_cast<int>(std::lround(r.pitch.masterTune * 100.0));
+  w.gainDb = r.amplitude.waveVolume + r.amplitude.masterVolume;
+  if (r.wave) SetLoop(w, r.loop.type, r.loop.release, r.loop.start, r.loop.end, r.wave->length);
+  return w;
+}
+
+void GigWriter::PutDimensionRegion(const GigSource* source, int velocityZoneHi, int velocitySlot, Bytes& b) {
+  const std::size_t ewl = b.BeginList("3ewl");
+  static const Articulation kDefaults;
+  uint8_t limits[8] = {};
+  if (velocitySlot >= 0) limits[velocitySlot] = static_cast<uint8_t>(velocityZoneHi);
+  if (source) {
+    PutWsmp(b, GigWsmp(source->resolved));
+    const std::vector<uint8_t> ewa = gig::WriteArticulation(
+        source->resolved.art, static_cast<uint32_t>(std::max(0, source->resolved.startOffset)), v3_,
+        velocitySlot >= 0 ? velocityZoneHi : 0, limits);
+    const std::size_t at = b.Begin("3ewa");
+    b.Raw(ewa.data(), ewa.size());
+    b.End(at);
+  } else {
+    PutWsmp(b, Wsmp{});
+    const std::vector<uint8_t> ewa = gig::WriteArticulation(kDefaults, 0, v3_, velocitySlot >= 0 ? velocityZoneHi : 0, limits);
+    const std::size_t at = b.Begin("3ewa");
+    b.Raw(ewa.data(), ewa.size());
+    b.End(at);
+  }
+  b.End(ewl);
+}
+
+// One gig region over [loKey, hiKey] from the model regions that cover it:
+// their velocity ranges cut into velocity zones, release regions into the
+// release-trigger dimension, alternate groups into round robin, and what
+// still overlaps into layers.
+void GigWriter::AddRegion(const std::vector<const GigSource*>& sources, int loKey, int hiKey, Bytes& b) {
+  std::set<int> velCuts = {0, 128};
+  std::set<int> groups;
+  bool release = false;
+  for (const GigSource* s : sources) {
+    velCuts.insert(std::min(s->resolved.trigger.loVel, s->resolved.trigger.hiVel));
+    velCuts.insert(std::max(s->resolved.trigger.loVel, s->resolved.trigger.hiVel) + 1);
+    release |= s->release;
+    if (s->alternate >= 0) groups.insert(s->alternate);
+  }
+  std::vector<int> velLo(velCuts.begin(), velCuts.end());
+  velLo.erase(std::remove_if(velLo.begin(), velLo.end(), [](int v) { return v > 127; }), velLo.end());
+  const std::vector<int> group(groups.begin(), groups.end());
+  int V = static_cast<int>(velLo.size()), R = release ? 2 : 1, G = std::max<int>(1, static_cast<int>(group.size()));
+  auto velHi = [&](int v) { return v + 1 < static_cast<int>(velLo.size()) ? velLo[v + 1] - 1 : 127; };
+  auto matches = [&](int v, int r, int g) {
+    std::vector<const GigSource*> m;
+    for (const GigSource* s : sources) {
+      const TriggerRecord& t = s->resolved.trigger;
+      if (std::min(t.loVel, t.hiVel) > velLo[v] || std::max(t.loVel, t.hiVel) < velHi(v)) continue;
+      if (s->release != (r == 1)) continue;
+      if (s->alternate >= 0 && (group.empty() || s->alternate != group[g])) continue;
+      m.push_back(s);
+    }
+    return m;
+  };
+  int L = 1;
+  for (int v = 0; v < V; ++v)
+    for (int r = 0; r < R; ++r)
+      for (int g = 0; g < G; ++g) L = std::max<int>(L, static_cast<int>(matches(v, r, g).size()));
+
+  // The dimension bits the version allows: layers give way first, then
+  // round robin, then velocity zones.
+  const int maxBits = v3_ ? 8 : 5;
+  auto total = [&] { return BitsFor(L) + BitsFor(V) + BitsFor(R) + BitsFor(G); };
+  bool cut = false;
+  while (total() > maxBits) {
+    cut = true;
+    if (L > 1) L = 1 << (BitsFor(L) - 1);
+    else if (G > 1) G = 1 << (BitsFor(G) - 1);
+    else V = 1 << (BitsFor(V) - 1);
+  }
+  if (cut) {
+    char text[160];
+    std::snprintf(text, sizeof text, "keys %d-%d keep %d layers, %d alternate groups and %d velocity zones", loKey,
+                  hiKey, L, G, V);
+    notes_ += (notes_.empty() ? "" : "; ") + std::string(text);
+  }
+  std::vector<GigDim> dims;
+  int velocitySlot = -1;
+  if (V > 1) {
+    velocitySlot = static_cast<int>(dims.size());
+    dims.push_back({gig::kDimVelocity, static_cast<uint8_t>(BitsFor(V)), static_cast<uint8_t>(V)});
+  }
+  if (R > 1) dims.push_back({gig::kDimReleaseTrigger, 1, 2});
+  if (G > 1) dims.push_back({gig::kDimRoundRobin, static_cast<uint8_t>(BitsFor(G)), static_cast<uint8_t>(G)});
+  if (L > 1) dims.push_back({gig::kDimLayer, static_cast<uint8_t>(BitsFor(L)), static_cast<uint8_t>(L)});
+  const int bits = total();
+  const int count = 1 << bits;
+
+  // Each dimension region's source, by its zones.
+  std::vector<const GigSource*> chosen(static_cast<std::size_t>(count), nullptr);
+  std::vector<int> zoneHi(static_cast<std::size_t>(count), 127);
+  for (int i = 0; i < count; ++i) {
+    int zone[4] = {0, 0, 0, 0}, pos = 0;
+    for (std::size_t k = 0; k < dims.size(); ++k) {
+      zone[k] = std::min((i >> pos) & ((1 << dims[k].bits) - 1), dims[k].zones - 1);
+      pos += dims[k].bits;
+    }
+    int v = 0, r = 0, g = 0, l = 0;
+    for (std::size_t k = 0; k < dims.size(); ++k) {
+      if (dims[k].type == gig::kDimVelocity) v = zone[k];
+      else if (dims[k].type == gig::kDimReleaseTrigger) r = zone[k];
+      else if (dims[k].type == gig::kDimRoundRobin) g = zone[k];
+      else l = zone[k];
+    }
+    const std::vector<const GigSource*> m = matches(v, r, g);
+    chosen[i] = l < static_cast<int>(m.size()) ? m[l] : nullptr;
+    zoneHi[i] = V > 1 ? velHi(v) : 127;
+  }
+
+  const GigSource* first = nullptr;
+  for (const GigSource* s : chosen)
+    if (s && !first) first = s;
+  const std::size_t rgn = b.BeginList("rgn ");
+  {
+    const std::size_t at = b.Begin("rgnh");
+    b.U16(static_cast<uint32_t>(loKey));
+    b.U16(static_cast<uint32_t>(hiKey));
+    b.U16(0);
+    b.U16(127);
+    const TriggerRecord* t = first ? &first->resolved.trigger : nullptr;
+    b.U16(t && t->noteExclusion == 1 ? 1 : 0);
+    b.U16(t ? t->exclusionGroup : 0);
+    b.U16(0);
+    b.End(at);
+  }
+  PutWsmp(b, first ? GigWsmp(first->resolved) : Wsmp{});
+  {
+    const std::size_t at = b.Begin("wlnk");
+    const bool stereo = first && first->resolved.wave && first->resolved.wave->channels == 2;
+    b.U16(stereo ? 0x0002 : 0);
+    b.U16(0);
+    b.U32(stereo ? 3 : 1);
+    b.U32(first ? static_cast<uint32_t>(first->cue) : 0);
+    b.End(at);
+  }
+  {
+    const std::size_t at = b.Begin("3lnk");
+    b.U32(static_cast<uint32_t>(count));
+    const std::size_t slots = v3_ ? 8 : 5;
+    int pos = 0;
+    for (std::size_t k = 0; k < slots; ++k) {
+      if (k < dims.size()) {
+        const GigDim& d = dims[k];
+        const uint8_t def[8] = {d.type, d.bits, static_cast<uint8_t>(pos),
+                                static_cast<uint8_t>((1 << (pos + d.bits)) - (1 << pos)), d.zones, 0, 0, 0};
+        b.Raw(def, sizeof def);
+        pos += d.bits;
+      } else {
+        const uint8_t none[8] = {};
+        b.Raw(none, sizeof none);
+      }
+    }
+    const int entries = v3_ ? 256 : 32;
+    for (int i = 0; i < entries; ++i) b.U32(i < count && chosen[i] ? static_cast<uint32_t>(chosen[i]->cue) : 0xFFFFFFFFu);
+    b.End(at);
+  }
+  const std::size_t prg = b.BeginList("3prg");
+  for (int i = 0; i < count; ++i) PutDimensionRegion(chosen[i], zoneHi[i], velocitySlot, b);
+  b.End(prg);
+  b.End(rgn);
+}
+
+void GigWriter::AddInstrument(Instrument& instrument, Bytes& lins) {
+  std::vector<GigSource> sources;
+  for (ItemId layerId : instrument.children) {
+    Layer* layer = c_.FindAs<Layer>(layerId);
+    if (!layer) continue;
+    for (ItemId id : layer->children) {
+      Region* region = c_.FindAs<Region>(id);
+      Waveform* wave = region ? RegionWaveform(*region) : nullptr;
+      if (!wave) continue;
+      GigSource s;
+      s.resolved = ResolveRegion(*region);
+      s.cue = Cue(*wave);
+      const int trigger = s.resolved.trigger.triggerType;
+      s.release = trigger == 1;
+      s.alternate = trigger >= 2 && trigger <= 17 ? trigger - 2 : -1;
+      sources.push_back(std::move(s));
+    }
+  }
+  // Key ranges that partly overlap are cut at the union of their edges.
+  std::set<int> cuts;
+  for (const GigSource& s : sources) {
+    cuts.insert(std::min(s.resolved.trigger.loKey, s.resolved.trigger.hiKey));
+    cuts.insert(std::max(s.resolved.trigger.loKey, s.resolved.trigger.hiKey) + 1);
+  }
+  const std::vector<int> edges(cuts.begin(), cuts.end());
+  std::vector<uint8_t> regionsBody;
+  Bytes rb(regionsBody);
+  uint32_t regionCount = 0;
+  for (std::size_t e = 0; e + 1 < edges.size(); ++e) {
+    const int lo = edges[e], hi = edges[e + 1] - 1;
+    std::vector<const GigSource*> covering;
+    for (const GigSource& s : sources) {
+      const TriggerRecord& t = s.resolved.trigger;
+      if (std::min(t.loKey, t.hiKey) <= lo && std::max(t.loKey, t.hiKey) >= hi) covering.push_back(&s);
+    }
+    if (covering.empty()) continue;
+    AddRegion(covering, lo, hi, rb);
+    ++regionCount;
+  }
+
+  const bool drum = LocationIsDrum(instrument.location);
+  const std::size_t ins = lins.BeginList("ins ");
+  {
+    const std::size_t info = lins.BeginList("INFO");
+    lins.Text("INAM", instrument.Name());
+    if (instrument.comment[0]) lins.Text("ICMT", instrument.comment);
+    lins.End(info);
+  }
+  {
+    const std::size_t at = lins.Begin("insh");
+    lins.U32(regionCount);
+    uint32_t bank = (LocationMajorBank(instrument.location) << 8) | LocationMinorBank(instrument.location);
+    if (drum) bank |= 0x80000000u;
+    lins.U32(bank);
+    lins.U32(LocationProgram(instrument.location));
+    lins.End(at);
+  }
+  {
+    const std::size_t at = lins.Begin("LIST");
+    lins.Id("lrgn");
+    lins.Raw(regionsBody.data(), regionsBody.size());
+    lins.End(at);
+  }
+  lins.End(ins);
+}
+
+// A pool wave: fmt, INFO, data (PCM or block-coded), smpl with the loop,
+// the group index, and the extension on coded waves. `crc` gets the CRC of
+// the samples as PCM.
+bool GigWriter::AddWave(Waveform& wave, Bytes& b, uint32_t& crc) {
+  const int channels = wave.channels == 2 ? 2 : 1;
+  const bool wide = v3_ && wave.bits > 16;
+  const std::size_t count = static_cast<std::size_t>(wave.SampleCount());
+  std::vector<uint8_t> pcm;
+  std::vector<uint8_t> coded;
+  if (wide) {
+    const float* f = count ? SamplesFloat(wave) : nullptr;
+    if (count && !f) return false;
+    std::vector<int32_t> values(count);
+    pcm.resize(count * 3);
+    for (std::size_t i = 0; i < count; ++i) {
+      const int32_t v = static_cast<int32_t>(std::clamp(std::lround(static_cast<double>(f[i]) * 8388608.0), -8388608L, 8388607L));
+      values[i] = v;
+      pcm[3 * i] = static_cast<uint8_t>(v);
+      pcm[3 * i + 1] = static_cast<uint8_t>(v >> 8);
+      pcm[3 * i + 2] = static_cast<uint8_t>(v >> 16);
+    }
+    if (compressed_) kvGigPackEncode24(values, channels, coded);
+  } else {
+    const int16_t* s = count ? Samples16(wave) : nullptr;
+    if (count && !s) return false;
+    pcm.resize(count * 2);
+    for (std::size_t i = 0; i < count; ++i) {
+      pcm[2 * i] = static_cast<uint8_t>(s[i]);
+      pcm[2 * i + 1] = static_cast<uint8_t>(static_cast<uint16_t>(s[i]) >> 8);
+    }
+    if (compressed_) kvGigPackEncode16(std::span<const int16_t>(s, count), channels, coded);
+  }
+  crc = gig::Crc32(pcm.data(), pcm.size());
+  const int bytes = wide ? 3 : 2;
+  const std::size_t list = b.BeginList("wave");
+  {
+    const std::size_t at = b.Begin("fmt ");
+    b.U16(1);
+    b.U16(static_cast<uint32_t>(channels));
+    b.U32(wave.sampleRate);
+    b.U32(wave.sampleRate * static_cast<uint32_t>(channels * bytes));
+    b.U16(static_cast<uint32_t>(channels * bytes));
+    b.U16(static_cast<uint32_t>(bytes * 8));
+    b.End(at);
+  }
+  {
+    const std::size_t info = b.BeginList("INFO");
+    b.Text("INAM", wave.Name());
+    b.End(info);
+  }
+  {
+    const std::vector<uint8_t>& data = compressed_ ? coded : pcm;
+    const std::size_t at = b.Begin("data");
+    b.Raw(data.data(), data.size());
+    b.End(at);
+  }
+  {
+    const std::size_t at = b.Begin("smpl");
+    Wsmp loop;
+    SetLoop(loop, wave.loopType, wave.loopRelease, wave.loopStart, wave.loopEnd, wave.length);
+    b.U32(0);
+    b.U32(0);
+    b.U32(static_cast<uint32_t>(std::lround(1e9 / std::max<uint32_t>(wave.sampleRate, 1))));
+    b.U32(wave.rootKey);
+    b.U32(static_cast<uint32_t>(std::lround(std::clamp(wave.fineTune, int8_t{0}, int8_t{99}) * 4294967296.0 / 100.0)) );
+    b.U32(0);
+    b.U32(0);
+    b.U32(loop.looped ? 1 : 0);
+    b.U32(0);
+    b.U32(0);  // loop id
+    b.U32(0);  // forward
+    b.U32(loop.looped ? loop.loopStart : 0);
+    b.U32(loop.looped ? loop.loopStart + loop.loopLength - 1 : 0);
+    b.U32(0);
+    b.U32(0);
+    b.End(at);
+  }
+  {
+    const std::size_t at = b.Begin("3gix");
+    b.U32(0);
+    b.End(at);
+  }
+  if (compressed_) {
+    const std::vector<uint8_t> ext = gig::WaveExtension(true, pcm.size(), wide && channels == 2);
+    const std::size_t at = b.Begin("ewav");
+    b.Raw(ext.data(), ext.size());
+    b.End(at);
+  }
+  b.End(list);
+  return true;
+}
+
+bool GigWriter::Build(Item& item, std::vector<uint8_t>& out) {
+  const ItemType type = item.Type();
+  ItemSet set(item, type == ItemType::Collection);
+
+  std::vector<uint8_t> linsBody;
+  Bytes lins(linsBody);
+  lins.Id("lins");
+  for (Instrument* ins : set.instruments) AddInstrument(*ins, lins);
+  for (Waveform* wave : set.waveforms) Cue(*wave);
+
+  std::vector<uint8_t> wvplBody;
+  Bytes wvpl(wvplBody);
+  wvpl.Id("wvpl");
+  std::vector<uint32_t> offsets, crcs;
+  for (Waveform* wave : pool_) {
+    offsets.push_back(static_cast<uint32_t>(wvplBody.size() - 4));
+    uint32_t crc = 0;
+    if (!AddWave(*wave, wvpl, crc)) {
+      std::snprintf(ErrorContext, sizeof ErrorContext, "%s", kGigExp);
+      return false;
+    }
+    crcs.push_back(crc);
+    if (wvplBody.size() > 0xFFFFFF00u) return Fail(kGigExp, "Too much data");
+  }
+
+  std::vector<uint8_t> infoBody;
+  Bytes info(infoBody);
+  info.Id("INFO");
+  std::string_view name = c_.Name();
+  if (type == ItemType::Instrument || name.empty()) name = item.Name();
+  // The whole set of INFO texts, empty where the model has none.
+  static constexpr const char* kKeys[] = {"IARL", "IART", "ICMS", "ICMT", "ICOP", "ICRD", "IENG", "IGNR", "IKEY",
+                                          "IMED", "INAM", "IPRD", "ISBJ", "ISFT", "ISRC", "ISRF", "ITCH"};
+  for (const char* key : kKeys) {
+    std::string_view text;
+    if (!std::strcmp(key, "INAM")) text = name.empty() ? std::string_view("Kelvo Studio bank") : name;
+    else if (!std::strcmp(key, "ICMT")) text = c_.comment;
+    else if (!std::strcmp(key, "ICOP")) text = c_.copyright;
+    else if (!std::strcmp(key, "IENG")) text = c_.engineer;
+    else if (!std::strcmp(key, "ISFT")) text = kProgramTitle;
+    info.Text(key, text);
+  }
+
+  Bytes b(out);
+  const std::size_t riff = b.Begin("RIFF");
+  b.Id("DLS ");
+  {
+    const std::size_t at = b.Begin("LIST");
+    b.Raw(infoBody.data(), infoBody.size());
+    b.End(at);
+  }
+  {
+    // minor, major, then the build date as libgig gives it
+    const std::size_t at = b.Begin("vers");
+    b.U16(0);
+    b.U16(v3_ ? 3 : 2);
+    const uint32_t date = v3_ ? 20030331u : 19980628u;
+    b.U16(date & 0xFFFF);
+    b.U16(date >> 16);
+    b.End(at);
+  }
+  {
+    const std::size_t at = b.Begin("colh");
+    b.U32(static_cast<uint32_t>(set.instruments.size()));
+    b.End(at);
+  }
+  auto putList = [&](const std::vector<uint8_t>& body) {
+    const std::size_t at = b.Begin("LIST");
+    b.Raw(body.data(), body.size());
+    b.End(at);
+  };
+  putList(linsBody);
+  {
+    const std::size_t gri = b.BeginList("3gri");
+    const std::size_t gnl = b.BeginList("3gnl");
+    char group[64] = "Default Group";
+    const std::size_t at = b.Begin("3gnm");
+    b.Raw(group, sizeof group);
+    b.End(at);
+    b.End(gnl);
+    b.End(gri);
+  }
+  {
+    const std::size_t at = b.Begin("ptbl");
+    b.U32(8);
+    b.U32(static_cast<uint32_t>(offsets.size()));
+    for (uint32_t o : offsets) b.U32(o);
+    b.End(at);
+  }
+  putList(wvplBody);
+  {
+    const std::size_t at = b.Begin("3crc");
+    for (uint32_t crc : crcs) {
+      b.U32(1);
+      b.U32(crc);
+    }
+    b.End(at);
+  }
+  b.End(riff);
+  if (out.size() > 0xFFFFFFF0u) return Fail(kGigExp, "Too much data");
+  if (!notes_.empty()) MessageBox(("Note: " + notes_).c_str(), kGigExp);
+  return true;
+}
+
 }  // namespace
 
 bool dls_Exp(Item& item, FileRef& file, ExportRequest& request) {
@@ -504,5 +989,22 @@ bool dls_Exp(Item& item, FileRef& file, ExportRequest& request) {
 }
 
 bool dls_Write(Item& item, FileRef& file, uint32_t options, int level) { return WriteBank(item, file, options, level); }
+
+bool gig_Exp(Item& item, FileRef& file, ExportRequest& request) {
+  const ItemType type = item.Type();
+  if (type != ItemType::Instrument && type != ItemType::Collection) {
+    return Fail(kGigExp, "The file format can not save this item");
+  }
+  if (request.parameter > 3) return Fail(kGigExp, "Unsupported subformat");
+  std::vector<uint8_t> out;
+  GigWriter writer(*item.collection, request.parameter >= 2, (request.parameter & 1) != 0);
+  if (!writer.Build(item, out)) return false;
+  for (std::size_t done = 0; done < out.size();) {
+    const std::size_t n = std::min<std::size_t>(out.size() - done, std::size_t{1} << 24);
+    if (!file.Write(out.data() + done, n)) return Fail(kGigExp, "Writing to file failed");
+    done += n;
+  }
+  return true;
+}
 
 }  // namespace kv

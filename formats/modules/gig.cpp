@@ -1,6 +1,7 @@
 // GigaStudio parts of the DLS module: dimension region articulation,
 // block-coded waves in the pool and as .wa! files.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -190,8 +191,23 @@ DimensionExtras ReadArticulation(std::span<const uint8_t> ewa, Articulation& a) 
   return x;
 }
 
+uint32_t Crc32(const uint8_t* data, std::size_t size, uint32_t crc) {
+  static const auto table = [] {
+    std::array<uint32_t, 256> t{};
+    for (uint32_t i = 0; i < 256; ++i) {
+      uint32_t c = i;
+      for (int j = 0; j < 8; ++j) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+      t[i] = c;
+    }
+    return t;
+  }();
+  crc = ~crc;
+  for (std::size_t i = 0; i < size; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
+  return ~crc;
+}
+
 std::vector<uint8_t> WriteArticulation(const Articulation& a, uint32_t startOffset, bool version3,
-                                       const uint8_t (&upperLimits)[8]) {
+                                       int velocityLimit, const uint8_t (&upperLimits)[8]) {
   const std::size_t size = version3 ? kSizeV3 : kSizeV2;
   std::vector<uint8_t> b(size, 0);
   auto put32 = [&](std::size_t off, int32_t v) {
@@ -226,7 +242,8 @@ std::vector<uint8_t> WriteArticulation(const Articulation& a, uint32_t startOffs
   const double pitchDepth = v(kRowPLfoToPitch), wheelDepth = v(kRowModWheelToPLfoPitch);
   put16(kLfo3Depth, static_cast<int>(std::lround(std::clamp(pitchDepth * 100, -1200.0, 1200.0))));
   put16(kLfo3CtlDepth, static_cast<int>(std::lround(std::clamp(wheelDepth * 100, -1200.0, 1200.0))));
-  b[kLfo3Ctl] = static_cast<uint8_t>(wheelDepth != 0 ? (pitchDepth != 0 ? 3 : 1) : 0);
+  const bool wheel = a.IsSet(kRowModWheelToPLfoPitch) || wheelDepth != 0;
+  b[kLfo3Ctl] = static_cast<uint8_t>(wheel ? (a.IsSet(kRowPLfoToPitch) || pitchDepth != 0 ? 3 : 1) : 0);
   if (v(kRowPEnvToPitch) != 0) {
     const int cents = static_cast<int>(std::lround(std::clamp(v(kRowPEnvToPitch) * 100, -1200.0, 1200.0)));
     put16(kEg3Depth, cents >= 0 ? cents : ((-cents - 1) ^ 0xFFF));
@@ -245,6 +262,7 @@ std::vector<uint8_t> WriteArticulation(const Articulation& a, uint32_t startOffs
     if (type >= 3 && type <= 4) b[kLfo3Ctl] |= 0x40;
     put16(kLfo2Depth, static_cast<int>(std::lround(std::clamp(v(kRowFLfoToCutoff) * 100, 0.0, 1200.0))));
   }
+  b[kVelUpper] = static_cast<uint8_t>(std::clamp(velocityLimit, 0, 127));
   if (version3)
     for (int i = 0; i < 8; ++i) b[kUpperLimits + i] = upperLimits[i];
   return b;
@@ -278,8 +296,9 @@ bool SetupCompressedWave(FileRef& file, uint64_t dataAt, uint64_t dataEnd, Wavef
   return true;
 }
 
-std::vector<uint8_t> WaveExtension(bool compressed, uint64_t pcmBytes) {
-  std::vector<uint8_t> b(68, 0);
+std::vector<uint8_t> WaveExtension(bool compressed, uint64_t pcmBytes, bool stereo24) {
+  // A 24-bit stereo wave's truncation field lies at 84: the chunk reaches it.
+  std::vector<uint8_t> b(stereo24 ? 88 : 68, 0);
   b[0] = 60;  // version
   b[8] = compressed ? 1 : 0;
   for (int i = 0; i < 4; ++i) b[12 + i] = static_cast<uint8_t>(std::min<uint64_t>(pcmBytes, 0xFFFFFFFF) >> (8 * i));

@@ -3,6 +3,7 @@
 // wave extension chunk. Internal to the module.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -46,16 +47,21 @@ DimensionExtras ReadArticulation(std::span<const uint8_t> ewa, Articulation& out
 
 // The 3ewa body (140 bytes for version 2, 148 for 3) of a merged
 // articulation record.
+// `velocityLimit` is version 2's upper velocity of the zone (0: none),
+// `upperLimits` version 3's, per dimension.
 std::vector<uint8_t> WriteArticulation(const Articulation& merged, uint32_t startOffset, bool version3,
-                                       const uint8_t (&upperLimits)[8]);
+                                       int velocityLimit, const uint8_t (&upperLimits)[8]);
+
+// CRC-32 (the zlib polynomial) over `data`, continuing `crc` (start with 0).
+uint32_t Crc32(const uint8_t* data, std::size_t size, uint32_t crc = 0);
 
 // Makes a pool or .wa! wave whose data [dataAt, dataEnd) is block-coded:
 // its length from the block walk, the decoder as its read callback.
 bool SetupCompressedWave(FileRef& file, uint64_t dataAt, uint64_t dataEnd, Waveform& wave);
 
-// The 68-byte wave extension: version 60, the compressed flag, the size of
-// the samples as PCM.
-std::vector<uint8_t> WaveExtension(bool compressed, uint64_t pcmBytes);
+// The wave extension: version 60, the compressed flag, the size of the
+// samples as PCM; 68 bytes, 88 for 24-bit stereo.
+std::vector<uint8_t> WaveExtension(bool compressed, uint64_t pcmBytes, bool stereo24);
 
 }  // namespace gig
 
