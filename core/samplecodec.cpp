@@ -162,11 +162,6 @@ __attribute__((target("avx2"))) std::size_t FloatTo16Avx2(const float* s, int16_
   return i;
 }
 
-bool HaveAvx2() {
-  static const bool have = __builtin_cpu_supports("avx2");
-  return have;
-}
-
 // The scalar FloatTo16 four lanes at a time; SSE2 is the x86-64 baseline.
 // MAXPS gives its second operand for NaN, so NaN goes to the bottom as there.
 std::size_t FloatTo16Sse2(const float* s, int16_t* d, std::size_t n) {
@@ -228,6 +223,11 @@ void Pcm32(const uint8_t* s, float* d, std::size_t n, uint32_t flip) {
 }
 
 }  // namespace
+
+bool HaveAvx2() {
+  static const bool have = __builtin_cpu_supports("avx2");
+  return have;
+}
 
 // ---- to the 16-bit form ----
 

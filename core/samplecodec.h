@@ -17,6 +17,9 @@ namespace kv {
 inline constexpr float kScale16 = 3.0517578e-5f;
 inline constexpr float kScale32 = 4.656613e-10f;
 
+// Whether the processor runs AVX2 code: the kernels pick their SIMD path by it.
+bool HaveAvx2();
+
 // ---- byte sizes ----
 
 // Bytes of `count` samples of 12-bit and 20-bit packed data.
