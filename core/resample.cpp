@@ -89,42 +89,62 @@ Reach ReachOf(Kind kind, const FirDesign& fir) {
   return {0, 1};
 }
 
-// The source's channels as normalised float rows with zeros around them.
-// Frames past the last one read zeros as far as `before` frames behind it,
-// since a position up to there still reaches real samples.
-class PaddedRows {
+// The zero-padded rows of the source's channels, normalised, as doubles (the
+// float values exactly, ready for the double products). Only a window of
+// them is held: `kSpan` frames from a base, with the kind's reach of zeros
+// or neighbours on both sides, refilled when a position leaves it. A full
+// copy of a long wave would cost more in page faults than the filter itself.
+class Rows {
  public:
-  uint64_t Bytes(const Waveform& w, Reach reach) const {
-    return uint64_t{w.channels} * RowFloats(w.length, reach) * sizeof(float);
+  static constexpr uint32_t kSpan = 16384;
+
+  Rows(const Waveform& source, Reach reach)
+      : source_(source),
+        channels_(source.channels),
+        lead_(reach.before + kSlack),
+        rowDoubles_(uint64_t{lead_} + kSpan + reach.after + kSlack) {}
+
+  uint64_t Bytes() const { return uint64_t{channels_} * rowDoubles_ * sizeof(double); }
+  bool Allocate() { return (data_ = TryAllocArray<double>(channels_ * rowDoubles_)) != nullptr; }
+
+  // Channel `ch` of frame `index`, with every frame the kind reaches around
+  // it at its side.
+  const double* At(unsigned ch, uint32_t index) {
+    if (!held_ || index - base_ >= kSpan) [[unlikely]]  // below the base too, by wrapping
+      Refill(index);
+    return data_.get() + ch * rowDoubles_ + lead_ + (index - base_);
   }
-  bool Build(const Waveform& w, Reach reach) {
-    lead_ = reach.before + kSlack;
-    rowFloats_ = RowFloats(w.length, reach);
-    data_ = TryAllocArray<float>(rowFloats_ * w.channels);
-    if (!data_) return false;
-    std::fill(data_.get(), data_.get() + rowFloats_ * w.channels, 0.0f);
-    const unsigned channels = w.channels;
-    for (unsigned ch = 0; ch < channels; ++ch) {
-      float* row = Row(ch);
-      if (w.samplesF) {
-        const float* in = w.samplesF.get() + ch;
-        for (uint32_t i = 0; i < w.length; ++i) row[i] = in[uint64_t{i} * channels];
-      } else if (w.samples16) {
-        const int16_t* in = w.samples16.get() + ch;
-        for (uint32_t i = 0; i < w.length; ++i) row[i] = static_cast<float>(in[uint64_t{i} * channels]) * kNormalise16;
-      }
-    }
-    return true;
-  }
-  float* Row(unsigned channel) const { return data_.get() + channel * rowFloats_ + lead_; }
 
  private:
-  static uint64_t RowFloats(uint32_t length, Reach reach) {
-    return uint64_t{reach.before} + kSlack + length + reach.after + reach.before + 1 + kSlack;
+  __attribute__((noinline)) void Refill(uint32_t index) {
+    base_ = index;
+    held_ = true;
+    const int64_t first = int64_t{index} - lead_;
+    const int64_t length = source_.length;
+    const int64_t from = std::clamp<int64_t>(first, 0, length);
+    const int64_t to = std::clamp<int64_t>(first + static_cast<int64_t>(rowDoubles_), 0, length);
+    for (unsigned ch = 0; ch < channels_; ++ch) {
+      double* row = data_.get() + ch * rowDoubles_;
+      double* out = row;
+      for (int64_t f = first; f < from; ++f) *out++ = 0.0;
+      if (source_.samplesF) {
+        const float* in = source_.samplesF.get() + ch;
+        for (int64_t f = from; f < to; ++f) *out++ = in[f * channels_];
+      } else if (source_.samples16) {
+        const int16_t* in = source_.samples16.get() + ch;
+        for (int64_t f = from; f < to; ++f) *out++ = static_cast<float>(in[f * channels_]) * kNormalise16;
+      }
+      std::fill(out, row + rowDoubles_, 0.0);
+    }
   }
-  std::unique_ptr<float[]> data_;
-  uint64_t rowFloats_ = 0;
-  uint32_t lead_ = 0;
+
+  const Waveform& source_;
+  unsigned channels_;
+  uint32_t lead_;
+  uint64_t rowDoubles_;
+  std::unique_ptr<double[]> data_;
+  uint32_t base_ = 0;
+  bool held_ = false;
 };
 
 // The kinds share one shape: `Frame` fills every channel of one output frame
@@ -132,18 +152,20 @@ class PaddedRows {
 // calls, chosen once per run, not per sample.
 class RowInterpolator : public Interpolator {
  public:
-  RowInterpolator(PaddedRows rows, unsigned channels) : rows_(std::move(rows)), channels_(channels) {}
+  RowInterpolator(Rows rows, unsigned channels) : rows_(std::move(rows)), channels_(channels) {}
 
  protected:
-  const float* X(unsigned channel) const { return rows_.Row(channel); }
-  PaddedRows rows_;
+  Rows rows_;
   unsigned channels_;
 };
 
 class NearestInterpolator final : public RowInterpolator {
  public:
   using RowInterpolator::RowInterpolator;
-  float sample(unsigned ch, uint32_t i, float t) override { return t >= 0.5f ? X(ch)[i + 1] : X(ch)[i]; }
+  float sample(unsigned ch, uint32_t i, float t) override {
+    const double* x = rows_.At(ch, i);
+    return static_cast<float>(t >= 0.5f ? x[1] : x[0]);
+  }
   void Frame(uint32_t i, float t, float* out) {
     for (unsigned ch = 0; ch < channels_; ++ch) out[ch] = std::clamp(sample(ch, i, t), -1.0f, 1.0f);
   }
@@ -153,8 +175,8 @@ class LinearInterpolator final : public RowInterpolator {
  public:
   using RowInterpolator::RowInterpolator;
   float sample(unsigned ch, uint32_t i, float t) override {
-    const float* x = X(ch) + i;
-    return static_cast<float>(double{x[0]} + (double{x[1]} - double{x[0]}) * double{t});
+    const double* x = rows_.At(ch, i);
+    return static_cast<float>(x[0] + (x[1] - x[0]) * double{t});
   }
   void Frame(uint32_t i, float t, float* out) {
     for (unsigned ch = 0; ch < channels_; ++ch) out[ch] = std::clamp(sample(ch, i, t), -1.0f, 1.0f);
@@ -166,7 +188,7 @@ class CubicInterpolator final : public RowInterpolator {
   using RowInterpolator::RowInterpolator;
   float sample(unsigned ch, uint32_t i, float t) override {
     // The Lagrange polynomial through x[i-1] .. x[i+2], Horner form.
-    const float* x = X(ch) + i;
+    const double* x = rows_.At(ch, i);
     const double a = x[-1], b = x[0], c = x[1], d = x[2], u = t;
     return static_cast<float>(
         ((((3 * (b - c) + d - a) * u + (3 * (a + c) - 6 * b)) * u + (6 * c - d - 3 * b - 2 * a)) * u + 6 * b) / 6);
@@ -178,20 +200,29 @@ class CubicInterpolator final : public RowInterpolator {
 
 // ---- the FIR's dot products ----
 
-// sum over k < count of c[k] * x[dir * k] per channel, where c = (1 - frac)
-// a0 + frac a1 (a0 alone without a1). Up to two channels per call.
-void BlendDotScalar(const double* a0, const double* a1, double frac, const float* const* x, unsigned nch,
-                    uint32_t count, int dir, double* sums) {
-  double s0 = 0.0, s1 = 0.0;
-  const double keep = 1.0 - frac;
-  for (uint32_t k = 0; k < count; ++k) {
-    const double c = a1 ? keep * a0[k] + frac * a1[k] : a0[k];
-    const std::ptrdiff_t at = dir > 0 ? std::ptrdiff_t(k) : -std::ptrdiff_t(k);
-    s0 += c * x[0][at];
-    if (nch > 1) s1 += c * x[1][at];
+// One half filter's taps for one frame: rows a0 and a1 (null: a0 alone)
+// blended by frac, `count` taps.
+struct HalfTaps {
+  const double* a0;
+  const double* a1;
+  double frac;
+};
+
+// Both halves of one frame for up to two channels: left[c] = sum over k <
+// n of c_k x[-k], right[c] = sum over k < n - 1 of c_k x[1 + k], each c_k
+// the blend (1 - frac) a0[k] + frac a1[k]. Plain loops: the path of
+// processors without AVX2.
+void FirFrameScalar(const HalfTaps& l, const HalfTaps& r, const double* const* x, unsigned nch, uint32_t n,
+                    double* left, double* right) {
+  for (unsigned c = 0; c < nch; ++c) left[c] = right[c] = 0.0;
+  for (uint32_t k = 0; k < n; ++k) {
+    const double cl = l.a1 ? (1.0 - l.frac) * l.a0[k] + l.frac * l.a1[k] : l.a0[k];
+    for (unsigned c = 0; c < nch; ++c) left[c] += cl * x[c][-std::ptrdiff_t(k)];
+    if (k + 1 < n) {
+      const double cr = r.a1 ? (1.0 - r.frac) * r.a0[k] + r.frac * r.a1[k] : r.a0[k];
+      for (unsigned c = 0; c < nch; ++c) right[c] += cr * x[c][1 + k];
+    }
   }
-  sums[0] = s0;
-  sums[1] = s1;
 }
 
 __attribute__((target("avx2,fma"))) static inline double HorizontalSum(__m256d v) {
@@ -200,54 +231,64 @@ __attribute__((target("avx2,fma"))) static inline double HorizontalSum(__m256d v
   return _mm_cvtsd_f64(_mm_add_sd(pair, _mm_unpackhi_pd(pair, pair)));
 }
 
-// The same four taps at a time. Backwards (dir < 0) the coefficients are
-// reversed once per group, so that every channel reads its four samples in
-// memory order.
-template <int Dir, bool Blend>
-__attribute__((target("avx2,fma"))) static inline __m256d Coefficients(const double* a0, const double* a1,
-                                                                       __m256d vf, __m256d vk, uint32_t k) {
-  __m256d c = _mm256_loadu_pd(a0 + k);
-  if constexpr (Blend) c = _mm256_fmadd_pd(vf, _mm256_loadu_pd(a1 + k), _mm256_mul_pd(vk, c));
-  if constexpr (Dir < 0) c = _mm256_permute4x64_pd(c, 0x1B);
-  return c;
+__attribute__((target("avx2,fma"))) static inline __m256d Blended(const HalfTaps& h, __m256d vf, __m256d vk,
+                                                                  uint32_t k) {
+  const __m256d c = _mm256_loadu_pd(h.a0 + k);
+  return h.a1 ? _mm256_fmadd_pd(vf, _mm256_loadu_pd(h.a1 + k), _mm256_mul_pd(vk, c)) : c;
 }
 
-template <int Dir>
-__attribute__((target("avx2,fma"))) static inline __m256d Samples(const float* x, uint32_t k) {
-  return _mm256_cvtps_pd(_mm_loadu_ps(Dir > 0 ? x + k : x - k - 3));
+// The first `valid` (0-4) lanes set.
+__attribute__((target("avx2,fma"))) static inline __m256d LaneMask(uint32_t valid) {
+  alignas(32) static const int64_t kLanes[8] = {-1, -1, -1, -1, 0, 0, 0, 0};
+  return _mm256_castsi256_pd(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(kLanes + 4 - valid)));
 }
 
-template <int Dir, bool Blend, unsigned Channels>
-__attribute__((target("avx2,fma"))) void BlendDotAvx2(const double* a0, const double* a1, double frac,
-                                                      const float* const* x, uint32_t count, double* sums) {
-  const __m256d vf = _mm256_set1_pd(frac), vk = _mm256_set1_pd(1.0 - frac);
-  __m256d acc0 = _mm256_setzero_pd(), acc1 = _mm256_setzero_pd();
-  uint32_t k = 0;
-  for (; k + 4 <= count; k += 4) {
-    const __m256d c = Coefficients<Dir, Blend>(a0, a1, vf, vk, k);
-    acc0 = _mm256_fmadd_pd(c, Samples<Dir>(x[0], k), acc0);
-    if constexpr (Channels > 1) acc1 = _mm256_fmadd_pd(c, Samples<Dir>(x[1], k), acc1);
+// The same four taps at a time, both halves in one pass, and the frame's
+// output (left + right) * fc clamped. The left half runs backwards: its
+// coefficients are reversed once per group, so that every channel reads its
+// four samples in memory order. Lanes past a half's last tap are masked on
+// both sides, so that whatever lies there adds nothing.
+template <unsigned Channels, bool BlendL, bool BlendR>
+__attribute__((target("avx2,fma"))) void FirFrameAvx2(const HalfTaps& l, const HalfTaps& r, const double* const* x,
+                                                      uint32_t n, double fc, float* out) {
+  const __m256d lf = _mm256_set1_pd(l.frac), lk = _mm256_set1_pd(1.0 - l.frac);
+  const __m256d rf = _mm256_set1_pd(r.frac), rk = _mm256_set1_pd(1.0 - r.frac);
+  __m256d accL[Channels], accR[Channels];
+  for (unsigned c = 0; c < Channels; ++c) accL[c] = accR[c] = _mm256_setzero_pd();
+  for (uint32_t k = 0; k < n; k += 4) {
+    __m256d cl = _mm256_loadu_pd(l.a0 + k);
+    if constexpr (BlendL) cl = _mm256_fmadd_pd(lf, _mm256_loadu_pd(l.a1 + k), _mm256_mul_pd(lk, cl));
+    cl = _mm256_permute4x64_pd(cl, 0x1B);
+    __m256d cr = _mm256_loadu_pd(r.a0 + k);
+    if constexpr (BlendR) cr = _mm256_fmadd_pd(rf, _mm256_loadu_pd(r.a1 + k), _mm256_mul_pd(rk, cr));
+    if (k + 4 > n - 1) [[unlikely]] {  // the last group of the right half, perhaps of both
+      const __m256d mr = LaneMask(n - 1 - k);
+      const __m256d ml = _mm256_permute4x64_pd(LaneMask(std::min(4u, n - k)), 0x1B);
+      cl = _mm256_and_pd(cl, ml);
+      cr = _mm256_and_pd(cr, mr);
+      for (unsigned c = 0; c < Channels; ++c) {
+        accL[c] = _mm256_fmadd_pd(cl, _mm256_and_pd(_mm256_loadu_pd(x[c] - k - 3), ml), accL[c]);
+        accR[c] = _mm256_fmadd_pd(cr, _mm256_and_pd(_mm256_loadu_pd(x[c] + 1 + k), mr), accR[c]);
+      }
+      continue;
+    }
+    for (unsigned c = 0; c < Channels; ++c) {
+      accL[c] = _mm256_fmadd_pd(cl, _mm256_loadu_pd(x[c] - k - 3), accL[c]);
+      accR[c] = _mm256_fmadd_pd(cr, _mm256_loadu_pd(x[c] + 1 + k), accR[c]);
+    }
   }
-  if (const uint32_t rest = count - k) {
-    // Lanes past `count` hold taps the half filter doesn't have: masked on
-    // the sample side too, so a non-finite sample there adds nothing.
-    alignas(32) static const int64_t kLanes[8] = {-1, -1, -1, -1, 0, 0, 0, 0};
-    __m256d mask = _mm256_castsi256_pd(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(kLanes + 4 - rest)));
-    if constexpr (Dir < 0) mask = _mm256_permute4x64_pd(mask, 0x1B);
-    const __m256d c = _mm256_and_pd(Coefficients<Dir, Blend>(a0, a1, vf, vk, k), mask);
-    acc0 = _mm256_fmadd_pd(c, _mm256_and_pd(Samples<Dir>(x[0], k), mask), acc0);
-    if constexpr (Channels > 1) acc1 = _mm256_fmadd_pd(c, _mm256_and_pd(Samples<Dir>(x[1], k), mask), acc1);
+  for (unsigned c = 0; c < Channels; ++c) {
+    const double v = (HorizontalSum(accL[c]) + HorizontalSum(accR[c])) * fc;
+    out[c] = std::clamp(static_cast<float>(v), -1.0f, 1.0f);
   }
-  sums[0] = HorizontalSum(acc0);
-  sums[1] = Channels > 1 ? HorizontalSum(acc1) : 0.0;
 }
 
-using BlendDotFn = void (*)(const double*, const double*, double, const float* const*, uint32_t, double*);
+using FirFrameFn = void (*)(const HalfTaps&, const HalfTaps&, const double* const*, uint32_t, double, float*);
 
-template <int Dir>
-BlendDotFn PickAvx2(bool blend, unsigned nch) {
-  if (blend) return nch > 1 ? BlendDotAvx2<Dir, true, 2> : BlendDotAvx2<Dir, true, 1>;
-  return nch > 1 ? BlendDotAvx2<Dir, false, 2> : BlendDotAvx2<Dir, false, 1>;
+template <unsigned Channels>
+FirFrameFn PickFirFrame(bool blendL, bool blendR) {
+  if (blendL) return blendR ? FirFrameAvx2<Channels, true, true> : FirFrameAvx2<Channels, true, false>;
+  return blendR ? FirFrameAvx2<Channels, false, true> : FirFrameAvx2<Channels, false, false>;
 }
 
 bool HaveAvx2Fma() {
@@ -257,7 +298,7 @@ bool HaveAvx2Fma() {
 
 class FirInterpolator final : public RowInterpolator {
  public:
-  FirInterpolator(PaddedRows rows, unsigned channels, const FirDesign& design, uint64_t tableBudget,
+  FirInterpolator(Rows rows, unsigned channels, const FirDesign& design, uint64_t tableBudget,
                   std::unique_ptr<std::unique_ptr<double[]>[]> table)
       : RowInterpolator(std::move(rows), channels),
         d_(design),
@@ -268,21 +309,26 @@ class FirInterpolator final : public RowInterpolator {
 
   float sample(unsigned ch, uint32_t i, float t) override {
     const double u = t;
-    const float* x = X(ch);
-    const double left = Half(d_.half, u, x + i, -1);
-    const double right = Half(d_.half - 1, 1.0 - u, x + i + 1, +1);
+    const double* x = rows_.At(ch, i);
+    const double left = Half(d_.half, u, x, -1);
+    const double right = Half(d_.half - 1, 1.0 - u, x + 1, +1);
     return static_cast<float>((left + right) * d_.fc);
   }
 
   void Frame(uint32_t i, float t, float* out) {
     const double u = t;
-    double left[2], right[2];
+    HalfTaps l, r;
+    if (!Taps(u, l) || !Taps(1.0 - u, r)) return std::fill(out, out + channels_, 0.0f);
     for (unsigned ch = 0; ch < channels_; ch += 2) {
       const unsigned n = std::min(2u, channels_ - ch);
-      const float* x[2] = {X(ch) + i, X(ch + n - 1) + i};
-      if (!HalfSums(d_.half, u, x, n, -1, left)) return Zero(out);
-      const float* y[2] = {x[0] + 1, x[1] + 1};
-      if (!HalfSums(d_.half - 1, 1.0 - u, y, n, +1, right)) return Zero(out);
+      const double* x[2] = {rows_.At(ch, i), rows_.At(ch + n - 1, i)};
+      if (simd_) {
+        const bool bl = l.a1 != nullptr, br = r.a1 != nullptr;
+        (n == 2 ? PickFirFrame<2>(bl, br) : PickFirFrame<1>(bl, br))(l, r, x, d_.half, d_.fc, out + ch);
+        continue;
+      }
+      double left[2], right[2];
+      FirFrameScalar(l, r, x, n, d_.half, left, right);
       for (unsigned c = 0; c < n; ++c)
         out[ch + c] = std::clamp(static_cast<float>((left[c] + right[c]) * d_.fc), -1.0f, 1.0f);
     }
@@ -291,13 +337,14 @@ class FirInterpolator final : public RowInterpolator {
   int Filled() const { return filled_; }
 
  private:
-  void Zero(float* out) {
-    std::fill(out, out + channels_, 0.0f);
-  }
-
   // Row r of the table, computed on first use; null when it can't be had.
   const double* Row(int r) {
-    if (const double* row = table_[r].get()) return row;
+    if (const double* row = table_[r].get()) [[likely]]
+      return row;
+    return FillRow(r);
+  }
+
+  __attribute__((noinline)) const double* FillRow(int r) {
     const uint64_t bytes = uint64_t{d_.stride} * sizeof(double);
     if (failed_ || bytes > budget_) return (failed_ = true, nullptr);
     auto row = TryAllocArray<double>(d_.stride);
@@ -320,8 +367,18 @@ class FirInterpolator final : public RowInterpolator {
     return table_[r].get();
   }
 
+  // The rows of a half at `phase`: one, or two to blend.
+  bool Taps(double phase, HalfTaps& h) {
+    const double p = phase * kFirPhases;
+    const int r = static_cast<int>(p);
+    h.frac = p - r;
+    h.a0 = Row(r);
+    h.a1 = h.frac != 0.0 && r != kFirPhases ? Row(r + 1) : nullptr;
+    return h.a0 && (h.a1 || h.frac == 0.0 || r == kFirPhases);
+  }
+
   // The literal half filter: one row, or two rows' sums blended.
-  double Half(uint32_t count, double phase, const float* x, int dir) {
+  double Half(uint32_t count, double phase, const double* x, int dir) {
     const double p = phase * kFirPhases;
     const int r = static_cast<int>(p);
     const double frac = p - r;
@@ -338,25 +395,6 @@ class FirInterpolator final : public RowInterpolator {
     return frac * dot(b) + (1.0 - frac) * dot(a);
   }
 
-  // Half for up to two channels at once, the rows blended before the dot
-  // product: the same sum to well within a float's rounding.
-  bool HalfSums(uint32_t count, double phase, const float* const* x, unsigned n, int dir, double* sums) {
-    const double p = phase * kFirPhases;
-    const int r = static_cast<int>(p);
-    const double frac = p - r;
-    const double* a = Row(r);
-    const bool blend = frac != 0.0 && r != kFirPhases;
-    const double* b = blend ? Row(r + 1) : nullptr;
-    if (!a || (blend && !b)) return false;
-    if (simd_) {
-      const BlendDotFn fn = dir > 0 ? PickAvx2<1>(blend, n) : PickAvx2<-1>(blend, n);
-      fn(a, b, frac, x, count, sums);
-    } else {
-      BlendDotScalar(a, b, frac, x, n, count, dir, sums);
-    }
-    return true;
-  }
-
   FirDesign d_;
   double i0Beta_;
   uint64_t budget_;
@@ -365,9 +403,9 @@ class FirInterpolator final : public RowInterpolator {
   int filled_ = 0;
 };
 
-// The kind's interpolator over `source`, with its zero-padded rows; null
-// ("Out of memory") when they don't fit in `budget` bytes, which is
-// lowered by what they take.
+// The kind's interpolator over `source`, with its window of rows; null
+// ("Out of memory") when it doesn't fit in `budget` bytes, which is lowered
+// by what the window takes.
 std::unique_ptr<Interpolator> Build(const Waveform& source, int algorithm, double ratio, uint64_t& budget) {
   const Kind kind = KindOf(algorithm);
   FirDesign design;
@@ -375,11 +413,9 @@ std::unique_ptr<Interpolator> Build(const Waveform& source, int algorithm, doubl
     design = DesignFir(ResampleQuality(algorithm, source.samplesF != nullptr), ratio);
     if (design.half == 0) return (Fail(kContext, "Out of memory"), nullptr);
   }
-  const Reach reach = ReachOf(kind, design);
-  PaddedRows rows;
-  const uint64_t rowBytes = rows.Bytes(source, reach);
-  if (rowBytes > budget || !rows.Build(source, reach)) return (Fail(kContext, "Out of memory"), nullptr);
-  budget -= rowBytes;
+  Rows rows(source, ReachOf(kind, design));
+  if (rows.Bytes() > budget || !rows.Allocate()) return (Fail(kContext, "Out of memory"), nullptr);
+  budget -= rows.Bytes();
   const unsigned channels = source.channels;
   Interpolator* made = nullptr;
   switch (kind) {

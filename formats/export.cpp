@@ -16,6 +16,7 @@
 
 #include "core/app.h"
 #include "core/error.h"
+#include "core/resample.h"
 #include "core/fileref.h"
 #include "core/instrument_ops.h"
 #include "core/settings.h"
@@ -269,10 +270,19 @@ Waveform* AdaptWave(Waveform* wave, const ExportRequest& request, uint32_t rate)
     if (wave->channels == 1 && !(word & kCapMono)) channels = 2;
   }
   if (rate != 0 && rate != wave->sampleRate) {
-    // Sample-rate conversion arrives with the resampler; until then a rate
-    // change is refused rather than written at the wrong pitch.
-    Fail(kExportContext, "Resampling is not available yet: can't save \"%s\" at %u Hz", wave->name, rate);
-    return nullptr;
+    // A copy at the new rate, then its channels; the copy goes unless it is
+    // what the writer gets.
+    if (!wave->collection) return (Fail(kExportContext, "Out of memory"), nullptr);
+    auto* copy = static_cast<Waveform*>(CloneItem(*wave, *wave->collection, wave->name, false));
+    if (!copy) return (Fail(kExportContext, "Out of memory"), nullptr);
+    if (!resampleToRate(*copy, *wave, rate, kResampleAuto, nullptr)) {
+      DeleteItem(copy);
+      return nullptr;
+    }
+    Waveform* adapted = AdaptWaveChannels(*copy, channels);
+    if (adapted != copy) DeleteItem(copy);
+    if (!adapted && !ErrorMessage[0]) Fail(kExportContext, "Out of memory");
+    return adapted;
   }
   Waveform* adapted = AdaptWaveChannels(*wave, channels);
   if (!adapted && !ErrorMessage[0]) Fail(kExportContext, "Out of memory");

@@ -1,6 +1,6 @@
 // The table of audio operations, in the table's own (alphabetical) order,
 // and the pages of the in-place edits. Rows whose operation isn't written yet
-// (resampling, loop tools, tuning, time stretch, volume and silence tools,
+// (loop tools, tuning, time stretch, volume and silence tools,
 // VST effects) are listed with their page,
 // availability and flags; their handler is OperationNotInBuild until then.
 //
@@ -16,6 +16,7 @@
 #include "processing/length_pages.h"
 #include "processing/loops.h"
 #include "processing/names.h"
+#include "processing/resample_page.h"
 #include "processing/statistics.h"
 #include "processing/volume.h"
 #include "processing/wizard.h"
@@ -215,7 +216,7 @@ const WizardOperation kAudioOperations[] = {
     {"Pitch scale", 336, OperationNotInBuild, AlwaysAvailable, 0, "pitch-scale", nullptr, 0},
     {"Remove DC offset", 331, RemoveDcPage, AlwaysAvailable, kOpNoPage, "remove-dc", nullptr, 0},
     {"Remove silent sections", 304, OperationNotInBuild, AlwaysAvailable, 0, "remove-silence", nullptr, 0},
-    {"Resample", 303, OperationNotInBuild, AlwaysAvailable, 0, "resample", nullptr, 0},
+    {"Resample", 303, ResamplePage, AlwaysAvailable, 0, "resample", KV_CONTROLS(kResampleControls)},
     {"Reverse audio within selection", 312, ReversePage, RangeActive, kOpRange | kOpNoPage, "reverse", nullptr, 0},
     {"Search and replace text in names", 329, SearchReplacePage, AlwaysAvailable, 0, "search-replace",
      KV_CONTROLS(kSearchControls)},

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "core/error.h"
+#include "core/resample.h"
 #include "core/wavestore.h"
 
 namespace kv {
@@ -42,6 +44,28 @@ class Adapted {
 
  private:
   Waveform* original_ = nullptr;
+  Waveform* wave_ = nullptr;
+};
+
+// A copy of a source at another rate, deleted when it goes out of scope.
+class Resampled {
+ public:
+  Resampled() = default;
+  Resampled(const Resampled&) = delete;
+  Resampled& operator=(const Resampled&) = delete;
+  ~Resampled() {
+    if (wave_) DeleteItem(wave_);
+  }
+  // The source at `rate` (the resampler's automatic filter); null when it
+  // can't be made.
+  Waveform* Take(Waveform& source, uint32_t rate) {
+    if (!source.collection) return (Fail("kvResample2", "Out of memory"), nullptr);
+    wave_ = static_cast<Waveform*>(CloneItem(source, *source.collection, source.name, false));
+    if (!wave_ || !resampleToRate(*wave_, source, rate, kResampleAuto, nullptr)) return nullptr;
+    return wave_;
+  }
+
+ private:
   Waveform* wave_ = nullptr;
 };
 
@@ -160,13 +184,17 @@ EditResult insertFrames(Waveform& wave, int64_t position, Waveform* source, uint
     Fail(context, "Out of memory");
     return EditResult::Failed;
   }
+  Resampled resampled;
   Adapted adapted;
   const Waveform* from = nullptr;
   if (source && count) {
     if (!Loaded(*source)) return EditResult::Failed;
     if (source->sampleRate != wave.sampleRate) {
-      Fail(context, "Resampling is not available yet");
-      return EditResult::Failed;
+      if (!(source = resampled.Take(*source, wave.sampleRate))) {
+        const std::string why = ErrorMessage;  // the core's text under this edit's title
+        Fail(context, "%s", why.c_str());
+        return EditResult::Failed;
+      }
     }
     from = source->channels == wave.channels ? source : adapted.Take(*source, wave.channels);
     if (!from) {

@@ -26,8 +26,9 @@ EditResult cutFrames(Waveform& wave, int64_t first, int64_t end, const char* con
 // Inserts `count` frames at `position`: frames of `source` from
 // `sourceOffset` (silence past its end, or all silence without a source).
 // A position past the end pads the gap with silence. Float on either side
-// makes the result float; a source with other channels is converted on a
-// clone first; one at another rate is refused. Loop points at or after the
+// makes the result float; a source with other channels or another rate is
+// converted on a clone first (the rate by the resampler's automatic filter),
+// `count` then counting frames at the wave's rate. Loop points at or after the
 // position (the end only when strictly after it) move by `count`.
 EditResult insertFrames(Waveform& wave, int64_t position, Waveform* source, uint32_t sourceOffset, uint32_t count,
                         const char* context = "Insert silence");

@@ -6,6 +6,7 @@
 
 #include "core/app.h"
 #include "core/error.h"
+#include "core/resample.h"
 #include "processing/channels.h"
 #include "processing/length.h"
 
@@ -136,7 +137,9 @@ bool InsertWavePage(ProcessingWizard& w, WizardPhase phase, int) {
     const auto count = static_cast<uint32_t>(w.Control(1).number);
     const int at = Choice(w, 2);
     w.ForEachWave([&](Waveform& wave) {
-      return insertFrames(wave, InsertPosition(w, wave, at), source, 0, count ? count : source->length, kContext);
+      // The whole source, as long as it comes out at the wave's rate.
+      const uint32_t whole = ResampledLength(source->length, source->sampleRate, wave.sampleRate);
+      return insertFrames(wave, InsertPosition(w, wave, at), source, 0, count ? count : whole, kContext);
     });
     return true;
   });

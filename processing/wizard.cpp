@@ -109,6 +109,11 @@ SettingValue ClampToControl(const PageControl& control, SettingValue value) {
       value.number = std::clamp(value.number, control.minimum, control.maximum);
       break;
     case ControlType::Integer:
+      // A default below the minimum is an empty field, which the page fills.
+      if (control.defaultValue < control.minimum && (std::isnan(value.number) || value.number == control.defaultValue)) {
+        value.number = control.defaultValue;
+        break;
+      }
       if (std::isnan(value.number)) value.number = control.defaultValue;
       value.number = std::round(std::clamp(value.number, control.minimum, control.maximum));
       break;

@@ -192,6 +192,17 @@ TEST(Resample, EveryAlgorithmAndRatioWithinOneUlpOfTheLiteralFormulas) {
         DeleteItem(dst);
       }
   }
+  // A wave longer than the window of rows the interpolators hold.
+  {
+    Collection c;
+    Waveform* src = MakeWave(c, 40000, 2, false, 11);
+    auto* dst = Create<Waveform>(c, "out");
+    ASSERT_TRUE(kvResample2(*dst, *src, 0.91875, 36750, 1, 5));
+    const std::vector<float> want = LiteralResample(*src, 0.91875, 36750, 5);
+    int bad = 0;
+    for (std::size_t i = 0; i < want.size(); ++i) bad += !WithinUlp(dst->samplesF[i], want[i]);
+    EXPECT_EQ(bad, 0);
+  }
   // Any other algorithm number is linear interpolation.
   Collection c;
   Waveform* src = MakeWave(c, 100, 1, true, 3);
