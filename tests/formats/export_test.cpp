@@ -332,7 +332,7 @@ TEST_F(ExportTest, RefusalsCarryTheirTexts) {
   EXPECT_STREQ(ErrorMessage, "Could not create file");
 }
 
-TEST_F(ExportTest, AdaptWaveChangesChannelsAndRefusesRatesForNow) {
+TEST_F(ExportTest, AdaptWaveChangesChannelsAndRates) {
   Collection c;
   Waveform* st = MakeWave(c, "St", 4, 2);
   ExportRequest monoOnly{kCapMono | (1u << kPcm16), 0, 0.0f};
@@ -344,8 +344,25 @@ TEST_F(ExportTest, AdaptWaveChangesChannelsAndRefusesRatesForNow) {
   EXPECT_EQ(c.Count(ItemType::Waveform), 1u);
   EXPECT_EQ(AdaptWave(st, ExportRequest{}, 0), st);  // "Auto" keeps the wave
 
-  EXPECT_EQ(AdaptWave(st, ExportRequest{}, 22050), nullptr);
-  EXPECT_NE(std::strstr(ErrorMessage, "Resampling is not available yet"), nullptr);
+  // Another rate: a resampled copy (the automatic filter), then its
+  // channels; the source stays as it was and no copy stays behind.
+  st->loopType = 1;
+  st->loopStart = 1;
+  st->loopEnd = 3;
+  Waveform* half = AdaptWave(st, monoOnly, 22050);
+  ASSERT_NE(half, nullptr);
+  EXPECT_NE(half, st);
+  EXPECT_EQ(half->sampleRate, 22050u);
+  EXPECT_EQ(half->length, 2u);
+  EXPECT_EQ(half->channels, 1);
+  EXPECT_EQ(half->loopStart, 1.0f);  // trunc(0.5 + 0.5)
+  EXPECT_EQ(half->loopEnd, 2.0f);
+  ASSERT_NE(half->samplesF, nullptr);
+  ReleaseAdaptedWave(*st, half);
+  EXPECT_EQ(c.Count(ItemType::Waveform), 1u);
+  EXPECT_EQ(st->sampleRate, 44100u);
+  EXPECT_EQ(st->length, 4u);
+  EXPECT_NE(st->samples16, nullptr);
   EXPECT_EQ(AdaptWave(nullptr, ExportRequest{}, 0), nullptr);
 }
 

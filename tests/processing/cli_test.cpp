@@ -100,11 +100,11 @@ TEST_F(Cli, OpsListsEveryRowInOrder) {
     EXPECT_EQ(keys[i], rows[i]->key);
     EXPECT_NE(r.out.find(std::string("\"") + rows[i]->name + "\""), std::string::npos) << rows[i]->name;
   }
-  const std::size_t resample = r.out.find("\nresample ");
-  ASSERT_NE(resample, std::string::npos);
-  const std::string line = r.out.substr(resample + 1, r.out.find('\n', resample + 1) - resample - 1);
-  EXPECT_NE(line.find("\"Resample\""), std::string::npos) << line;
-  EXPECT_NE(line.find("page 303  always"), std::string::npos) << line;
+  const std::size_t vst = r.out.find("\nvst ");
+  ASSERT_NE(vst, std::string::npos);
+  const std::string line = r.out.substr(vst + 1, r.out.find('\n', vst + 1) - vst - 1);
+  EXPECT_NE(line.find("\"VST plug-in effects\""), std::string::npos) << line;
+  EXPECT_NE(line.find("page 327  always"), std::string::npos) << line;
   EXPECT_TRUE(line.ends_with("not in this build")) << line;
   Result fade = Kelvo("--ops FADE");
   EXPECT_NE(fade.out.find("fade "), std::string::npos);
@@ -163,6 +163,8 @@ TEST_F(Cli, BadUsageExitsTwoNamingTheKey) {
       {"in.wav --op adjust-volume db=abc", "db must be a value in -96..96, not \"abc\""},
       {"in.wav --op adjust-volume db=200", "db must be a value in -96..96"},
       {"in.wav --op fade mode=4", "mode must be a value in 0..3"},
+      {"in.wav --op resample rate=0", "rate must be a value in 1..768000, not \"0\""},
+      {"in.wav --op resample rate=768001", "rate must be a value in 1..768000"},
       {"in.wav --op remove-dc range=0:10", "\"Remove DC offset\" takes no range="},
       {"in.wav --op reverse range=10:5", "range must be START:END"},
       {"--op adjust-volume", "no waveforms to process"},
@@ -175,11 +177,11 @@ TEST_F(Cli, BadUsageExitsTwoNamingTheKey) {
     EXPECT_FALSE(fs::exists(dir / "out.wav")) << c.args;  // nothing saved after bad usage
   }
   // A row of later work fails at run time: reported, exit 1, the file unchanged.
-  Result later = Kelvo("in.wav --op resample --save out.wav");
+  Result later = Kelvo("in.wav --op vst --save out.wav");
   EXPECT_EQ(later.code, 1);
-  EXPECT_NE(later.err.find("Processing: \"Resample\" is not available in this build"), std::string::npos)
+  EXPECT_NE(later.err.find("Processing: \"VST plug-in effects\" is not available in this build"), std::string::npos)
       << later.err;
-  EXPECT_NE(later.out.find("No items were modified by Resample"), std::string::npos);
+  EXPECT_NE(later.out.find("No items were modified by VST plug-in effects"), std::string::npos);
 }
 
 // sox's verdict on one operation, for both files.

@@ -226,12 +226,14 @@ TEST_F(Length, InsertMovesLoopPointsAtOrAfterThePosition) {
   EXPECT_EQ(m->samples16[2], 1);
   EXPECT_EQ(c.Count(ItemType::Waveform), 4u);  // no converted copy left behind
 
-  // Another rate is refused until the resampler exists; no source at all too.
+  // Another rate is converted on a copy first (count 0: all of the copy),
+  // which goes again; no source at all is refused.
   st->sampleRate = 22050;
-  EXPECT_EQ(Run("insert-wave", {m}), 0u);
-  EXPECT_EQ(failed, 1u);
-  EXPECT_EQ(Error(), "Insert another waveform: Resampling is not available yet");
-  EXPECT_EQ(m->length, 10005u);
+  EXPECT_EQ(Run("insert-wave", {m}), 1u);
+  EXPECT_EQ(m->length, 10009u);
+  ASSERT_NE(m->samplesF, nullptr);  // the resampled copy is float
+  EXPECT_EQ(st->sampleRate, 22050u);
+  EXPECT_EQ(c.Count(ItemType::Waveform), 4u);
   Set("insert-wave", 0, 0, "<none>");
   EXPECT_EQ(Run("insert-wave", {m}), 0u);
   EXPECT_EQ(Error(), "Insert another waveform: No 2nd waveform selected");

@@ -76,6 +76,7 @@ const Row kTable[] = {
 
 // The rows this build runs; every other row refuses to run.
 const char* const kInBuild[] = {"Adjust volume",
+                                "Resample",
                                 "Fade in/out selection",
                                 "Invert sign throughout selection",
                                 "Maximize amplitude",

@@ -91,6 +91,7 @@ struct RowSetting {
 [[maybe_unused]] const RowSetting kSettings[] = {
     {"search-replace", 0, 0, "o"},  {"append", 0, 0, "Mono float"}, {"insert-wave", 0, 0, "Mono 16"},
     {"mix", 1, 0, "0,5"},           {"mix", 4, 0, "Mono float"},    {"to-mono", 0, 3, ""},  // the split
+    {"resample", 1, 32000, ""},     {"resample", 2, 3, ""},  // short rows, each an allocation
 };
 
 [[maybe_unused]] Result RunOnAll(Collection& c, const WizardOperation& row) {
