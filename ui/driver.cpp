@@ -197,6 +197,7 @@ int RunDriver(std::vector<std::string> args) {
       ->expected(0, 1)
       ->default_str("");
   app.add_flag("--info", opt.info, "Detect each file's format instead of loading it");
+  app.add_flag("--count", opt.count, "Print the item counts of the loaded collection, as the window's Item count shows them");
   app.add_flag("--demo", opt.demo, "Load the default General MIDI bank, or a built-in demo, and list it");
   app.add_option("--command", opt.commands,
                  "Run a collection command by its menu number after loading (109-111, 115, 128, 138, 149, 154, 155, 185)");
@@ -306,6 +307,8 @@ int RunDriver(std::vector<std::string> args) {
     } else if (opt.list) {
       PrintItemTree(stdout, MainCollection(), opt.listEvents);
     }
+    if (opt.count)
+      for (const std::string& line : ItemCountLines(MainCollection())) std::printf("%s\n", line.c_str());
   }
 
   if (opt.saveSettings && !SaveSettings()) {

@@ -11,6 +11,7 @@ struct DriverOptions {
   bool listParams = false;
   bool listEvents = false;
   bool info = false;
+  bool count = false;  // the "Item count..." lines
   bool demo = false;
   bool printSettings = false;
   bool saveSettings = false;

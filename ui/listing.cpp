@@ -200,4 +200,23 @@ void PrintSummary(std::FILE* out, const Collection& c) {
                  inst->name);
 }
 
+std::vector<std::string> ItemCountLines(const Collection& c) {
+  auto line = [](const char* title, uint32_t count, const std::string& detail) {
+    return std::string(title) + (count ? std::to_string(count) + "\t" + detail : std::string("none"));
+  };
+  char text[160];
+  std::snprintf(text, sizeof text, "(%u layers, %u regions)", c.Count(ItemType::Layer), c.Count(ItemType::Region));
+  std::vector<std::string> lines{line("Instruments:\t", c.Count(ItemType::Instrument), text)};
+  uint64_t bytes = 0;
+  for (const Waveform* w : c.All<Waveform>()) bytes += w->SampleCount() * (w->samplesF || w->bits > 16 ? 4 : 2);
+  // Thousands grouped by commas, whatever the locale.
+  std::string kb = std::to_string(bytes / 1024);
+  for (int at = static_cast<int>(kb.size()) - 3; at > 0; at -= 3) kb.insert(static_cast<std::size_t>(at), ",");
+  std::snprintf(text, sizeof text, "(total %s KB / %.1f MB)", kb.c_str(), static_cast<double>(bytes) / 1048576.0);
+  lines.push_back(line("Waveforms:\t", c.Count(ItemType::Waveform), text));
+  std::snprintf(text, sizeof text, "(%u tracks)", c.Count(ItemType::Track));
+  lines.push_back(line("Songs:\t", c.Count(ItemType::Song), text));
+  return lines;
+}
+
 }  // namespace kv

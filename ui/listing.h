@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "core/items.h"
 
@@ -16,5 +18,10 @@ void PrintItemTree(std::FILE* out, const Collection& c, bool events = false);
 // What a collection holds in a few lines: its name and source, the count of
 // each item type, and one line per instrument.
 void PrintSummary(std::FILE* out, const Collection& c);
+
+// The lines of "Item count...": instruments with their layers and regions,
+// waveforms with their memory, songs with their tracks; "none" for zero.
+// The window's dialog and `kelvo --count` show the same lines.
+std::vector<std::string> ItemCountLines(const Collection& c);
 
 }  // namespace kv
