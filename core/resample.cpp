@@ -231,12 +231,6 @@ __attribute__((target("avx2,fma"))) static inline double HorizontalSum(__m256d v
   return _mm_cvtsd_f64(_mm_add_sd(pair, _mm_unpackhi_pd(pair, pair)));
 }
 
-__attribute__((target("avx2,fma"))) static inline __m256d Blended(const HalfTaps& h, __m256d vf, __m256d vk,
-                                                                  uint32_t k) {
-  const __m256d c = _mm256_loadu_pd(h.a0 + k);
-  return h.a1 ? _mm256_fmadd_pd(vf, _mm256_loadu_pd(h.a1 + k), _mm256_mul_pd(vk, c)) : c;
-}
-
 // The first `valid` (0-4) lanes set.
 __attribute__((target("avx2,fma"))) static inline __m256d LaneMask(uint32_t valid) {
   alignas(32) static const int64_t kLanes[8] = {-1, -1, -1, -1, 0, 0, 0, 0};
