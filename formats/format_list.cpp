@@ -1,12 +1,14 @@
 // Command-line listings of the registry (--formats) and of files (--info).
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "core/app.h"
 #include "core/error.h"
 #include "core/fileref.h"
 #include "core/items.h"
 #include "core/wavestore.h"
+#include "formats/modules/akai.h"
 #include "formats/modules/raw.h"
 #include "formats/modules/wav.h"
 #include "formats/registry.h"
@@ -91,6 +93,12 @@ bool PrintFileInfo(std::FILE* out, const std::filesystem::path& path) {
   const std::string coding = FileCoding(row, file);
   std::fprintf(out, "%s\t%d\t%s\t%s\t%d%%%s%s\n", path.c_str(), row, FormatExtension(row), FormatName(row), confidence,
                coding.empty() ? "" : "\t", coding.c_str());
+  // A disk image lists its files under it.
+  if (const FormatEntry* entry = FormatAt(row); entry && entry->read == akafd_Imp) {
+    std::vector<std::string> names;
+    if (!akafd_List(file, entry->parameter, names)) return false;
+    for (const std::string& name : names) std::fprintf(out, "\t%s\n", name.c_str());
+  }
   return true;
 }
 

@@ -69,7 +69,7 @@ constexpr FormatEntry kFormats[] = {
     /* 16*/ {"aiff", aiff_Imp, aiff_Exp, aiff_Detect, "Audio interchange", 0x01, 0x00300035, 0, nullptr, RWD},
     /* 17*/ {"aifc", aiff_Imp, nullptr, aiff_Detect, "Compressed AIFF", 0x01, 0x00000000, 1, nullptr, RD},
     /* 18*/ {"ais", nullptr, nullptr, nullptr, "Velvet Studio instrument", 0x10, 0x00000000, 0, nullptr, RD},
-    /* 19*/ {"akai", nullptr, nullptr, akai_DiskDetect, "AKAI S-series disk image", 0x11, 0x00000000, 0, nullptr, RD},
+    /* 19*/ {"akai", akafd_Imp, nullptr, akai_DiskDetect, "AKAI S-series disk image", 0x11, 0x00000000, 0, nullptr, RD},
     /* 20*/ {"akp", nullptr, nullptr, akai_AkpDetect, "AKAI S5000 program", 0x10, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /* 21*/ {"alaw", raw_CodedImp, raw_CodedExp, raw_CodedDetect, "G.711 A-law", 0x01, 0x00300200, RawParameter(kRawALaw, 8), nullptr, RWD},
     /* 22*/ {"alw", raw_CodedImp, raw_CodedExp, raw_CodedDetect, "G.711 A-law", 0x01, 0x00300200, RawParameter(kRawALaw, 8), nullptr, RWD},
@@ -118,7 +118,7 @@ constexpr FormatEntry kFormats[] = {
     /* 65*/ {"dls", nullptr, dls_Exp, nullptr, "DownLoadable Sounds level 2+", 0x91, 0x00127F75, 3, nullptr, W_},
     /* 66*/ {"dls", nullptr, dls_Exp, nullptr, "DownLoadable Sounds level 2++", 0x91, 0x00327F75, 4, nullptr, W_},
     /* 67*/ {"dmf", nullptr, nullptr, mod_DmfDetect, "XTracker module", 0x80, 0x00000000, 0, nullptr, RD},
-    /* 68*/ {"dmg", nullptr, nullptr, akai_DiskDetect, "ChkSys AKAI S-series", 0x11, 0x00000000, 1, nullptr, RD},
+    /* 68*/ {"dmg", akafd_Imp, nullptr, akai_DiskDetect, "ChkSys AKAI S-series", 0x11, 0x00000000, 1, nullptr, RD},
     /* 69*/ {"dr8", nullptr, nullptr, nullptr, "FXpansion DR-008 drums", 0x10, 0x00000000, 0, nullptr, RD},
     /* 70*/ {"dr8", nullptr, nullptr, nullptr, "FXpansion DR-008 drums, Embedded WAVs", 0x10, 0x00000000, 0, nullptr, W_},  // encodings unknown
     /* 71*/ {"dr8", nullptr, nullptr, nullptr, "FXpansion DR-008 drums, External WAVs", 0x10, 0x00000000, 0, nullptr, W_},  // encodings unknown
@@ -337,10 +337,10 @@ constexpr FormatEntry kFormats[] = {
     /*284*/ {"out", nullptr, nullptr, nullptr, "Roland S-5xx series floppy disk image", 0x80, 0x00000000, 0, nullptr, RD},
     /*285*/ {"out", nullptr, nullptr, nullptr, "Roland S-7xx series floppy disk image", 0x80, 0x00000000, 0, nullptr, RD},
     /*286*/ {"p", nullptr, nullptr, akai_ProgramDetect, "AKAI S900/S950 program", 0x10, 0x00000000, 9, nullptr, RD},
-    /*287*/ {"p", nullptr, nullptr, akai_ProgramDetect, "AKAI S1000 program", 0x10, 0x00300004, 1, nullptr, RWD},
-    /*288*/ {"p", nullptr, nullptr, akai_ProgramDetect, "AKAI S3000 program", 0x10, 0x00300004, 3, nullptr, RWD},
-    /*289*/ {"p1", nullptr, nullptr, akai_ProgramDetect, "AKAI S1000 program", 0x10, 0x00000000, 1, nullptr, RD},
-    /*290*/ {"p3", nullptr, nullptr, akai_ProgramDetect, "AKAI S3000 program", 0x10, 0x00000000, 3, nullptr, RD},
+    /*287*/ {"p", akaip_Imp, akaip_Exp, akai_ProgramDetect, "AKAI S1000 program", 0x10, 0x00300004, 1, nullptr, RWD},
+    /*288*/ {"p", akaip_Imp, akaip_Exp, akai_ProgramDetect, "AKAI S3000 program", 0x10, 0x00300004, 3, nullptr, RWD},
+    /*289*/ {"p1", akaip_Imp, nullptr, akai_ProgramDetect, "AKAI S1000 program", 0x10, 0x00000000, 1, nullptr, RD},
+    /*290*/ {"p3", akaip_Imp, nullptr, akai_ProgramDetect, "AKAI S3000 program", 0x10, 0x00000000, 3, nullptr, RD},
     /*291*/ {"p9", nullptr, nullptr, akai_ProgramDetect, "AKAI S900/S950 program", 0x10, 0x00100002, 9, nullptr, RWD},
     /*292*/ {"p3k", nullptr, nullptr, nullptr, "Kurzweil PC3K", 0x91, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*293*/ {"pac", nullptr, nullptr, nullptr, "SB Studio II", 0x80, 0x00000000, 0, nullptr, RD},
@@ -398,10 +398,10 @@ constexpr FormatEntry kFormats[] = {
     /*345*/ {"rockwell-3", raw_CodedImp, raw_CodedExp, raw_CodedDetect, "Rockwell 3-bit ADPCM", 0x01, 0x00101000, RawParameter(kRawRockwell, 3), nullptr, RWD},
     /*346*/ {"rockwell-4", raw_CodedImp, raw_CodedExp, raw_CodedDetect, "Rockwell 4-bit ADPCM", 0x01, 0x00102000, RawParameter(kRawRockwell, 4), nullptr, RWD},
     /*347*/ {"s", nullptr, nullptr, akai_SampleDetect, "AKAI S900/S950 sample", 0x01, 0x00000000, 9, nullptr, RD},
-    /*348*/ {"s", nullptr, nullptr, akai_SampleDetect, "AKAI S1000 sample", 0x01, 0x00100004, 1, nullptr, RWD},
-    /*349*/ {"s", nullptr, nullptr, akai_SampleDetect, "AKAI S3000 sample", 0x01, 0x00100004, 3, nullptr, RWD},
-    /*350*/ {"s1", nullptr, nullptr, akai_SampleDetect, "AKAI S1000 sample", 0x01, 0x00000000, 1, nullptr, RD},
-    /*351*/ {"s3", nullptr, nullptr, akai_SampleDetect, "AKAI S3000 sample", 0x01, 0x00000000, 3, nullptr, RD},
+    /*348*/ {"s", akais_Imp, akais_Exp, akai_SampleDetect, "AKAI S1000 sample", 0x01, 0x00100004, 1, nullptr, RWD},
+    /*349*/ {"s", akais_Imp, akais_Exp, akai_SampleDetect, "AKAI S3000 sample", 0x01, 0x00100004, 3, nullptr, RWD},
+    /*350*/ {"s1", akais_Imp, nullptr, akai_SampleDetect, "AKAI S1000 sample", 0x01, 0x00000000, 1, nullptr, RD},
+    /*351*/ {"s3", akais_Imp, nullptr, akai_SampleDetect, "AKAI S3000 sample", 0x01, 0x00000000, 3, nullptr, RD},
     /*352*/ {"s9", nullptr, nullptr, akai_SampleDetect, "AKAI S900/S950 sample", 0x01, 0x00100002, 9, nullptr, RWD},
     /*353*/ {"s1a", nullptr, nullptr, nullptr, "Yamaha EX5 all", 0x01, 0x00000000, 0, nullptr, RD},
     /*354*/ {"s1m", nullptr, nullptr, nullptr, "Yamaha EX5 waves", 0x91, 0x00000000, 0, nullptr, RWD},  // encodings unknown
