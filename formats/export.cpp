@@ -720,6 +720,11 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
   if (!item && c.Count(ItemType::Instrument) == 0 && c.Count(ItemType::Waveform) == 1 && c.Count(ItemType::Song) == 0 &&
       writesAs(TypeBit(ItemType::Waveform)))
     subject = c.All<Waveform>().front();
+  // A lone instrument likewise, for a format that keeps one instrument
+  // and no collection ("kelvo a.p --save a.sfz").
+  if (!item && subject == &c && c.Count(ItemType::Instrument) == 1 && c.Count(ItemType::Song) == 0 &&
+      !writesAs(TypeBit(ItemType::Collection)) && writesAs(TypeBit(ItemType::Instrument)))
+    subject = c.All<Instrument>().front();
   // The instruments loaded beside a song are the ones it plays ("kelvo
   // a.mid bank.sf2 --save a.wav").
   if (!item && subject == &c && c.Count(ItemType::Song) == 1 &&

@@ -505,6 +505,11 @@ bool WriteProgram(Instrument& inst, FileRef& file, uint32_t form) {
   if (groups.size() > kMaxKeygroups)
     return Fail(kExp, "Too many keygroups for an AKAI program (%zu, at most %d)", groups.size(), kMaxKeygroups);
 
+  // Every wave in memory first: a sample file about to be replaced may be
+  // where a wave reads from.
+  for (Zone& z : zones)
+    if (!z.wave->EnsureData()) return Fail(kExp, "Could not read the wave data");
+
   // Names and sample files: one per wave, beside the program.
   akai::SideFiles side;
   Names names;
@@ -563,7 +568,6 @@ bool WriteProgram(Instrument& inst, FileRef& file, uint32_t form) {
     for (int z = 0; z < kZones; ++z) {
       uint8_t* zone = k + kFirstZone + z * kZoneSize;
       std::fill(zone, zone + 12, uint8_t{10});
-      zone[13] = 127;
       std::fill(zone + 20, zone + 24, uint8_t{255});
       if (static_cast<std::size_t>(z) >= groups[g].size()) continue;
       const Zone& zn = *groups[g][z];
