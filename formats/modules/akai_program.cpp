@@ -47,18 +47,19 @@ constexpr int kMaxKeygroups = 99;  // what the machines hold
 // monotonic, and spaced so that each step stays a different value after the
 // model's rounding, so a byte read is written back unchanged.
 
-// Envelope attack, decay and release: 0 to about 20 s, fine at the short end.
-double EnvelopeTime(int v) { return 0.005 * v + 0.001 * (std::exp(v / 10.0) - 1.0); }
+// Envelope attack, decay and release: 0 to about 60 s, fine at the short end.
+double EnvelopeTime(int v) { return 0.005 * v + 0.001 * (std::exp(v / 9.0) - 1.0); }
 // LFO rate: 0.05 Hz to 20 Hz, evenly on a log scale.
 double LfoRate(int v) { return 0.05 * std::pow(400.0, v / 99.0); }
-// LFO delay: 0 to about 9.7 s.
-double LfoDelay(int v) { return EnvelopeTime(v) / 2.1; }
+// LFO delay: 0 to about 9.9 s.
+double LfoDelay(int v) { return 0.002 * v + 0.001 * (std::exp(v / 10.8) - 1.0); }
 // Filter 0-99 as cutoff: 20 Hz doubling every ten steps (99: about 19 kHz).
 double CutoffHz(int v) { return 20.0 * std::pow(2.0, v / 10.0); }
 
-// The common factor of velocity, key and pressure to volume: dB per step,
-// the largest that keeps +-50 inside every row's range.
-constexpr double kVolumeFactor = 0.48;
+// The common factor of velocity, key and pressure to volume, in dB per
+// step: 50 steps of velocity are the model's full 96 dB. Key to volume stops
+// at the model's 24 dB per octave, 12.5 steps.
+constexpr double kVolumeFactor = 1.92;
 // Filter modulation amounts in semitones per step.
 constexpr double kFilterFactor = 0.1 * kVolumeFactor * 8.5;
 constexpr double kLoudnessStep = 0.6;  // dB per loudness step
@@ -120,7 +121,9 @@ void WriteEnvelopeBytes(const Articulation& art, int k, uint8_t* e) {
   EnvGroup g = art.ReadEnvelope(k);
   if (!IsPlainEnvelope(g)) FoldToDahdsr(g, k != kEnvV);
   e[0] = static_cast<uint8_t>(Nearest(EnvRow(k, kEnvA2Time), EnvelopeTime, g.row[kEnvA2Time]));
-  e[1] = static_cast<uint8_t>(Nearest(EnvRow(k, kEnvD2Time), EnvelopeTime, g.row[kEnvD2Time]));
+  // The machine has no hold: the decay ends where hold and decay did.
+  e[1] = static_cast<uint8_t>(
+      Nearest(EnvRow(k, kEnvD2Time), EnvelopeTime, g.row[kEnvD1Time] + g.row[kEnvD2Time]));
   e[2] = static_cast<uint8_t>(Steps(g.row[kEnvSustain], 1.0 / 99.0, 0, 99));
   e[3] = static_cast<uint8_t>(Nearest(EnvRow(k, kEnvR1Rate), EnvelopeTime, g.row[kEnvR1Rate]));
 }
@@ -222,6 +225,7 @@ bool ReadProgram(Collection& c, std::span<const uint8_t> bytes, const SampleLook
   const std::string name = Trimmed(akai_DecodeName({h + 3, kNameLength}));
   inst->SetName(name.empty() ? source.stem().string() : name);
   ReadHeader(h, inst->art);
+  inst->location = MakeLocation(0, 0, h[15] & 0x7F, false);
   Layers layers(*inst);
   std::vector<std::string> missing;
 
@@ -546,6 +550,7 @@ bool WriteProgram(Instrument& inst, FileRef& file, uint32_t form) {
   uint8_t* h = out.data();
   PutDefaults(h, kHeaderDefaults);
   h[0] = 1;
+  h[15] = static_cast<uint8_t>(LocationProgram(inst.location));
   uint8_t progName[12];
   akai_EncodeName(akai::Folded(inst.Name()), progName);
   std::memcpy(h + 3, progName, 12);

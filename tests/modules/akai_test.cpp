@@ -326,7 +326,7 @@ bool Unmapped(std::size_t at, std::size_t block) {
     // Keygroup address the sampler rewrites; MIDI program, channel,
     // polyphony, priority, outputs, temperament and the rest of the header
     // that the model has no rows for get the machine's defaults.
-    static const std::set<std::size_t> mapped = {0, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 19, 20, 21, 24, 25, 26,
+    static const std::set<std::size_t> mapped = {0, 3, 4, 15, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 19, 20, 21, 24, 25, 26,
                                                  27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 38, 39, 42, 65, 66};
     return !mapped.count(at);
   }
@@ -403,7 +403,8 @@ TEST(AkaiPrograms, ScalesWriteBackEveryByte) {
     for (int i = 0; i < 12; ++i) p[3 + i] = 11 + i;
     const int v = base + 17;
     for (int h : {25, 29, 30, 31, 33, 34, 35, 36, 37, 38}) p[h] = static_cast<char>(v);
-    for (int h : {24, 26, 27, 28, 32}) p[h] = static_cast<char>(v - 50);
+    for (int h : {24, 26, 28, 32}) p[h] = static_cast<char>(v - 50);
+    p[27] = static_cast<char>((v - 50) / 4);  // key to volume: 24 dB per octave at most
     p[39] = 7;
     p[65] = 0x40;
     p[66] = 0x01;
@@ -539,21 +540,25 @@ TEST(AkaiPeers, SoundFontInstrumentThroughAnS3000ProgramRendersLikeTheOriginal) 
   TempDir dir;
   Collection bank;
   ASSERT_TRUE(ImportFile(bank, kTimGM, false)) << ErrorMessage;
-  Instrument* piano = nullptr;
+  // The oboe: seven regions, and nothing the machine lacks (hold, effect
+  // sends) that would make the copy sound different by design.
+  constexpr int kOboe = 68;
+  Instrument* oboe = nullptr;
   for (Instrument* inst : bank.All<Instrument>())
-    if (inst->location == MakeLocation(0, 0, 0, false)) piano = inst;
-  ASSERT_NE(piano, nullptr);
-  ASSERT_TRUE(SaveFile(piano, dir / "piano.p", kS3000ProgramRow, ExportRequest{0, 3}, false))
+    if (inst->location == MakeLocation(0, 0, kOboe, false)) oboe = inst;
+  ASSERT_NE(oboe, nullptr);
+  ASSERT_TRUE(SaveFile(oboe, dir / "oboe.p", kS3000ProgramRow, ExportRequest{0, 3}, false))
       << ErrorContext << ": " << ErrorMessage;
   Collection back;
-  ASSERT_TRUE(ImportFile(back, dir / "piano.p", false)) << ErrorMessage;
+  ASSERT_TRUE(ImportFile(back, dir / "oboe.p", false)) << ErrorMessage;
   ASSERT_GE(back.Count(ItemType::Region), 4u);
+  ASSERT_EQ(back.All<Instrument>().front()->location, MakeLocation(0, 0, kOboe, false));
   ASSERT_TRUE(SaveFile(&back, dir / "back.sf2", FindWriterByExtension("sf2", 0x80), ExportRequest{}, false))
       << ErrorContext << ": " << ErrorMessage;
 
   test::SmfTrack t;
-  t.Event(0, {0xC0, 0});
-  int notes[] = {36, 48, 60, 67, 72, 84};
+  t.Event(0, {0xC0, kOboe});
+  int notes[] = {55, 60, 67, 72, 79, 84};
   for (int n : notes) {
     t.Event(0, {0x90, n, 100});
     t.Event(480, {0x80, n, 0});
@@ -568,8 +573,10 @@ TEST(AkaiPeers, SoundFontInstrumentThroughAnS3000ProgramRendersLikeTheOriginal) 
   RecordProperty("correlation", std::to_string(correlation));
   RecordProperty("difference_db", std::to_string(differenceDb));
   std::printf("sf2 -> akai -> sf2 render: correlation %.5f, difference %.1f dB\n", correlation, differenceDb);
-  EXPECT_GE(correlation, 0.95);
-  EXPECT_LE(differenceDb, -20.0);
+  // Measured 1.0000 and -39.7 dB: rounding of the 0-99 scales is what is
+  // left.
+  EXPECT_GE(correlation, 0.999);
+  EXPECT_LE(differenceDb, -35.0);
 }
 
 TEST(AkaiPeers, CorpusProgramSavesAsSfzAndSf2) {
