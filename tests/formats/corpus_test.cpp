@@ -38,9 +38,11 @@ int ExpectedRow(const std::string& path) {
   };
   if (folder == "compressed" || folder == "other") return -1;
   // The old MED form (not MMDx) isn't read; the S900 compressed sample has
-  // no row of its own; AKAI images named .img need the .akai extension.
+  // no row of its own; AKAI images named .img are known by their directory
+  // and FAT (a hard disk by its partition size, for the reader to refuse).
   if (lower.find("song.med") != std::string::npos) return 0;
-  if (ext == "s9c" || (folder == "akai" && ext == "img")) return 0;
+  if (ext == "s9c") return 0;
+  if (folder == "akai" && ext == "img") return 19;
   // AIFC content in a file named .aiff: the compressed AIFF rows take it.
   if (lower.find("supercollider-sinedpink") != std::string::npos) return 14;
   const auto it = byExtension.find(ext);
