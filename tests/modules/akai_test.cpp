@@ -425,6 +425,59 @@ TEST(AkaiPrograms, ScalesWriteBackEveryByte) {
   }
 }
 
+TEST(AkaiPrograms, WriterGroupsZonesNamesSamplesAndSplitsStereo) {
+  Boxes boxes;
+  TempDir dir;
+  Collection c;
+  auto* inst = Create<Instrument>(c, "Kit");
+  Layer* layer = AddLayer(*inst);
+  auto wave = [&](const char* name, uint8_t channels, uint32_t rate) {
+    auto* w = Create<Waveform>(c, name);
+    w->channels = channels;
+    w->length = 32;  // a sample file has at least 192 bytes
+    w->sampleRate = rate;
+    int16_t* s = AllocSamples16(*w);
+    for (int i = 0; i < 32 * channels; ++i) s[i] = static_cast<int16_t>(i % 2 ? -1000 : 1000);
+    return w;
+  };
+  // Five velocity layers over one key range: four zones, then a second
+  // keygroup; two names that fold alike; a stereo wave; a rate the header
+  // can't hold; a region without a wave.
+  const char* names[] = {"kick", "Kick", "snare", "hat", "tom"};
+  for (int v = 0; v < 5; ++v)
+    AddRegion(*layer, wave(names[v], 1, 22050)->id, MakeRange(36, 40), MakeRange(v * 25, v * 25 + 24), 255);
+  AddRegion(*layer, wave("Pad", 2, 44100)->id, MakeRange(41, 50), MakeRange(0, 127), 255);
+  AddRegion(*layer, wave("Air", 1, 96000)->id, MakeRange(51, 60), MakeRange(0, 127), 255);
+  AddRegion(*layer, kNoItem, MakeRange(61, 70), MakeRange(0, 127), 255);
+  ASSERT_TRUE(Write(*inst, dir / "kit.p", 287)) << ErrorMessage;
+  ASSERT_EQ(gBoxes.size(), 1u);
+  EXPECT_EQ(gBoxes[0], "Warning: 1 region(s) without a wave were not saved");
+  const std::string p = Bytes(dir / "kit.p");
+  ASSERT_EQ(p.size(), 150u * 5);
+  EXPECT_EQ(p[42], 4);
+  auto zoneName = [&](int g, int z) {
+    return akai_DecodeName({reinterpret_cast<const uint8_t*>(p.data()) + 150 * (g + 1) + 34 + 24 * z, 12});
+  };
+  EXPECT_EQ(zoneName(0, 0), "KICK        ");
+  EXPECT_EQ(zoneName(0, 1), "KICK 2      ");
+  EXPECT_EQ(zoneName(1, 0), "TOM         ");
+  EXPECT_EQ(p[150 * 2 + 31], 1);  // zones used
+  EXPECT_EQ(zoneName(2, 0), "PAD-L       ");
+  EXPECT_EQ(zoneName(2, 1), "PAD-R       ");
+  EXPECT_EQ(static_cast<int8_t>(p[150 * 3 + 34 + 18]), -50);
+  EXPECT_EQ(static_cast<int8_t>(p[150 * 3 + 34 + 24 + 18]), 50);
+  EXPECT_EQ(zoneName(3, 0), "AIR         ");
+  for (const char* f : {"KICK.S", "KICK 2.S", "SNARE.S", "HAT.S", "TOM.S", "PAD-L.S", "PAD-R.S", "AIR.wav"})
+    EXPECT_TRUE(fs::exists(dir / f)) << f;
+  EXPECT_NE(Bytes(dir / "AIR.wav").find("CWDT"), std::string::npos);
+  EXPECT_EQ(S16(Bytes(dir / "PAD-R.S"), 150), -1000);
+  // And back: every zone finds its sample.
+  Program back;
+  ASSERT_TRUE(ReadProgramFile(back, dir / "kit.p")) << ErrorMessage;
+  ASSERT_EQ(back.regions.size(), 8u);
+  for (Region* r : back.regions) EXPECT_NE(RegionWaveform(*r), nullptr) << r->Name();
+}
+
 TEST(AkaiPrograms, FailedSaveLeavesTheFolderAsItWas) {
   if (!test::NeedCorpus()) return;
   Boxes boxes;
