@@ -528,7 +528,7 @@ constexpr FormatEntry kFormats[] = {
     /*475*/ {"w64", w64_Imp, w64_Exp, wav_W64Detect, "Wave-64", 0x01, 0x00300375, 0, nullptr, RWD},
     /*476*/ {"wav", wav_Imp, wav_Exp, wav_Detect, "Microsoft wave", 0x01, 0x00327F75, 0, nullptr, RWD},
     /*477*/ {"wav", wav_Imp, nullptr, wav_BwfDetect, "Broadcast wave", 0x01, 0x00000000, 0, nullptr, RD},
-    /*478*/ {"wa!", wa_Imp, nullptr, dls_GigWaveDetect, "GigaStudio compr wave", 0x01, 0x00300014, 0, nullptr, RWD},
+    /*478*/ {"wa!", wa_Imp, gigwav_Exp, dls_GigWaveDetect, "GigaStudio compr wave", 0x01, 0x00300014, 0, nullptr, RWD},
     /*479*/ {"wfb", nullptr, nullptr, nullptr, "TB WaveFront bank", 0x80, 0x00000000, 0, nullptr, RD},
     /*480*/ {"wfd", nullptr, nullptr, nullptr, "TB WaveFront drums", 0x80, 0x00000000, 0, nullptr, RD},
     /*481*/ {"wfp", nullptr, nullptr, nullptr, "TB WaveFront program", 0x10, 0x00000000, 0, nullptr, RD},

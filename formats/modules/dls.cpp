@@ -78,7 +78,8 @@ int dls_GigWaveDetect(const uint8_t* data, uint32_t, uint32_t size, uint64_t fil
     const uint64_t body = U32le(data + pos + 4);
     pos += 8 + body + (body & 1);
   }
-  return 2;
+  // The extension follows the data: past the bytes seen it may still come.
+  return pos > size && pos < fileSize ? 4 : 2;
 }
 
 }  // namespace kv

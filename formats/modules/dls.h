@@ -28,6 +28,9 @@ bool gig_Imp(Collection& collection, FileRef& file, uint32_t parameter);
 // wa_ImpWave, context "wa!_ImpWave".
 bool wa_Imp(Collection& collection, FileRef& file, uint32_t parameter);
 bool wa_ImpWave(Waveform& wave, FileRef& file);
+// One wave as a .wa!: fmt (tag 1), INFO with INAM, block-coded data, smpl,
+// the 68-byte extension. Context "gigwav_Exp".
+bool gigwav_Exp(Item& item, FileRef& file, ExportRequest& request);
 
 // Miles Sound System collections: the same walk on the form "MLS ".
 bool mls_Imp(Collection& collection, FileRef& file, uint32_t parameter);

@@ -18,6 +18,7 @@
 #include "formats/modules/dls.h"
 #include "formats/modules/dls_format.h"
 #include "formats/modules/gig_format.h"
+#include "formats/modules/module.h"
 #include "formats/modules/wav.h"
 
 namespace kv {
@@ -344,6 +345,97 @@ bool wa_Imp(Collection& collection, FileRef& file, uint32_t) {
     return Fail(kCtx, "%s", message.c_str());
   }
   if (coded) gig::SetupCompressedWave(file, dataAt, dataEnd, *wave);
+  return true;
+}
+
+bool gigwav_Exp(Item& item, FileRef& file, ExportRequest&) {
+  static constexpr const char* kCtx = "gigwav_Exp";
+  if (item.Type() != ItemType::Waveform) return Fail(kCtx, "The file format can not save this item");
+  Waveform& wave = static_cast<Waveform&>(item);
+  const int channels = wave.channels == 2 ? 2 : 1;
+  const bool wide = wave.bits > 16;
+  const std::size_t count = static_cast<std::size_t>(wave.SampleCount());
+  std::vector<uint8_t> coded;
+  uint64_t pcmBytes = 0;
+  if (wide) {
+    const float* f = count ? SamplesFloat(wave) : nullptr;
+    if (count && !f) return false;
+    std::vector<int32_t> values(count);
+    for (std::size_t i = 0; i < count; ++i)
+      values[i] = static_cast<int32_t>(std::clamp(std::lround(static_cast<double>(f[i]) * 8388608.0), -8388608L, 8388607L));
+    kvGigPackEncode24(values, channels, coded);
+    pcmBytes = uint64_t{count} * 3;
+  } else {
+    const int16_t* s = count ? Samples16(wave) : nullptr;
+    if (count && !s) return false;
+    kvGigPackEncode16(std::span<const int16_t>(s, count), channels, coded);
+    pcmBytes = uint64_t{count} * 2;
+  }
+  // Little-endian fields appended to a body.
+  struct Body {
+    std::vector<uint8_t> v;
+    void U16(uint32_t x) {
+      v.push_back(static_cast<uint8_t>(x));
+      v.push_back(static_cast<uint8_t>(x >> 8));
+    }
+    void U32(uint32_t x) {
+      U16(x & 0xFFFF);
+      U16(x >> 16);
+    }
+    void Id(const char* t) {
+      for (int i = 0; i < 4; ++i) v.push_back(static_cast<uint8_t>(t[i]));
+    }
+    void Chunk(const char* t, const std::vector<uint8_t>& body) {
+      Id(t);
+      U32(static_cast<uint32_t>(body.size()));
+      v.insert(v.end(), body.begin(), body.end());
+      if (body.size() & 1) v.push_back(0);
+    }
+  };
+  const int bytes = wide ? 3 : 2;
+  Body file_;
+  file_.Id("RIFF");
+  file_.U32(0);
+  file_.Id("WAVE");
+  {
+    Body fmt;
+    fmt.U16(1);
+    fmt.U16(static_cast<uint32_t>(channels));
+    fmt.U32(wave.sampleRate);
+    fmt.U32(wave.sampleRate * static_cast<uint32_t>(channels * bytes));
+    fmt.U16(static_cast<uint32_t>(channels * bytes));
+    fmt.U16(static_cast<uint32_t>(8 * bytes));
+    file_.Chunk("fmt ", fmt.v);
+  }
+  {
+    const std::string name(wave.Name());
+    std::vector<uint8_t> text(name.begin(), name.end());
+    text.push_back(0);
+    Body list;
+    list.Id("INFO");
+    list.Chunk("INAM", text);
+    file_.Chunk("LIST", list.v);
+  }
+  if (coded.size() > 0xFFFFFF00u) return Fail(kCtx, "Too much data");
+  file_.Chunk("data", coded);
+  {
+    // smpl: the header, no loop, eight bytes of sampler data.
+    Body smpl;
+    smpl.U32(0);
+    smpl.U32(0);
+    smpl.U32(static_cast<uint32_t>(std::lround(1e9 / std::max<uint32_t>(wave.sampleRate, 1))));
+    smpl.U32(wave.rootKey);
+    for (int i = 0; i < 4; ++i) smpl.U32(0);
+    smpl.U32(8);
+    smpl.U32(0);
+    smpl.U32(0);
+    file_.Chunk("smpl", smpl.v);
+  }
+  file_.Chunk("ewav", gig::WaveExtension(true, pcmBytes, false));
+  std::vector<uint8_t>& out = file_.v;
+  const uint32_t riff = static_cast<uint32_t>(out.size() - 8);
+  for (int i = 0; i < 4; ++i) out[4 + i] = static_cast<uint8_t>(riff >> (8 * i));
+  if (!file.Write(out.data(), out.size())) return Fail(kCtx, "Writing to file failed");
   return true;
 }
 

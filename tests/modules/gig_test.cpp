@@ -264,13 +264,14 @@ TEST(GigWrite, Sf2BanksSaveAsGigdumpReadsThem) {
         EXPECT_TRUE(printed) << region->Name();
       }
       // Every source region's release and root are in the file, key by key.
+      std::vector<ResolvedRegion> resolvedBack;
+      for (Region* b : regions) resolvedBack.push_back(ResolveRegion(*b));
       for (Region* s : Regions(source)) {
         const ResolvedRegion sr = ResolveRegion(*s);
         if (!sr.wave || sr.trigger.triggerType != 0) continue;
         const int key = (sr.trigger.loKey + sr.trigger.hiKey) / 2, vel = (sr.trigger.loVel + sr.trigger.hiVel) / 2;
         bool found = false;
-        for (Region* b : regions) {
-          const ResolvedRegion br = ResolveRegion(*b);
+        for (const ResolvedRegion& br : resolvedBack) {
           if (br.trigger.loKey > key || br.trigger.hiKey < key || br.trigger.loVel > vel || br.trigger.hiVel < vel ||
               br.wave->Name() != sr.wave->Name())
             continue;
@@ -387,6 +388,43 @@ TEST(GigWrite, CompressedWavesExtractBitForBit) {
   Collection v1;
   ASSERT_TRUE(Load(v1, dir / "v1.gig")) << ErrorMessage;
   for (Waveform* w : v1.All<Waveform>()) EXPECT_EQ(w->bits, 16);
+}
+
+TEST(GigWave, WaFilesRoundTripAndRefuseWhatTheyAreNot) {
+  TempDir dir;
+  Collection c;
+  std::vector<Waveform*> waves;
+  AddTestWaves(c, waves);
+  for (Waveform* w : waves) {
+    SCOPED_TRACE(w->Name());
+    const fs::path path = dir / (std::string(w->Name()) + ".wa!");
+    ClearError();
+    ASSERT_TRUE(SaveFile(w, path, 478, ExportRequest{}, false)) << ErrorMessage;
+    Collection back;
+    ASSERT_TRUE(Load(back, path)) << ErrorMessage;
+    Waveform* b = back.All<Waveform>().front();
+    ASSERT_EQ(b->length, w->length);
+    ASSERT_EQ(b->channels, w->channels);
+    if (w->bits == 16) EXPECT_TRUE(std::equal(Samples16(*b), Samples16(*b) + b->SampleCount(), Samples16(*w)));
+    else EXPECT_TRUE(std::equal(SamplesFloat(*b), SamplesFloat(*b) + b->SampleCount(), SamplesFloat(*w)));
+  }
+  const std::string fmt = U16(1) + U16(1) + U32(44100) + U32(88200) + U16(2) + U16(16);
+  const std::pair<std::string, const char*> bad[] = {
+      {Chunk("RIFF", "DLS " + Chunk("data", "")), "Not a RIFF WAVE file"},
+      {Chunk("RIFF", "WAVE" + Chunk("fmt ", fmt) + Chunk("ewav", std::string(68, '\0'))), "No wave data found!"},
+      {Chunk("RIFF", "WAVE" + Chunk("fmt ", U16(2) + fmt.substr(2)) + Chunk("data", "ab")),
+       "Unsupported compression type"},
+  };
+  for (const auto& [bytes, text] : bad) {
+    test::WriteFile(dir / "x.wa!", bytes);
+    FileRef file;
+    ASSERT_TRUE(file.OpenRead(dir / "x.wa!"));
+    Collection x;
+    ClearError();
+    EXPECT_FALSE(wa_Imp(x, file, 0));
+    EXPECT_STREQ(ErrorContext, "wa!_Imp");
+    EXPECT_STREQ(ErrorMessage, text);
+  }
 }
 
 }  // namespace
