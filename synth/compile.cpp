@@ -216,7 +216,7 @@ bool CompileInstrument(const Instrument& instrument, WaveCache& cache, SynthInst
   // new ones are not let go and read again in between.
   SynthInstrument built;
   built.key = instrument.location;
-  for (int s = 0; s < 4; ++s) built.fx[s] = instrument.fx[s];
+  for (int s = 0; s < 4; ++s) built.fx[s] = MakeChannelFxConfig(instrument.fx[s]);
   built.zones.reserve(pending.size());
   for (PendingZone& p : pending) {
     SynthZone& z = p.zone;

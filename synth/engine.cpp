@@ -89,6 +89,7 @@ SynthEngine::SynthEngine(int channels, int polyphony, float gain, uint32_t sampl
   channels_.resize(static_cast<std::size_t>(channels));
   states_.resize(channels_.size());
   buses_ = std::make_unique<ChannelBus[]>(channels_.size());
+  fxPool_.Reserve(FxPoolFloats(channels, static_cast<float>(sampleRate_)));
   for (std::size_t c = 0; c < channels_.size(); ++c) {
     channels_[c].notes.reserve(groups_.size());
     channels_[c].rampStepsFactor = static_cast<uint32_t>(static_cast<float>(sampleRate_) * 0.000390625f);
@@ -140,6 +141,10 @@ void SynthEngine::SetSampleRate(uint32_t rate) {
     if (groups_[g].inUse) KillNote(g);
   sampleRate_ = rate;
   inverseRate_ = 1.0f / static_cast<float>(rate);
+  // Every line is given back before the pool is made anew for the rate.
+  for (std::size_t c = 0; c < channels_.size(); ++c)
+    for (ChannelFxState& slot : buses_[c].fx) configure(slot, ChannelFxConfig{}, static_cast<float>(rate), fxPool_);
+  fxPool_.Reserve(FxPoolFloats(static_cast<int>(channels_.size()), static_cast<float>(rate)));
   for (std::size_t c = 0; c < channels_.size(); ++c) {
     channels_[c].rampStepsFactor = static_cast<uint32_t>(static_cast<float>(rate) * 0.000390625f);
     ReconfigureBus(static_cast<int>(c));
@@ -196,8 +201,10 @@ void SynthEngine::Seek(double seconds, bool shutVoices) {
   writeIndex_.store(0, std::memory_order_release);
   readIndex_ = 0;
   blockCounter_.store(StampForSeconds(sampleRate_, seconds), std::memory_order_release);
-  if (shutVoices)
+  if (shutVoices) {
     for (uint32_t v = 0; v < VoiceCount(); ++v) voices_[v].head.shutdown = true;
+    fxReset_.store(1, std::memory_order_release);
+  }
 }
 
 // ---------------------------------------------------------------- instruments
@@ -286,6 +293,7 @@ void SynthEngine::RemoveAllInstruments() {
   for (auto& inst : owned_) ReleaseInstrument(*inst, cache_);
   owned_.clear();
   cache_.Clear();
+  fxReset_.store(1, std::memory_order_release);
 }
 
 void SynthEngine::RemoveNow(SynthInstrument* instrument) {
@@ -330,7 +338,9 @@ void SynthEngine::ReplaceNow(SynthInstrument* old, SynthInstrument* fresh) {
 void SynthEngine::ReconfigureBus(int channel) {
   const SynthInstrument* inst = channels_[static_cast<std::size_t>(channel)].instrument;
   ChannelBus& bus = buses_[static_cast<std::size_t>(channel)];
-  for (int s = 0; s < 4; ++s) bus.fx[s].Configure(inst ? inst->fx[static_cast<std::size_t>(s)] : ChannelFx{}, static_cast<float>(sampleRate_));
+  for (int s = 0; s < 4; ++s)
+    configure(bus.fx[s], inst ? inst->fx[static_cast<std::size_t>(s)] : ChannelFxConfig{}, static_cast<float>(sampleRate_),
+              fxPool_);
 }
 
 // ---------------------------------------------------------------- notes and voices
@@ -992,6 +1002,9 @@ bool SynthEngine::RenderBlock(float* out) {
   blockCounter_.fetch_add(1, std::memory_order_acq_rel);
   const uint32_t now = blockCounter_.load(std::memory_order_relaxed);
 
+  if (fxReset_.exchange(0, std::memory_order_acq_rel))
+    for (std::size_t c = 0; c < channels_.size(); ++c)
+      for (ChannelFxState& slot : buses_[c].fx) ResetChannelFx(slot);
   if (SynthInstrument* gone = pendingRemoval_.load(std::memory_order_acquire)) {
     RemoveNow(gone);
     pendingRemoval_.store(nullptr, std::memory_order_release);
@@ -1044,7 +1057,7 @@ bool SynthEngine::RenderBlock(float* out) {
       ChannelBus& bus = buses_[c];
       for (int s = 0; s < 4; ++s) {
         if (bus.fx[s].type == 0) continue;
-        if (bus.fx[s].Process(bus.dry, bus.sendBus[s], bus.sendEmpty[s])) bus.empty = false;
+        if (process(bus.fx[s], bus.dry, bus.sendBus[s], bus.empty, bus.sendEmpty[s])) bus.empty = false;
       }
     }
 

@@ -168,6 +168,10 @@ class SynthEngine {
   uint64_t DrainedCount() const { return drained_; }
   const SynthChannel& Channel(int index) const { return channels_[static_cast<std::size_t>(index)]; }
   const MidiChannelState& ChannelState(int index) const { return states_[static_cast<std::size_t>(index)]; }
+  const ChannelFxState& FxSlot(int channel, int slot) const {
+    return buses_[static_cast<std::size_t>(channel)].fx[static_cast<std::size_t>(slot)];
+  }
+  const FxLinePool& FxPool() const { return fxPool_; }
   const NoteGroup& Group(uint32_t index) const { return groups_[index]; }
   const SynthVoice& Voice(uint32_t index) const { return voices_[index].head; }
   const VoiceRecord& Record(uint32_t index) const { return voices_[index]; }
@@ -258,6 +262,8 @@ class SynthEngine {
   std::vector<SynthChannel> channels_;
   std::vector<MidiChannelState> states_;
   std::unique_ptr<ChannelBus[]> buses_;
+  FxLinePool fxPool_;             // the effects' delay lines; configure takes from it on the audio thread
+  std::atomic<uint8_t> fxReset_{0};  // the buses' effects are reset before the next block
 
   std::vector<std::unique_ptr<Worker>> workers_;
   std::atomic<uint32_t> claim_{0};

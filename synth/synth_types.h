@@ -10,6 +10,7 @@
 
 #include "core/articulation.h"
 #include "core/items.h"
+#include "synth/channel_fx.h"
 
 namespace kv {
 
@@ -96,7 +97,7 @@ struct SynthInstrument {
   InstrumentKey key = 0;
   std::vector<SynthZone> zones;
   std::vector<uint64_t> waves;  // cache keys this instrument holds a reference to
-  std::array<ChannelFx, 4> fx{};
+  std::array<ChannelFxConfig, 4> fx{};
   // The most zones one key and velocity can select: the engine's note
   // scratch is sized from it before the instrument can play.
   uint32_t maxZonesPerNote = 0;

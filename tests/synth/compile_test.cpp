@@ -127,7 +127,8 @@ TEST(SynthCompile, ZonesTakeTheWaveTuningVolumeLoopAndTrigger) {
   ASSERT_TRUE(CompileInstrument(*inst, cache, out)) << ErrorMessage;
   ASSERT_EQ(out.zones.size(), 3u);
   EXPECT_EQ(out.key, inst->location);
-  EXPECT_EQ(out.fx[2].param[0], 0.75f);
+  EXPECT_EQ(out.fx[2].type, 2);
+  EXPECT_EQ(out.fx[2].value[0], 0.75f);
 
   const SynthZone& a = out.zones[0];
   EXPECT_EQ(a.id, plain->id);

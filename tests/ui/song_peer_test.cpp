@@ -81,7 +81,7 @@ TEST(SongPeer, CorpusSongsSoundAsFluidSynthRendersThem) {
                 0);
       ASSERT_EQ(test::RunCommand("cd '" + dir.path().string() + "' && KELVO_SETTINGS='" + (dir / "s.ini").string() + "' '" +
                                      KELVO_EXE + "' -NOMSG '" + (test::CorpusDir() / row.path).string() +
-                                     "' --save ours.wav --set mid2wav.bDeleteSilence=0 --set mid2wav.bNormalizePeak=0"
+                                     "' --save ours.wav --set mid2wav.bDeleteSilence=0 --set mid2wav.bNormalizePeak=0 --set mid2wav.bEffects=0"
                                      " --set mid2wav.wszGMBank=" + bank + " 2>&1",
                                  &log),
                 0)
