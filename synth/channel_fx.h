@@ -116,6 +116,7 @@ struct ReverbState {
   float store[2][8];
   float room, damping;
   uint8_t gate;
+  uint8_t blockwise;  // every line at least a block long
   int32_t stage;  // gate stage 0-3, 4 the end
   uint32_t blocksLeft;
   float gain, step;
