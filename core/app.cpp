@@ -20,7 +20,11 @@ FilePresenter g_filePresenter = nullptr;
 bool g_quietSkipped = false;
 StatusSink g_statusSink = nullptr;
 std::string g_lastStatus;
+CancelPoll g_cancelPoll = nullptr;
 }  // namespace
+
+void SetCancelPoll(CancelPoll poll) { g_cancelPoll = poll; }
+bool CancelRequested() { return g_cancelPoll && g_cancelPoll(); }
 
 void SetBoxPresenter(BoxPresenter presenter) { g_presenter = presenter; }
 void SetSkippedBoxesQuiet(bool quiet) { g_quietSkipped = quiet; }

@@ -20,10 +20,16 @@ extern uint8_t MessageBoxesEnabled;
 inline constexpr int kBoxOk = 1;
 inline constexpr int kBoxYes = 6;
 inline constexpr int kBoxNo = 7;
+inline constexpr int kBoxFirst = 3;
+inline constexpr int kBoxSecond = 11;
+inline constexpr int kBoxThird = 5;
 
 enum class BoxButtons {
   Ok,
   YesNo,
+  // Three choices ("Abort", "Continue", "Don't ask again" and the like): a
+  // presenter returns kBoxFirst, kBoxSecond or kBoxThird; the silent 1 is
+  // none of them.
   ThreeWay,
   // OK, "Allways OK", Cancel, "Allways Cancel": a presenter returns 6, 1, 2
   // and 7 for them, so that the silent 1 means "Allways OK".
@@ -59,6 +65,12 @@ void StatusText(const char* format, ...) __attribute__((format(printf, 1, 2)));
 using StatusSink = void (*)(const std::string& text);
 void SetStatusSink(StatusSink sink);
 const std::string& LastStatusText();
+
+// Whether the user asked a long job to stop: the Esc key in the window,
+// Ctrl+C on the command line. Long searches poll it; false without a poll.
+using CancelPoll = bool (*)();
+void SetCancelPoll(CancelPoll poll);
+bool CancelRequested();
 
 struct AppState {
   bool busy = false;               // a multi-file open or conversion runs

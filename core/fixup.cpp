@@ -234,8 +234,7 @@ void ApplyLoopConversions(Collection& c, bool bid2fwd, bool append32) {
   for (Waveform* wave : c.All<Waveform>()) {
     if (wave->loopType == 0) continue;
     // A wave that can't be read keeps its loop; the read reports on first use.
-    if (bid2fwd && wave->loopType == 3 && !LoopAlternatingToForward(*wave)) ClearError();
-    if (append32 && wave->loopType != 0 && !LoopAppend32(*wave)) ClearError();
+    if (!sanitizeLoop(*wave, bid2fwd, false, false, append32, false)) ClearError();
   }
 }
 

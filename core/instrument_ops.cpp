@@ -438,51 +438,148 @@ int DeleteUnusedWaves(Collection& c, uint64_t* bytesFreed) {
 
 // ---------------------------------------------------------------- loops
 
-bool LoopAlternatingToForward(Waveform& w) {
-  if (w.loopType != 3) return false;
-  if (!OwnData(w)) return false;
-  const int64_t n = w.length;
-  float start = std::max(w.loopStart, 0.0f);
-  float end = std::min(w.loopEnd, static_cast<float>(n));
-  const int64_t oldStart = static_cast<int64_t>(start + 0.5f), oldEnd = static_cast<int64_t>(end + 0.5f);
-  const int64_t loopLength = static_cast<int64_t>(end - start + 0.5f);
-  if (loopLength <= 0) {
+namespace {
+
+// The sanitizer's points and length as its steps change them. A first run
+// without data (`data` null) finds the final length, so that one buffer of
+// that size is taken before anything changes; the second run fills it.
+struct LoopPlan {
+  float start = 0, end = 0;
+  uint8_t type = 0;
+  uint64_t length = 0;
+  bool dataChanged = false;
+};
+
+inline int64_t Whole(float v) { return static_cast<int64_t>(v + 0.5f); }
+
+template <typename T>
+void SanitizeSteps(LoopPlan& p, T* data, uint32_t ch, bool alternating, bool reverse, bool min32, bool after32,
+                   bool before32, bool sustain) {
+  auto frames = [&](uint64_t frame) { return data + frame * ch; };
+  auto copyFrame = [&](uint64_t to, uint64_t from) { std::memcpy(frames(to), frames(from), sizeof(T) * ch); };
+  // Grows to `length`, the new frames silent.
+  auto growTo = [&](uint64_t length) {
+    if (length <= p.length) return;
+    if (data) std::memset(frames(p.length), 0, sizeof(T) * ch * (length - p.length));
+    p.length = length;
+  };
+  int64_t loopLength = Whole(p.end - p.start);
+
+  if ((alternating && p.type == 3) || (reverse && p.type == 2)) {
+    const int64_t s = Whole(p.start);
+    growTo(static_cast<uint64_t>(s + 2 * loopLength));
+    if (data)
+      for (int64_t i = 0; i < loopLength; ++i) copyFrame(s + loopLength + i, s + loopLength - 1 - i);
+    p.start = static_cast<float>(p.type == 2 ? s + loopLength : s);
+    p.end = static_cast<float>(s + 2 * loopLength);
+    p.type = 1;
+    p.dataChanged = true;
+    loopLength = Whole(p.end - p.start);
+  }
+
+  if (min32 && loopLength > 0 && loopLength < 32) {
+    const int64_t copies = (loopLength + 31) / loopLength;
+    if (copies > 1) {
+      const int64_t s = Whole(p.start);
+      const uint64_t at = static_cast<uint64_t>(s + loopLength);
+      const uint64_t inserted = static_cast<uint64_t>((copies - 1) * loopLength);
+      growTo(at);
+      const uint64_t tail = p.length - at;
+      if (data) {
+        std::memmove(frames(at + inserted), frames(at), sizeof(T) * ch * tail);
+        for (uint64_t k = 0; k < inserted; ++k) copyFrame(at + k, s + k % loopLength);
+      }
+      p.length += inserted;
+      // The old length's fraction beyond the whole frames stays on the end.
+      const float fraction = (p.end - p.start) - static_cast<float>(loopLength);
+      p.end = p.start + static_cast<float>(copies * loopLength) + fraction;
+      p.dataChanged = true;
+    }
+  }
+
+  if (after32) {
+    const auto e = static_cast<uint32_t>(Whole(p.end));
+    // Unsigned on purpose: an end past the length never asks for more.
+    if (static_cast<uint32_t>(static_cast<uint32_t>(p.length) - e) < 32u) {
+      if (sustain) {
+        growTo(uint64_t{e} + 32);  // the release stays; silence follows it
+      } else {
+        const int64_t s = Whole(p.start);
+        const int64_t span = int64_t{e} - s;
+        p.length = e;
+        if (data && span > 0)
+          for (uint32_t i = 0; i < 32; ++i) copyFrame(uint64_t{e} + i, static_cast<uint64_t>(s + i % span));
+        else if (data)
+          std::memset(frames(e), 0, sizeof(T) * ch * 32);
+        p.length = uint64_t{e} + 32;
+      }
+      p.dataChanged = true;
+    }
+  }
+
+  if (before32 && p.start < 32.0f) {
+    const int64_t k = 32 - Whole(p.start);
+    if (k > 0) {
+      if (data) {
+        std::memmove(frames(k), frames(0), sizeof(T) * ch * p.length);
+        std::memset(frames(0), 0, sizeof(T) * ch * k);
+      }
+      p.length += k;
+      p.start += static_cast<float>(k);
+      p.end += static_cast<float>(k);
+      p.dataChanged = true;
+    }
+  }
+}
+
+}  // namespace
+
+bool sanitizeLoop(Waveform& w, bool alternating, bool reverse, bool min32, bool after32, bool before32) {
+  if (w.loopType == 0) return false;
+  const uint32_t n = w.length;
+  LoopPlan p;
+  p.start = std::max(w.loopStart, 0.0f);
+  p.end = std::min(w.loopEnd, static_cast<float>(n));
+  p.type = w.loopType;
+  p.length = n;
+  const int64_t oldStart = Whole(p.start), oldEnd = Whole(p.end);
+  if (Whole(p.end - p.start) <= 0) {
     w.loopType = 0;
     return true;
   }
-  const int64_t s = static_cast<int64_t>(start + 0.5f);
-  // The mirrored loop is written behind the loop; the wave grows if it must.
-  const int64_t needed = s + 2 * loopLength;
-  if (needed > UINT32_MAX) return Fail("Loop tools", "Out of memory");
-  if (needed > n && !ResizeFrames(w, static_cast<uint32_t>(needed))) return false;
-  for (int64_t i = 0; i < loopLength; ++i)
-    CopyFrame(w, static_cast<uint32_t>(s + loopLength + i), static_cast<uint32_t>(s + loopLength - 1 - i));
-  w.loopType = 1;
-  w.loopStart = static_cast<float>(s);
-  w.loopEnd = static_cast<float>(s + 2 * loopLength);
-  FollowLoopChange(*w.collection, w, oldStart, oldEnd, s, s + 2 * loopLength);
-  return true;
-}
-
-bool LoopAppend32(Waveform& w) {
-  if (w.loopType == 0) return false;
-  if (!OwnData(w)) return false;
-  const uint32_t n = w.length;
-  const float start = std::max(w.loopStart, 0.0f);
-  const float end = std::min(w.loopEnd, static_cast<float>(n));
-  const uint32_t e = static_cast<uint32_t>(end + 0.5f);
-  const uint32_t s = static_cast<uint32_t>(start + 0.5f);
-  // Unsigned on purpose: an end past the length never asks for more.
-  if (static_cast<uint32_t>(n - e) >= 32u || e <= s) return false;
-  if (w.loopRelease == 0) {
-    if (!ResizeFrames(w, e + 32)) return false;
-    const uint32_t loopLength = e - s;
-    for (uint32_t i = 0; i < 32; ++i) CopyFrame(w, e + i, s + i % loopLength);
-  } else {
-    // The release must stay: silence goes after it.
-    if (!ResizeFrames(w, e + 32)) return false;
+  const bool sustain = w.loopRelease != 0;
+  SanitizeSteps<float>(p, nullptr, w.channels, alternating, reverse, min32, after32, before32, sustain);
+  if (p.dataChanged) {
+    if (p.length >= UINT32_MAX) return Fail("Loop tools", "Out of memory");
+    if (!OwnData(w)) return false;
+    const uint32_t ch = w.channels;
+    const uint64_t keep = uint64_t{n} * ch, count = p.length * ch;
+    LoopPlan run = p;
+    run.start = std::max(w.loopStart, 0.0f);
+    run.end = std::min(w.loopEnd, static_cast<float>(n));
+    run.type = w.loopType;
+    run.length = n;
+    // All steps on one new buffer, swapped in once: a failure leaves the wave whole.
+    if (w.samples16) {
+      auto out = TryAllocArray<int16_t>(count + 1);
+      if (!out) return Fail("Loop tools", "Out of memory");
+      std::copy_n(w.samples16.get(), keep, out.get());
+      SanitizeSteps(run, out.get(), ch, alternating, reverse, min32, after32, before32, sustain);
+      w.samples16 = std::move(out);
+    } else {
+      auto out = TryAllocArray<float>(count + 1);
+      if (!out) return Fail("Loop tools", "Out of memory");
+      std::copy_n(w.samplesF.get(), keep, out.get());
+      SanitizeSteps(run, out.get(), ch, alternating, reverse, min32, after32, before32, sustain);
+      w.samplesF = std::move(out);
+    }
+    w.length = static_cast<uint32_t>(p.length);
   }
-  FollowLoopChange(*w.collection, w, s, e, s, e);
+  const bool changed = p.dataChanged || p.type != w.loopType || p.start != w.loopStart || p.end != w.loopEnd;
+  w.loopType = p.type;
+  w.loopStart = p.start;
+  w.loopEnd = p.end;
+  if (changed && w.collection) FollowLoopChange(*w.collection, w, oldStart, oldEnd, Whole(p.start), Whole(p.end));
   return true;
 }
 

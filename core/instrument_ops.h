@@ -1,6 +1,6 @@
 // Model-level instrument operations: stereo pair merge and split, layer
 // compaction, moving trigger parameters and articulation up, duplicate and
-// unused waveform removal, and the two loop conversions the load options run.
+// unused waveform removal, and the loop sanitizer the load options and writers run.
 //
 // They live in core, not processing, because they touch only the model and
 // the import and export pipelines (kv_formats, below kv_processing) run them
@@ -51,14 +51,15 @@ int RemoveDuplicateWaves(Collection& collection, uint64_t* bytesFreed = nullptr)
 // Deletes waves that no region or synthesis model uses.
 int DeleteUnusedWaves(Collection& collection, uint64_t* bytesFreed = nullptr);
 
-// Loop conversions for looped waves: an alternating loop written out as a
-// forward one (the mirrored loop follows the original, the loop covers it),
-// and 32 frames from the loop start after the loop end so an interpolator
-// reading past the end sees the loop's beginning. Regions playing the wave
-// follow the new points. True if the wave changed; false also when its data
-// can't be read (ErrorContext/ErrorMessage set then).
-bool LoopAlternatingToForward(Waveform& wave);
-bool LoopAppend32(Waveform& wave);
+// Repairs a looped wave for players that know only forward loops and read
+// past the end: alternating or reverse loops written out forward (the
+// mirrored loop over the frames behind it, the data grown when needed), the
+// loop repeated up to at least 32 frames, 32 frames behind the loop (the
+// loop's start again, or silence after a sampled release) and 32 before it.
+// Regions playing the wave follow the new points. False for an unlooped
+// wave, and when the data can't be read or memory runs out (ErrorContext/
+// ErrorMessage set, the wave as it was); true otherwise, changed or not.
+bool sanitizeLoop(Waveform& wave, bool alternating, bool reverse, bool min32, bool after32, bool before32);
 
 // Which key and velocity cells the regions of a layer cover, for readers
 // that keep overlapping regions apart in layers of their own. Ranges are

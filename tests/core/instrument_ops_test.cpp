@@ -170,14 +170,16 @@ TEST_F(Ops, AlternatingLoopBecomesForwardByMirroringAndGrowsTheWave) {
   w->loopType = 3;
   w->loopStart = 1000;
   w->loopEnd = 2000;
-  ASSERT_TRUE(LoopAlternatingToForward(*w));
+  ASSERT_TRUE(sanitizeLoop(*w, true, false, false, false, false));
   EXPECT_EQ(w->loopType, 1);
   EXPECT_EQ(w->loopStart, 1000.0f);
   EXPECT_EQ(w->loopEnd, 3000.0f);
   EXPECT_EQ(w->length, 3000u);
   EXPECT_EQ(w->samples16[2000], 1999);  // frame s+L+i takes frame s+L-1-i
   EXPECT_EQ(w->samples16[2999], 1000);
-  EXPECT_FALSE(LoopAlternatingToForward(*w));  // forward already
+  ASSERT_TRUE(sanitizeLoop(*w, true, false, false, false, false));  // forward already: nothing to do
+  EXPECT_EQ(w->length, 3000u);
+  EXPECT_EQ(w->loopEnd, 3000.0f);
 }
 
 TEST_F(Ops, Append32CopiesTheLoopStartBehindTheEndOrSilenceAfterARelease) {
@@ -185,18 +187,19 @@ TEST_F(Ops, Append32CopiesTheLoopStartBehindTheEndOrSilenceAfterARelease) {
   w->loopType = 1;
   w->loopStart = 10;
   w->loopEnd = 100;
-  ASSERT_TRUE(LoopAppend32(*w));
+  ASSERT_TRUE(sanitizeLoop(*w, false, false, false, true, false));
   EXPECT_EQ(w->length, 132u);
   EXPECT_EQ(w->samples16[100], 10);
   EXPECT_EQ(w->samples16[131], 41);
-  EXPECT_FALSE(LoopAppend32(*w));  // 32 frames follow now
+  ASSERT_TRUE(sanitizeLoop(*w, false, false, false, true, false));  // 32 frames follow now
+  EXPECT_EQ(w->length, 132u);
 
   Waveform* rel = Wave(c, "R", 110);
   rel->loopType = 1;
   rel->loopRelease = 1;
   rel->loopStart = 10;
   rel->loopEnd = 100;
-  ASSERT_TRUE(LoopAppend32(*rel));
+  ASSERT_TRUE(sanitizeLoop(*rel, false, false, false, true, false));
   EXPECT_EQ(rel->length, 132u);
   EXPECT_EQ(rel->samples16[105], 105);  // the release stays
   EXPECT_EQ(rel->samples16[120], 0);
