@@ -1,6 +1,6 @@
 // The table of audio operations, in the table's own (alphabetical) order,
 // and the pages of the in-place edits. Rows whose operation isn't written yet
-// (loop tools, tuning, time stretch, volume and silence tools,
+// (tuning, time stretch, volume and silence tools,
 // VST effects) are listed with their page,
 // availability and flags; their handler is OperationNotInBuild until then.
 //
@@ -14,6 +14,7 @@
 #include "core/error.h"
 #include "processing/edit.h"
 #include "processing/length_pages.h"
+#include "processing/loop_pages.h"
 #include "processing/loops.h"
 #include "processing/names.h"
 #include "processing/resample_page.h"
@@ -190,14 +191,14 @@ const WizardOperation kAudioOperations[] = {
     {"Adjust volume", 334, AdjustVolumePage, AlwaysAvailable, kOpRange, "adjust-volume",
      KV_CONTROLS(kAdjustVolumeControls)},
     {"Append/combine waveforms", 323, AppendPage, OneWave, 0, "append", KV_CONTROLS(kAppendControls)},
-    {"Auto loop finder", 335, OperationNotInBuild, AlwaysAvailable, 0, "auto-loop", nullptr, 0},
+    {"Auto loop finder", 335, AutoLoopPage, AlwaysAvailable, 0, "auto-loop", KV_CONTROLS(kAutoLoopControls)},
     {"Auto tune", 326, OperationNotInBuild, AlwaysAvailable, 0, "auto-tune", nullptr, 0},
     {"Calculate tuning", 325, OperationNotInBuild, AlwaysAvailable, 0, "calculate-tuning", nullptr, 0},
     {"Convert to mono", 306, ToMonoPage, AnyStereo, 0, "to-mono", KV_CONTROLS(kToMonoControls)},
     {"Convert to stereo", 305, ToStereoPage, AnyMono, 0, "to-stereo", KV_CONTROLS(kToStereoControls)},
-    {"Cross-fade loop", 309, OperationNotInBuild, AnyLooped, 0, "crossfade-loop", nullptr, 0},
+    {"Cross-fade loop", 309, CrossfadePage, AnyLooped, 0, "crossfade", KV_CONTROLS(kCrossfadeControls)},
     {"Cut away selection", 311, CutPage, RangeActive, kOpRange, "cut", nullptr, 0},
-    {"Enable/disable loops", 332, OperationNotInBuild, AlwaysAvailable, 0, "loops", nullptr, 0},
+    {"Enable/disable loops", 332, LoopsPage, AlwaysAvailable, 0, "loops", KV_CONTROLS(kLoopsControls)},
     {"Fade in/out selection", 310, FadePage, RangeActive, kOpRange, "fade", KV_CONTROLS(kFadeControls)},
     {"Find volume", 321, OperationNotInBuild, AlwaysAvailable, 0, "find-volume", nullptr, 0},
     {"Insert silence", 316, InsertSilencePage, AlwaysAvailable, kOpRange, "insert-silence",
@@ -205,11 +206,10 @@ const WizardOperation kAudioOperations[] = {
     {"Insert another waveform", 317, InsertWavePage, AlwaysAvailable, kOpRange, "insert-wave",
      KV_CONTROLS(kInsertWaveControls)},
     {"Invert sign throughout selection", 319, InvertPage, RangeActive, kOpRange | kOpNoPage, "invert", nullptr, 0},
-    {"Loop sanitizer/converter", 302, OperationNotInBuild, AnyLooped, 0, "loop-sanitizer", nullptr, 0},
+    {"Loop sanitizer/converter", 302, SanitizerPage, AnyLooped, 0, "loop-sanitizer", KV_CONTROLS(kSanitizerControls)},
     {"Maximize amplitude", 307, MaximizePage, AlwaysAvailable, kOpNoPage, "maximize", nullptr, 0},
     {"Mix out = a*wave1 + b*wave2 + c", 320, MixPage, OneWave, 0, "mix", KV_CONTROLS(kMixControls)},
-    {"Move loop points to zero-crossing", 339, OperationNotInBuild, AnyLooped, kOpNoPage, "loop-zero-crossing",
-     nullptr, 0},
+    {"Move loop points to zero-crossing", 339, ZeroCrossingPage, AnyLooped, kOpNoPage, "zero-crossing", nullptr, 0},
     {"Normalize volume", 337, OperationNotInBuild, AlwaysAvailable, 0, "normalize", nullptr, 0},
     {"Parse root key from waveform name", 333, OperationNotInBuild, AlwaysAvailable, kOpNoPage, "root-key-from-name",
      nullptr, 0},
@@ -232,7 +232,8 @@ const WizardOperation kAudioOperations[] = {
     {"Statistics", 315, StatisticsPage, AlwaysAvailable, 0, "statistics", nullptr, 0},
     {"Swap left and right channels", 301, SwapPage, AnyStereo, kOpNoPage, "swap", nullptr, 0},
     {"Time stretch", 324, OperationNotInBuild, AlwaysAvailable, 0, "time-stretch", nullptr, 0},
-    {"Trim waveform after loop", 330, OperationNotInBuild, AnyLooped, 0, "trim-after-loop", nullptr, 0},
+    {"Trim waveform after loop", 330, TrimAfterLoopPage, AnyLooped, 0, "trim-after-loop",
+     KV_CONTROLS(kTrimAfterLoopControls), TrimAfterLoopRefusal},
     {"Trim waveform to selection", 308, TrimPage, RangeActive, kOpRange | kOpNoPage, "trim", nullptr, 0},
     {"VST plug-in effects", 327, OperationNotInBuild, AlwaysAvailable, kOpRange, "vst", nullptr, 0},
     {nullptr, 0, nullptr, nullptr, 0, nullptr, nullptr, 0},

@@ -52,7 +52,12 @@ struct PageControl {
   double defaultValue;       // Number, Integer, Choice, Flag
   const char* defaultText;   // Text
   const char* const* choiceKeys;  // Choice, optional: a short command-line word per choice
+  // Text, optional: null when the page can use `text`, else the form it
+  // wants ("LOW:HIGH in percent"), which a command line reports.
+  const char* (*check)(const std::string& text);
 };
+
+struct SettingValue;
 
 // A row of an operation table; a table ends at a row whose name is null.
 struct WizardOperation {
@@ -66,6 +71,9 @@ struct WizardOperation {
   const char* key;
   const PageControl* controls;
   int controlCount;
+  // Optional: null when the page can run with these control values (one per
+  // control), else why not; the command line refuses such a run up front.
+  const char* (*refusal)(const SettingValue* values);
 };
 
 // ---- the tables ----

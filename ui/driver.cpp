@@ -41,7 +41,7 @@ void OutOfMemory() {
 void PrintStatus(const std::string& text) {
   // Progress texts are noise on a terminal; results are not.
   static const char* const kProgress[] = {"Reading", "Fixing up", "Opened:", "Merged:", "Writing",
-                                          "Saving",  "Rendering", "Normalizing"};
+                                          "Saving",  "Rendering", "Normalizing", "Finding loop"};
   if (text.empty() || text.ends_with(" %")) return;
   for (const char* word : kProgress)
     if (text.starts_with(word)) return;
@@ -144,6 +144,8 @@ int RunDriver(std::vector<std::string> args) {
   std::set_new_handler(OutOfMemory);
   SetStatusSink(PrintStatus);
   InstallInterruptHandler();
+  // Ctrl+C is the command line's Esc key for long searches.
+  SetCancelPoll(Interrupted);
   InstallSongRendering();
   LoadSettings();
 

@@ -172,11 +172,19 @@ int ParseRequest(const OperationRequest& request, ParsedRequest& parsed) {
     }
     const PageControl& c = row.controls[control];
     SettingValue value;
+    if (c.type == ControlType::Text && c.check && c.check(text))
+      return Usage("--op %s: %s must be %s, not \"%s\"", row.key, c.key, c.check(text), text.c_str());
     if (!ParseValue(c, text, value))
       return Usage("--op %s: %s must be %s %s, not \"%s\"", row.key, c.key,
                    c.type == ControlType::Text ? "a text of" : c.type == ControlType::Flag ? "" : "a value in",
                    RangeText(c).c_str(), text.c_str());
     parsed.values.emplace_back(control, std::move(value));
+  }
+  if (row.refusal) {
+    std::vector<SettingValue> values;
+    for (int i = 0; i < row.controlCount; ++i) values.push_back(OperationSetting(row.controls[i]));
+    for (const auto& [control, value] : parsed.values) values[control] = value;
+    if (const char* why = row.refusal(values.data())) return Usage("--op %s: %s", row.key, why);
   }
   return 0;
 }
