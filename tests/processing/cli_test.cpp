@@ -151,12 +151,13 @@ TEST_F(Cli, StatusLinesKeysAndFilesAnywhere) {
   EXPECT_NE(names.out.find("\"0ther\""), std::string::npos) << names.out;
 }
 
+struct Case {
+  const char* args;
+  const char* said;
+};
+
 TEST_F(Cli, BadUsageExitsTwoNamingTheKey) {
   if (!Corpus("wav/gen-s16-stereo.wav", "in.wav")) return;
-  struct Case {
-    const char* args;
-    const char* said;
-  };
   const Case cases[] = {
       {"in.wav --op no-such-op", "unknown operation \"no-such-op\""},
       {"in.wav --op adjust-volume gain=3", "unknown key \"gain\""},
@@ -182,6 +183,53 @@ TEST_F(Cli, BadUsageExitsTwoNamingTheKey) {
   EXPECT_NE(later.err.find("Processing: \"VST plug-in effects\" is not available in this build"), std::string::npos)
       << later.err;
   EXPECT_NE(later.out.find("No items were modified by VST plug-in effects"), std::string::npos);
+}
+
+// The loop rows end to end: keys, refusals, and loops that libsndfile reads
+// back from the saved file as we set them.
+TEST_F(Cli, LoopRowsAndTheirKeys) {
+  if (!test::NeedTool("sox") || !Sox("-n -r 44100 -c 1 -b 16 tone.wav synth 1 sine 440")) return;
+  const Case refused[] = {
+      {"tone.wav --op trim-after-loop cut-after=off cut-before=off", "cut-after or cut-before must be on"},
+      {"tone.wav --op auto-loop start=50", "start must be LOW:HIGH in percent"},
+      {"tone.wav --op crossfade length=ten", "length must be a whole number of frames or \"whole\""},
+      {"tone.wav --op loops choice=some", "choice must be a value in 0..2"},
+  };
+  for (const Case& c : refused) {
+    Result r = Kelvo(std::string(c.args) + " --save out.wav");
+    EXPECT_EQ(r.code, 2) << c.args;
+    EXPECT_NE(r.err.find(c.said), std::string::npos) << c.args << ": " << r.err;
+  }
+  Result run = Kelvo(
+      "tone.wav --op auto-loop crossfade=on start=40:99 --op loop-sanitizer after32=on --op zero-crossing --list "
+      "--save looped.wav");
+  ASSERT_EQ(run.code, 0) << run.err;
+  EXPECT_NE(run.out.find("Done: Loop found and set!\nNo items were modified by Auto loop finder"), std::string::npos)
+      << run.out;
+  EXPECT_EQ(run.out.find("Finding loop"), std::string::npos);  // progress stays off the terminal
+  std::smatch m;
+  const std::regex ours("loop=1:([0-9.]+)-([0-9.]+)");
+  ASSERT_TRUE(std::regex_search(run.out, m, ours)) << run.out;
+  const std::string start = m[1], end = m[2];
+  std::string info;
+  if (!test::NeedTool("sndfile-info")) return;
+  ASSERT_EQ(test::RunCommand("sndfile-info --instrument '" + (dir / "looped.wav").string() + "'", &info), 0);
+  std::smatch l;
+  ASSERT_TRUE(std::regex_search(info, l, std::regex("Mode : fwd +Start : +([0-9]+) +End : +([0-9]+)"))) << info;
+  // Fractional points (the zero-crossing move) are whole frames in a WAV.
+  EXPECT_EQ(std::stol(l[1].str()), std::lround(std::stod(start)));
+  EXPECT_EQ(std::stol(l[2].str()), std::lround(std::stod(end)));
+
+  // Ctrl+C during the search cancels it; the program finishes normally.
+  ASSERT_TRUE(Sox("-n -r 44100 -c 1 -b 16 long.wav synth 8 sine 440"));
+  std::string said;
+  const int code = test::RunCommand("cd '" + dir.path().string() + "' && { '" + KELVO_EXE +
+                                        "' -NOMSG long.wav --op auto-loop & pid=$!; sleep 1; kill -INT $pid; wait "
+                                        "$pid; }",
+                                    &said);
+  EXPECT_EQ(code, 0);
+  EXPECT_NE(said.find("Failed: Loop find cancelled\nNo items were modified by Auto loop finder"), std::string::npos)
+      << said;
 }
 
 // sox's verdict on one operation, for both files.

@@ -15,6 +15,7 @@
 #include "core/items.h"
 #include "core/param_catalogue.h"
 #include "core/settings.h"
+#include "core/wavestore.h"
 #include "formats/import.h"
 #include "processing/loops.h"
 #include "processing/pitch.h"
@@ -483,6 +484,49 @@ TEST_F(Loops, CorpusFinderAndCrossfade) {
   EXPECT_GT(test::ClickRatioDb(*cue), 10.0);
   ASSERT_TRUE(crossfadeLoop(*cue, 1823, 5469, maximumCrossfade(*cue), true, false));
   EXPECT_LE(test::ClickRatioDb(*cue), 0.0);
+}
+
+TEST_F(Loops, CorpusBankEveryLoopedWave) {
+  Collection bank;
+  if (!Load(bank, "sf2/TimGM6mb.sf2")) return;
+  const uint64_t features = Settings().features;
+  Settings().features &= ~(uint64_t{1} << kFeatFractionalLoops);
+  auto inside = [](const Waveform& w) {
+    return w.loopType == 0 || (w.loopStart >= 0 && w.loopStart < w.loopEnd && w.loopEnd <= static_cast<float>(w.length));
+  };
+  int looped = 0, moved = 0;
+  for (Waveform* w : bank.All<Waveform>()) {
+    if (w->loopType == 0 || !w->EnsureData()) continue;
+    ++looped;
+    SCOPED_TRACE(std::string(w->Name()));
+    const float start = w->loopStart, end = w->loopEnd;
+    moveLoopToZeroCrossing(*w);
+    const int16_t* v = Samples16(*w);
+    ASSERT_NE(v, nullptr);
+    // A moved point lies next to a sign change: between p - 1 and p, p and
+    // p + 1, or on a 0 between opposite signs.
+    for (auto [was, now] : {std::pair{start, w->loopStart}, std::pair{end, w->loopEnd}}) {
+      if (was == now) continue;
+      ++moved;
+      const auto p = static_cast<int64_t>(now);
+      auto sum = [&](int64_t i) { return w->channels == 2 ? v[2 * i] + v[2 * i + 1] : int{v[i]}; };
+      const bool crossing = sum(p - 1) * sum(p) < 0 || sum(p) * sum(p + 1) < 0 ||
+                            (sum(p) == 0 && sum(p - 1) * sum(p + 1) < 0);
+      EXPECT_TRUE(crossing) << was << " -> " << now;
+    }
+    EXPECT_TRUE(inside(*w));
+    // Every other tool keeps the loop within the length too.
+    EXPECT_TRUE(sanitizeLoop(*w, true, true, true, true, true));
+    EXPECT_TRUE(inside(*w));
+    crossfadeLoop(*w, static_cast<int64_t>(w->loopStart + 0.499f), static_cast<int64_t>(w->loopEnd + 0.499f),
+                  maximumCrossfade(*w), true, false);
+    EXPECT_TRUE(inside(*w));
+    EXPECT_GE(trimAfterLoop(*w, true, true, false), 0);
+    EXPECT_TRUE(inside(*w));
+  }
+  Settings().features = features;
+  EXPECT_GT(looped, 100);
+  EXPECT_GT(moved, looped / 2);
 }
 
 }  // namespace

@@ -92,7 +92,12 @@ struct RowSetting {
     {"search-replace", 0, 0, "o"},  {"append", 0, 0, "Mono float"}, {"insert-wave", 0, 0, "Mono 16"},
     {"mix", 1, 0, "0,5"},           {"mix", 4, 0, "Mono float"},    {"to-mono", 0, 3, ""},  // the split
     {"resample", 1, 32000, ""},     {"resample", 2, 3, ""},  // short rows, each an allocation
+    {"auto-loop", 0, 1, ""},        {"auto-loop", 2, 1, ""},        {"loop-sanitizer", 3, 1, ""},
+    {"trim-after-loop", 3, 1, ""},  {"trim-after-loop", 4, 1, ""},
 };
+
+// The finder sets loops but counts no wave as modified.
+bool CountsNoWave(const WizardOperation& row) { return std::strcmp(row.key, "auto-loop") == 0; }
 
 [[maybe_unused]] Result RunOnAll(Collection& c, const WizardOperation& row) {
   for (const RowSetting& s : kSettings) {
@@ -147,7 +152,7 @@ TEST(AllocationFailure, EveryOperationLeavesTheFailedWaveWhole) {
       // One allocation failed: at most one wave failed, and it is whole.
       ASSERT_LE(got.failed, 1u);
       failuresSeen += static_cast<int>(got.failed);
-      EXPECT_EQ(got.modified + got.failed, expected.modified);
+      EXPECT_EQ(got.modified + (CountsNoWave(row) ? 0 : got.failed), expected.modified);
       const std::vector<Waveform*> waves = c.All<Waveform>();
       Collection reference;
       Fill(reference);
@@ -160,7 +165,9 @@ TEST(AllocationFailure, EveryOperationLeavesTheFailedWaveWhole) {
         EXPECT_EQ(now, before[i]) << waves[i]->Name();
         ++whole;
       }
-      EXPECT_EQ(whole, static_cast<int>(got.failed));
+      // A failed search may hit a wave it would have left alone anyway.
+      if (CountsNoWave(row)) EXPECT_LE(whole, static_cast<int>(got.failed));
+      else EXPECT_EQ(whole, static_cast<int>(got.failed));
       // No converted copy stays, and a failed split leaves no half behind.
       EXPECT_EQ(waves.size(), got.failed ? before.size() : done.size());
     }
