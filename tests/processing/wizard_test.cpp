@@ -95,7 +95,13 @@ const char* const kInBuild[] = {"Adjust volume",
                                 "Insert silence",
                                 "Insert another waveform",
                                 "Mix out = a*wave1 + b*wave2 + c",
-                                "Trim waveform to selection"};
+                                "Trim waveform to selection",
+                                "Auto loop finder",
+                                "Cross-fade loop",
+                                "Enable/disable loops",
+                                "Loop sanitizer/converter",
+                                "Move loop points to zero-crossing",
+                                "Trim waveform after loop"};
 
 struct Frame : ::testing::Test {
   void SetUp() override {
