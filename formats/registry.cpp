@@ -287,7 +287,7 @@ constexpr FormatEntry kFormats[] = {
     /*234*/ {"mld", nullptr, nullptr, nullptr, "i-Melody", 0x60, 0x00000000, 0, nullptr, RD},
     /*235*/ {"mls", mls_Imp, nullptr, dls_MlsDetect, "Miles Sound System", 0x91, 0x00000000, 0, nullptr, RD},
     /*236*/ {"mmf", nullptr, nullptr, nullptr, "Synthetic music mobile", 0xC0, 0x00000000, 0, nullptr, RD},
-    /*237*/ {"mod", nullptr, nullptr, mod_Detect, "Tracker module", 0x80, 0x00000000, 0, nullptr, RD},
+    /*237*/ {"mod", mod_Imp, nullptr, mod_Detect, "Tracker module", 0x80, 0x00000000, 0, nullptr, RD},
     /*238*/ {"mov", nullptr, nullptr, nullptr, "Apple QuickTime movie", 0x01, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*239*/ {"mp1", nullptr, nullptr, nullptr, "MPEG layer I", 0x01, 0x00000000, 0, nullptr, RD},
     /*240*/ {"mp2", nullptr, nullptr, nullptr, "MPEG layer II", 0x01, 0x00000000, 0, nullptr, RD},

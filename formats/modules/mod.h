@@ -4,8 +4,13 @@
 
 #include <cstdint>
 
+#include "formats/modules/module.h"
+
 namespace kv {
 
+// A MOD becomes a Song (format 1, 96 ticks per quarter note, a control track
+// and one track per channel) and one Instrument per sample with its Waveform.
+bool mod_Imp(Collection& collection, FileRef& file, uint32_t parameter);
 int mod_Detect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64_t fileSize);
 int mod_669Detect(const uint8_t* data, uint32_t parameter, uint32_t size, uint64_t fileSize);
 // parameter: 0 Extreme's Tracker, 1 Velvet Studio.
