@@ -832,10 +832,15 @@ bool mod_Imp(Collection& collection, FileRef& file, uint32_t) {
         std::floor(258.973028125 * std::exp2((s.finetune * 0.125 + 60.0) / 12.0) + 0.499));
     w->rootKey = 60;
     if (s.loopWords > 1) {
-      const int64_t loopStart = std::max<int64_t>(0, int64_t{s.loopStart} * 2 - 2);
+      // Ultimate Soundtracker counted the loop start in bytes: a loop that
+      // only fits the sample so is read that way.
+      const uint64_t bytes = uint64_t{s.words} * 2, loopBytes = uint64_t{s.loopWords} * 2;
+      const bool inBytes = h.sampleCount == 15 && uint64_t{s.loopStart} * 2 + loopBytes > bytes &&
+                           uint64_t{s.loopStart} + loopBytes <= bytes;
+      const int64_t loopStart = std::max<int64_t>(0, int64_t{s.loopStart} * (inBytes ? 1 : 2) - 2);
       w->loopType = 1;
       w->loopStart = static_cast<float>(loopStart);
-      w->loopEnd = static_cast<float>(loopStart + int64_t{s.loopWords} * 2);
+      w->loopEnd = static_cast<float>(std::min<int64_t>(loopStart + int64_t(loopBytes), int64_t(frames)));
     }
     SetGenericFormat(*w, kPcm8);
 
