@@ -726,9 +726,11 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
       !writesAs(TypeBit(ItemType::Collection)) && writesAs(TypeBit(ItemType::Instrument)))
     subject = c.All<Instrument>().front();
   // The instruments loaded beside a song are the ones it plays ("kelvo
-  // a.mid bank.sf2 --save a.wav").
+  // a.mid bank.sf2 --save a.wav"); a bank format keeps the instruments
+  // ("kelvo x.mod --save x.sf2").
+  const bool keepsInstruments = c.Count(ItemType::Instrument) > 0 && writesAs(TypeBit(ItemType::Instrument));
   if (!item && subject == &c && c.Count(ItemType::Song) == 1 &&
-      (writesAs(TypeBit(ItemType::Song)) || writesAs(TypeBit(ItemType::Waveform))))
+      (writesAs(TypeBit(ItemType::Song)) || (writesAs(TypeBit(ItemType::Waveform)) && !keepsInstruments)))
     subject = c.All<Song>().front();
   uint8_t mask = SaveTypeMask(subject);
   // A song saved in a sound format is rendered on its way there ("kelvo

@@ -850,6 +850,9 @@ bool mod_Imp(Collection& collection, FileRef& file, uint32_t) {
     Layer* layer = AddLayer(*inst);
     Region* region = AddRegion(*layer, w->id, MakeRange(0, 127), kNoRange, 255);
     region->art.Set(kRowVEnvR1Rate, 5.0f);
+    // A tracker channel plays one sample at a time: a new note on the
+    // channel stops the one still sounding in its release.
+    region->SetParam(kRowExclusionGroup, 1.0f);
   }
   return true;
 }
