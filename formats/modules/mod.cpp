@@ -356,7 +356,6 @@ class ModSong {
   uint32_t controlTick_ = 0;
   int speed_ = 6, bpm_ = 125;
   uint32_t tempoSent_ = 480000;
-  int channelIndex_ = 0;
 };
 
 ModCell ModSong::Cell(int pattern, int row, int channel) const {
