@@ -636,10 +636,12 @@ void ModSong::EndAll(uint32_t tick) {
   MidiEventWriter(control_).EndOfTrack(tick - controlTick_);
 }
 
-// Rows at most, and bytes of events at most: what a hostile file can make
-// the conversion produce. Real songs stay far below both.
-constexpr uint64_t kMaxCellRows = uint64_t{1} << 20;
-constexpr std::size_t kMaxEventBytes = std::size_t{1} << 26;
+// Cells, tracker ticks and bytes of events at most: what a hostile file can
+// make the conversion do. A song of 128 patterns of 32 channels at speed 31
+// stays below all three.
+constexpr uint64_t kMaxCellRows = uint64_t{1} << 19;
+constexpr uint64_t kMaxTicks = uint64_t{1} << 23;
+constexpr std::size_t kMaxEventBytes = std::size_t{1} << 25;
 
 void ModSong::Run() {
   // The channel tracks' heads and the control track's.
@@ -668,7 +670,7 @@ void ModSong::Run() {
   std::vector<bool> played(std::size_t(length), false);
   std::unordered_set<uint64_t> seen;
   uint32_t tick = 0;
-  uint64_t cellRows = 0;
+  uint64_t cellRows = 0, ticks = 0;
   bool exhausted = false;
   while (!exhausted) {
     int pos = 0;
@@ -697,7 +699,7 @@ void ModSong::Run() {
       cellRows += h_.channels;
       std::size_t bytes = control_.size();
       for (const Chan& ch : chans_) bytes += ch.out.size();
-      if (cellRows > kMaxCellRows || bytes > kMaxEventBytes) {
+      if (cellRows > kMaxCellRows || ticks > kMaxTicks || bytes > kMaxEventBytes) {
         exhausted = true;
         break;
       }
@@ -739,6 +741,7 @@ void ModSong::Run() {
         }
       }
       Tempo(tick);
+      ticks += uint64_t(h_.channels) * speed_ * repeats;
       PlayRow(pattern, row, tick, speed_, repeats);
       tick += 24u * repeats;
 
