@@ -10,6 +10,8 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QPointer>
+#include <QScreen>
 #include <QTableView>
 #include <QTest>
 #include <QTimer>
@@ -67,6 +69,14 @@ void TreeLines(const CollectionTreeModel& model, const QModelIndex& parent, int 
   }
 }
 
+// A grab of the whole virtual screen for review, menus and boxes included.
+void Shot(const char* name) {
+  QApplication::processEvents();
+  fs::create_directories(KELVO_SCREENSHOTS);
+  QGuiApplication::primaryScreen()->grabWindow(0).save(
+      QString::fromStdString((fs::path(KELVO_SCREENSHOTS) / (std::string(name) + ".png")).string()));
+}
+
 QMenu* MenuNamed(MainWindow& w, const char* name) {
   return w.menuBar()->findChild<QMenu*>(QString::fromLatin1(name));
 }
@@ -94,10 +104,11 @@ void Click(MainWindow& w, const char* menu, const QString& text) {
 
 // Answers the next file dialog with `path` (and a name filter starting with
 // `filter`, if given) once it is up.
-void AnswerFileDialog(const fs::path& path, const QString& filter = {}) {
-  QTimer::singleShot(200, [path, filter] {
+void AnswerFileDialog(const fs::path& path, const QString& filter = {}, const char* shot = nullptr) {
+  QTimer::singleShot(200, [path, filter, shot] {
     auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
     if (!dialog) return;
+    if (shot) Shot(shot);
     for (const QString& f : dialog->nameFilters())
       if (!filter.isEmpty() && f.startsWith(filter)) dialog->selectNameFilter(f);
     // The name field may have the keyboard, where selectFile leaves it be.
@@ -107,6 +118,29 @@ void AnswerFileDialog(const fs::path& path, const QString& filter = {}) {
       dialog->selectFile(QString::fromStdString(path.string()));
     static_cast<QDialog*>(dialog)->accept();
   });
+}
+
+// Closes every modal window that comes up in the next five seconds and
+// returns their titles; the first is grabbed as `shot`.
+std::shared_ptr<QStringList> DismissModals(const char* shot) {
+  // One dismisser at a time: a new one ends the last.
+  static QPointer<QTimer> last;
+  if (last) last->deleteLater();
+  auto titles = std::make_shared<QStringList>();
+  auto* timer = new QTimer;
+  last = timer;
+  auto ticks = std::make_shared<int>(0);
+  QObject::connect(timer, &QTimer::timeout, [timer, titles, ticks, shot] {
+    if (QWidget* modal = QApplication::activeModalWidget()) {
+      if (titles->isEmpty()) Shot(shot);
+      titles->push_back(modal->windowTitle());
+      if (auto* box = qobject_cast<QMessageBox*>(modal)) box->done(QMessageBox::Ok);
+      else modal->close();
+    }
+    if (++*ticks > 50) timer->deleteLater();
+  });
+  timer->start(100);
+  return titles;
 }
 
 class Gui : public ::testing::Test {
@@ -160,6 +194,7 @@ TEST_F(Gui, CommandLineBankShowsWhatTheListingShows) {
 }
 
 TEST_F(Gui, MenusEnableAsTheSelectionAllows) {
+  Shot("empty-window");
   // Empty: nothing to save, no layer to add to.
   QAction* save = MenuAction(W(), "File", "Save");
   ASSERT_NE(save, nullptr);
@@ -177,8 +212,14 @@ TEST_F(Gui, MenusEnableAsTheSelectionAllows) {
   ASSERT_TRUE(region.isValid());
   W().Tree().setCurrentIndex(region);
   EXPECT_EQ(MenuAction(W(), "File", "Save selected")->text(), "Save selected region as...\tF4");
+  Shot("menu-file-region-selected");
   EXPECT_TRUE(MenuAction(W(), "File", "Save collection\t")->isEnabled());
   EXPECT_EQ(MenuAction(W(), "Edit", "Clone")->text(), "Clone selected region\ta-C");
+  Shot("menu-edit");
+  MenuNamed(W(), "Edit")->hide();
+  MenuAction(W(), "Tools", "Autocreate");
+  Shot("menu-tools");
+  MenuNamed(W(), "Tools")->hide();
   MenuNamed(W(), "Edit")->hide();
   // An unbuilt subsystem answers by name.
   MessageBoxesEnabled = 0;
@@ -194,12 +235,21 @@ TEST_F(Gui, MenuCommandsSaveWhatTheDriverSaves) {
   EXPECT_EQ(W().StatusPart(0).toStdString().rfind("Done: Split 1 stereo waveform", 0), 0u) << W().StatusPart(0).toStdString();
   Click(W(), "Tools", "Autocreate instruments");
   const fs::path ours = dir_ / "menu.sf2", theirs = dir_ / "driver.sf2";
-  AnswerFileDialog(ours, "SoundFont");
+  AnswerFileDialog(ours, "SoundFont", "save-dialog");
   Click(W(), "File", "Save collection as...");
   ASSERT_TRUE(fs::exists(ours)) << W().StatusPart(0).toStdString();
   RunText("'" KELVO_EXE "' -NOMSG '" + wav.string() + "' --command 155 --command 115 --save '" + theirs.string() +
           "' 2>&1");
   EXPECT_EQ(test::ReadFile(ours), test::ReadFile(theirs));
+  // Item count, and a box for a file that fails to load; the window goes on.
+  auto counts = DismissModals("item-count");
+  Click(W(), "View", "Item count...");
+  EXPECT_EQ(*counts, QStringList{"Item count"});
+  test::WriteFile(dir_ / "broken.sf2", std::string("RIFF\x10\0\0\0sfbkLIST", 16));
+  auto errors = DismissModals("error-box");
+  W().OpenArguments({dir_ / "broken.sf2", wav});
+  EXPECT_EQ(*errors, QStringList{"sf2_Imp"});
+  EXPECT_EQ(W().WaveModel().rowCount(), 1);
   // Clear all leaves an unnamed window.
   Click(W(), "File", "Clear all");
   EXPECT_EQ(W().windowTitle(), QStringLiteral("Unnamed  - Kelvo Studio"));
