@@ -276,7 +276,10 @@ int RunDriver(std::vector<std::string> args) {
 
   if (opt.info) {
     for (const fs::path& f : files)
-      if (!PrintFileInfo(stdout, f)) status = 1;
+      if (!PrintFileInfo(stdout, f)) {
+        ShowErrorBox();
+        status = 1;
+      }
   } else if (opt.demo) {
     Collection& main = MainCollection();
     fs::path bank = Settings().mid2wav.wszGMBank;
