@@ -8,6 +8,7 @@
 
 #include "codecs/addon.h"
 #include "core/error.h"
+#include "core/fileref.h"
 
 namespace kv {
 
@@ -247,6 +248,231 @@ bool kvOggProbe(std::span<const uint8_t> head, std::span<const uint8_t> tail, in
     return true;
   }
   return false;
+}
+
+// ---------------------------------------------------------------- files
+
+namespace {
+
+struct FileSource {
+  FileRef* file;
+  uint64_t base;
+  uint64_t size;
+};
+
+std::size_t FileRead(void* ptr, std::size_t size, std::size_t count, void* source) {
+  auto* f = static_cast<FileSource*>(source);
+  if (size == 0 || count == 0) return 0;
+  const int64_t got = f->file->Read(std::span<std::byte>(static_cast<std::byte*>(ptr), size * count));
+  return got <= 0 ? 0 : static_cast<std::size_t>(got) / size;
+}
+int FileSeek(void* source, int64_t offset, int whence) {
+  auto* f = static_cast<FileSource*>(source);
+  const int64_t length = static_cast<int64_t>(f->size - f->base);
+  const int64_t base = whence == 0 ? 0 : whence == 1 ? static_cast<int64_t>(f->file->Tell() - f->base) : length;
+  const int64_t to = base + offset;
+  if (to < 0 || to > length) return -1;
+  return f->file->Seek(f->base + static_cast<uint64_t>(to)) ? 0 : -1;
+}
+long FileTell(void* source) {
+  auto* f = static_cast<FileSource*>(source);
+  return static_cast<long>(f->file->Tell() - f->base);
+}
+
+void TakeComments(const VorbisComment* c, std::vector<std::string>& out) {
+  if (!c || c->comments < 0 || !c->userComments || !c->commentLengths) return;
+  for (int i = 0; i < c->comments && i < 1024; ++i) {
+    if (!c->userComments[i] || c->commentLengths[i] < 0) continue;
+    out.emplace_back(c->userComments[i], static_cast<std::size_t>(std::min(c->commentLengths[i], 4096)));
+  }
+}
+
+}  // namespace
+
+bool kvOggDecHelper(FileRef& file, CodecHead& head, FloatSink sink, void* user) {
+  static constexpr const char* kContext = "kvOggDecHelper";
+  head = {};
+  if (!BindVorbisFile()) return Fail(kContext, "%s", kOggMissing);
+  FileSource source{&file, file.Tell(), file.Size()};
+  if (source.base > source.size) return Fail(kContext, "Could not open Ogg file");
+  auto vf = std::make_unique<Opaque>();
+  const OvCallbacks callbacks{FileRead, FileSeek, MemClose, FileTell};
+  if (Slot<OvOpenFn>(ovSlots, kOvOpen)(&source, vf.get(), nullptr, 0, callbacks) != 0)
+    return Fail(kContext, "Could not open Ogg file");
+  struct Closer {
+    void* f;
+    ~Closer() { Slot<OvClearFn>(ovSlots, kOvClear)(f); }
+  } closer{vf.get()};
+  const VorbisInfo* info = Slot<OvInfoFn>(ovSlots, kOvInfo)(vf.get(), -1);
+  if (!info || info->channels < 1 || info->channels > 255 || info->rate <= 0 || info->rate > 0x7FFFFFFF)
+    return Fail(kContext, "Couldn't get Ogg stream info");
+  const int64_t total = Slot<OvPcmTotalFn>(ovSlots, kOvPcmTotal)(vf.get(), -1);
+  if (total < 0) return Fail(kContext, "Unknown Ogg length");
+  head.rate = static_cast<uint32_t>(info->rate);
+  head.channels = std::min(info->channels, 2);
+  head.frames = static_cast<uint64_t>(total);
+  head.nominalKbps = info->bitrateNominal > 0 ? static_cast<int>(info->bitrateNominal / 1000) : 0;
+  using CommentFn = VorbisComment* (*)(void*, int);
+  if (ovSlots[kOvComment]) TakeComments(Slot<CommentFn>(ovSlots, kOvComment)(vf.get(), -1), head.comments);
+  if (!sink) return true;
+
+  const int fileChannels = info->channels;
+  float block[2 * 4096];
+  uint64_t done = 0;
+  while (done < head.frames) {
+    float** pcm = nullptr;
+    int section = 0;
+    const int want = static_cast<int>(std::min<uint64_t>(4096, head.frames - done));
+    const long got = Slot<OvReadFloatFn>(ovSlots, kOvReadFloat)(vf.get(), &pcm, want, &section);
+    if (got == 0) break;
+    if (got < 0) return Fail(kContext, "Stream error");
+    // A chained stream may change its layout; the first link's decides.
+    const VorbisInfo* now = Slot<OvInfoFn>(ovSlots, kOvInfo)(vf.get(), -1);
+    if (!now || now->channels != fileChannels) return Fail(kContext, "Stream error");
+    const uint32_t frames = static_cast<uint32_t>(std::min<uint64_t>(static_cast<uint64_t>(got), head.frames - done));
+    for (uint32_t f = 0; f < frames; ++f)
+      for (int ch = 0; ch < head.channels; ++ch) block[f * head.channels + ch] = pcm[ch][f];
+    if (!sink(user, block, frames)) return false;
+    done += frames;
+  }
+  head.frames = done;
+  return true;
+}
+
+// ---------------------------------------------------------------- encoder
+
+namespace {
+
+enum {
+  kEnViInit, kEnViClear, kEnVcInit, kEnVcClear, kEnVcAddTag, kEnAnInit, kEnBlockInit, kEnHeaderOut, kEnBuffer,
+  kEnWrote, kEnBlockOut, kEnAnalysis, kEnAddBlock, kEnFlushPacket, kEnBlockClear, kEnDspClear, kEnCount
+};
+constexpr const char* kEnNames[kEnCount] = {
+    "vorbis_info_init",        "vorbis_info_clear",       "vorbis_comment_init",     "vorbis_comment_clear",
+    "vorbis_comment_add_tag",  "vorbis_analysis_init",    "vorbis_block_init",       "vorbis_analysis_headerout",
+    "vorbis_analysis_buffer",  "vorbis_analysis_wrote",   "vorbis_analysis_blockout", "vorbis_analysis",
+    "vorbis_bitrate_addblock", "vorbis_bitrate_flushpacket", "vorbis_block_clear",   "vorbis_dsp_clear"};
+void* enSlots[kEnCount] = {};
+constexpr const char* kVencNames[] = {"vorbis_encode_init"};
+constexpr const char* kVencFiles[] = {"libvorbisenc.so.2"};
+void* vencSlots[1] = {};
+enum { kOsInit, kOsPacketIn, kOsPageOut, kOsFlush, kOsClear, kOsCount };
+constexpr const char* kOsNames[kOsCount] = {"ogg_stream_init", "ogg_stream_packetin", "ogg_stream_pageout",
+                                            "ogg_stream_flush", "ogg_stream_clear"};
+void* osSlots[kOsCount] = {};
+
+bool BindEncoder() {
+  return bindAddOn(kOggFiles, osSlots, kOsNames) && bindAddOn(kViFiles, enSlots, kEnNames) &&
+         bindAddOn(kVencFiles, vencSlots, kVencNames);
+}
+
+struct OggPage {
+  unsigned char* header;
+  long headerLength;
+  unsigned char* body;
+  long bodyLength;
+};
+
+}  // namespace
+
+bool kvOggEncoderAvailable() { return BindEncoder(); }
+
+bool kvOggEncHelper(FileRef& file, const LossyEncodeSetup& setup, FloatSource source, void* user) {
+  static constexpr const char* kContext = "kvOggEncHelper";
+  if (!BindEncoder()) return Fail(kContext, "%s", kOggEncMissing);
+  using InitFn = void (*)(void*);
+  using IntFn = int (*)(void*);
+  using EncodeInitFn = int (*)(void*, long, long, long, long, long);
+  using AddTagFn = void (*)(void*, const char*, const char*);
+  using TwoFn = int (*)(void*, void*);
+  using HeaderOutFn = int (*)(void*, void*, OggPacket*, OggPacket*, OggPacket*);
+  using BufferFn = float** (*)(void*, int);
+  using WroteFn = int (*)(void*, int);
+  using FlushPacketFn = int (*)(void*, OggPacket*);
+  using StreamInitFn = int (*)(void*, int);
+  using PacketInFn = int (*)(void*, OggPacket*);
+  using PageFn = int (*)(void*, OggPage*);
+
+  VorbisInfo info{};
+  VorbisComment comment{};
+  auto dsp = std::make_unique<Opaque>();
+  auto block = std::make_unique<Opaque>();
+  auto stream = std::make_unique<Opaque>();
+  Slot<InitFn>(enSlots, kEnViInit)(&info);
+  bool dspReady = false, streamReady = false;
+  struct Cleanup {
+    std::function<void()> fn;
+    ~Cleanup() { fn(); }
+  };
+  Cleanup cleanup{[&] {
+    if (streamReady) Slot<IntFn>(osSlots, kOsClear)(stream.get());
+    if (dspReady) {
+      Slot<IntFn>(enSlots, kEnBlockClear)(block.get());
+      Slot<InitFn>(enSlots, kEnDspClear)(dsp.get());
+      Slot<InitFn>(enSlots, kEnVcClear)(&comment);
+    }
+    Slot<InitFn>(enSlots, kEnViClear)(&info);
+  }};
+  const long bitrate = static_cast<long>(setup.kbps) * 1000;
+  if (setup.channels < 1 || setup.channels > 2 || setup.rate == 0 ||
+      Slot<EncodeInitFn>(vencSlots, 0)(&info, setup.channels, setup.rate, -1, bitrate, -1) != 0)
+    return Fail(kContext, "Could not initialize Ogg encoder with the selected format");
+  Slot<InitFn>(enSlots, kEnVcInit)(&comment);
+  for (const auto& [tag, value] : setup.tags)
+    Slot<AddTagFn>(enSlots, kEnVcAddTag)(&comment, tag.c_str(), value.c_str());
+  if (Slot<TwoFn>(enSlots, kEnAnInit)(dsp.get(), &info) != 0) {
+    Slot<InitFn>(enSlots, kEnVcClear)(&comment);
+    return Fail(kContext, "Could not initialize Ogg encoder with the selected format");
+  }
+  Slot<TwoFn>(enSlots, kEnBlockInit)(dsp.get(), block.get());
+  dspReady = true;
+  Slot<StreamInitFn>(osSlots, kOsInit)(stream.get(), 0x4B56);
+  streamReady = true;
+
+  auto writePage = [&](const OggPage& page) {
+    return file.Write(page.header, static_cast<std::size_t>(page.headerLength)) &&
+           file.Write(page.body, static_cast<std::size_t>(page.bodyLength));
+  };
+  OggPacket h1{}, h2{}, h3{};
+  Slot<HeaderOutFn>(enSlots, kEnHeaderOut)(dsp.get(), &comment, &h1, &h2, &h3);
+  Slot<PacketInFn>(osSlots, kOsPacketIn)(stream.get(), &h1);
+  Slot<PacketInFn>(osSlots, kOsPacketIn)(stream.get(), &h2);
+  Slot<PacketInFn>(osSlots, kOsPacketIn)(stream.get(), &h3);
+  OggPage page{};
+  // The headers take pages of their own, so audio starts on a fresh page.
+  while (Slot<PageFn>(osSlots, kOsFlush)(stream.get(), &page) != 0)
+    if (!writePage(page)) return Fail(kContext, "Writing to file failed");
+
+  auto drain = [&]() {
+    OggPacket packet{};
+    while (Slot<TwoFn>(enSlots, kEnBlockOut)(dsp.get(), block.get()) == 1) {
+      Slot<TwoFn>(enSlots, kEnAnalysis)(block.get(), nullptr);
+      Slot<IntFn>(enSlots, kEnAddBlock)(block.get());
+      while (Slot<FlushPacketFn>(enSlots, kEnFlushPacket)(dsp.get(), &packet) == 1) {
+        Slot<PacketInFn>(osSlots, kOsPacketIn)(stream.get(), &packet);
+        while (Slot<PageFn>(osSlots, kOsPageOut)(stream.get(), &page) != 0)
+          if (!writePage(page)) return false;
+      }
+    }
+    return true;
+  };
+  constexpr uint32_t kBlock = 4096;
+  std::vector<float> interleaved(std::size_t{kBlock} * setup.channels);
+  for (uint64_t done = 0; done < setup.frames;) {
+    const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(kBlock, setup.frames - done));
+    if (!source(user, done, n, interleaved.data())) return false;
+    float** buffer = Slot<BufferFn>(enSlots, kEnBuffer)(dsp.get(), static_cast<int>(n));
+    for (uint32_t f = 0; f < n; ++f)
+      for (int ch = 0; ch < setup.channels; ++ch) buffer[ch][f] = interleaved[f * setup.channels + ch];
+    Slot<WroteFn>(enSlots, kEnWrote)(dsp.get(), static_cast<int>(n));
+    if (!drain()) return Fail(kContext, "Writing to file failed");
+    done += n;
+  }
+  Slot<WroteFn>(enSlots, kEnWrote)(dsp.get(), 0);
+  if (!drain()) return Fail(kContext, "Writing to file failed");
+  while (Slot<PageFn>(osSlots, kOsFlush)(stream.get(), &page) != 0)
+    if (!writePage(page)) return Fail(kContext, "Writing to file failed");
+  return true;
 }
 
 }  // namespace kv

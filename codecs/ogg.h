@@ -6,7 +6,11 @@
 #include <span>
 #include <vector>
 
+#include "codecs/stream.h"
+
 namespace kv {
+
+class FileRef;
 
 struct OggDecoded {
   std::vector<float> samples;  // interleaved, nominal -1..1
@@ -31,6 +35,16 @@ bool kvOggDecRawHelper(std::span<const std::span<const uint8_t>> headers,
 bool kvOggProbe(std::span<const uint8_t> head, std::span<const uint8_t> tail, int& channels, uint32_t& rate,
                 uint64_t& frames);
 
+// The same over a file from its current position, streamed: fills `head`
+// (rate, channels, total, comments), then hands the samples to `sink` in
+// blocks; a null sink reads the head only. More than two channels keep the
+// first two.
+bool kvOggDecHelper(FileRef& file, CodecHead& head, FloatSink sink, void* user);
+
+// Encodes Ogg Vorbis at setup.kbps nominal (libvorbisenc, libvorbis, libogg).
+bool kvOggEncHelper(FileRef& file, const LossyEncodeSetup& setup, FloatSource source, void* user);
+bool kvOggEncoderAvailable();
+
 // Whether the decoder add-on can be bound (tries again on every call).
 bool kvOggDecoderAvailable();
 
@@ -39,5 +53,8 @@ inline constexpr const char* kOggMissing =
     "You need to install the Ogg Vorbis libraries (Debian package libvorbisfile3)";
 inline constexpr const char* kVorbisRawMissing =
     "You need to install the Vorbis Ogg libraries (Debian packages libvorbis0a, libogg0)";
+
+inline constexpr const char* kOggEncMissing =
+    "You need to install the Ogg Vorbis libraries (Debian packages libvorbisenc2, libvorbis0a, libogg0)";
 
 }  // namespace kv

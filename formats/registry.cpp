@@ -32,13 +32,16 @@
 #include "formats/modules/aiff.h"
 #include "formats/modules/akai.h"
 #include "formats/modules/dls.h"
+#include "formats/modules/flac.h"
 #include "formats/modules/mid.h"
 #include "formats/modules/mod.h"
+#include "formats/modules/ogg.h"
 #include "formats/modules/raw.h"
 #include "formats/modules/sf2.h"
 #include "formats/modules/sfz.h"
 #include "formats/modules/txt.h"
 #include "formats/modules/wav.h"
+#include "formats/modules/wv.h"
 
 namespace kv {
 
@@ -76,7 +79,7 @@ constexpr FormatEntry kFormats[] = {
     /* 23*/ {"amr", nullptr, nullptr, nullptr, "MIME AMR file storage", 0x01, 0x00120000, 0, nullptr, RWD},
     /* 24*/ {"ams", nullptr, nullptr, mod_AmsDetect, "Extreme Tracker module", 0x80, 0x00000000, 0, nullptr, RD},
     /* 25*/ {"ams", nullptr, nullptr, mod_AmsDetect, "Velvet Studio module", 0x80, 0x00000000, 1, nullptr, RD},
-    /* 26*/ {"ape", nullptr, nullptr, nullptr, "Monkey Audio lossless", 0x01, 0x00300015, 0, nullptr, RWD},
+    /* 26*/ {"ape", nullptr, ape_Exp, ape_Detect, "Monkey Audio lossless", 0x01, 0x00300015, 0, nullptr, RWD},
     /* 27*/ {"apex", nullptr, nullptr, nullptr, "AVM Sample Studio bank", 0x80, 0x00000000, 0, nullptr, RD},
     /* 28*/ {"arl", nullptr, nullptr, nullptr, "Aureal 'Aspen' bank", 0x91, 0x00000000, 0, nullptr, RD},
     /* 29*/ {"ase", nullptr, nullptr, nullptr, "Velvet Studio sample", 0x01, 0x00000000, 0, nullptr, RD},
@@ -157,9 +160,9 @@ constexpr FormatEntry kFormats[] = {
     /*104*/ {"f64", nullptr, nullptr, nullptr, "Floating point (64-bit)", 0x01, 0x00300080, 0, nullptr, RWD},
     /*105*/ {"far", nullptr, nullptr, mod_FarDetect, "Farandole module", 0x80, 0x00000000, 0, nullptr, RD},
     /*106*/ {"fff", nullptr, nullptr, nullptr, "Gravis UltraSound PnP", 0x80, 0x00000000, 0, nullptr, RD},
-    /*107*/ {"flac", nullptr, nullptr, nullptr, "Free lossless audio codec", 0x01, 0x00000000, 0, nullptr, RD},
-    /*108*/ {"flac", nullptr, nullptr, nullptr, "Free lossless audio codec (default)", 0x01, 0x00300015, 0, nullptr, W_},
-    /*109*/ {"flac", nullptr, nullptr, nullptr, "Free lossless audio codec (max comp)", 0x01, 0x00300015, 0, nullptr, W_},
+    /*107*/ {"flac", flac_Imp, nullptr, flac_Detect, "Free lossless audio codec", 0x01, 0x00000000, 0, nullptr, RD},
+    /*108*/ {"flac", nullptr, flac_Exp, nullptr, "Free lossless audio codec (default)", 0x01, 0x00300015, 5, nullptr, W_},
+    /*109*/ {"flac", nullptr, flac_Exp, nullptr, "Free lossless audio codec (max comp)", 0x01, 0x00300015, 8, nullptr, W_},
     /*110*/ {"fnk", nullptr, nullptr, nullptr, "FunkTracker module", 0x80, 0x00000000, 0, nullptr, RD},
     /*111*/ {"for", nullptr, nullptr, nullptr, "Kurzweil Forte", 0x91, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*112*/ {"fsb", nullptr, nullptr, nullptr, "FMOD SoundSystem bank", 0x01, 0x00000000, 0, nullptr, RD},
@@ -328,11 +331,11 @@ constexpr FormatEntry kFormats[] = {
     /*275*/ {"nsmpproj", nullptr, nullptr, nullptr, "Nord Sample Editor project", 0x10, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*276*/ {"nvf", nullptr, nullptr, nullptr, "Creative Labs Nomad", 0x01, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*277*/ {"o01", nullptr, nullptr, nullptr, "Typhoon voice", 0x10, 0x00000000, 0, nullptr, RD},
-    /*278*/ {"ogg", nullptr, nullptr, nullptr, "Ogg Vorbis", 0x01, 0x00320000, 0, nullptr, RWD},
+    /*278*/ {"ogg", ogg_Imp, ogg_Exp, ogg_Detect, "Ogg Vorbis", 0x01, 0x00320000, 0, ogg_Rate, RWD},
     /*279*/ {"okt", nullptr, nullptr, mod_OktDetect, "Oktalyzer module", 0x80, 0x00000000, 0, nullptr, RD},
-    /*280*/ {"opus", nullptr, nullptr, nullptr, "Opus", 0x01, 0x00000000, 0, nullptr, RD},
-    /*281*/ {"opus", nullptr, nullptr, nullptr, "Opus (Music)", 0x01, 0x00320000, 0, nullptr, W_},
-    /*282*/ {"opus", nullptr, nullptr, nullptr, "Opus (Voice)", 0x01, 0x00320000, 0, nullptr, W_},
+    /*280*/ {"opus", opus_Imp, nullptr, opus_Detect, "Opus", 0x01, 0x00000000, 0, nullptr, RD},
+    /*281*/ {"opus", nullptr, opus_Exp, nullptr, "Opus (Music)", 0x01, 0x00320000, 0, opus_Rate, W_},
+    /*282*/ {"opus", nullptr, opus_Exp, nullptr, "Opus (Voice)", 0x01, 0x00320000, 1, opus_Rate, W_},
     /*283*/ {"osp", nullptr, nullptr, nullptr, "Orion Sampler program", 0x10, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*284*/ {"out", nullptr, nullptr, nullptr, "Roland S-5xx series floppy disk image", 0x80, 0x00000000, 0, nullptr, RD},
     /*285*/ {"out", nullptr, nullptr, nullptr, "Roland S-7xx series floppy disk image", 0x80, 0x00000000, 0, nullptr, RD},
@@ -557,7 +560,7 @@ constexpr FormatEntry kFormats[] = {
     /*504*/ {"x3v", nullptr, nullptr, nullptr, "Yamaha Motif XF voices", 0x91, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*505*/ {"x3w", nullptr, nullptr, nullptr, "Yamaha Motif XF waves", 0x91, 0x00000000, 0, nullptr, RWD},  // encodings unknown
     /*506*/ {"xpm", nullptr, nullptr, nullptr, "AKAI new MPC-line", 0x11, 0x00000000, 0, nullptr, RWD},  // encodings unknown
-    /*507*/ {"wv", nullptr, nullptr, nullptr, "WavPack lossless", 0x01, 0x00300075, 0, nullptr, RWD},
+    /*507*/ {"wv", wv_Imp, wv_Exp, wv_Detect, "WavPack lossless", 0x01, 0x00300075, 0, nullptr, RWD},
     /*508*/ {"xdb", nullptr, nullptr, nullptr, "Dream SND-series bank set", 0x80, 0x00000000, 0, nullptr, RD},
     /*509*/ {"xdb", nullptr, nullptr, nullptr, "Dream SND5000 bank (relocatable)", 0x80, 0x00000000, 0, nullptr, W_},  // encodings unknown
     /*510*/ {"xdb", nullptr, nullptr, nullptr, "Dream SND5000 bank (fixed)", 0x80, 0x00000000, 0, nullptr, W_},  // encodings unknown

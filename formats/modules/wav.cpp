@@ -2,6 +2,8 @@
 // SDS and Wave-64.
 #include "formats/modules/wav.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -880,6 +882,48 @@ bool wav_ReadWaveBody(FileRef& file, uint64_t start, uint64_t end, Waveform& wav
   if (!CloseBody(st)) return false;
   FinishWave(st, file);
   return true;
+}
+
+void wav_ReadWrapper(std::span<const std::span<const uint8_t>> parts, Waveform& wave) {
+  // Only the chunks that describe the wave are walked: the format, the
+  // count and the samples are the container's own.
+  std::vector<uint8_t> kept;
+  for (std::span<const uint8_t> part : parts) {
+    std::size_t pos = 0;
+    // A tail after an odd data size starts with its pad byte.
+    if (!part.empty() && (part[0] < 0x20 || part[0] > 0x7E)) pos = 1;
+    while (pos + 8 <= part.size()) {
+      const char* id = reinterpret_cast<const char*>(part.data() + pos);
+      const uint64_t size = GetU32le(part.data() + pos + 4);
+      if (std::memcmp(id, "RIFF", 4) == 0 || std::memcmp(id, "RF64", 4) == 0) {
+        pos += 12;
+        continue;
+      }
+      if (std::memcmp(id, "data", 4) == 0) {
+        pos += 8;
+        continue;
+      }
+      const uint64_t body = std::min<uint64_t>(size, part.size() - pos - 8);
+      if (std::memcmp(id, "fmt ", 4) != 0 && std::memcmp(id, "fact", 4) != 0 && std::memcmp(id, "ds64", 4) != 0) {
+        kept.insert(kept.end(), part.begin() + pos, part.begin() + pos + 4);
+        const uint8_t length[4] = {static_cast<uint8_t>(body), static_cast<uint8_t>(body >> 8),
+                                   static_cast<uint8_t>(body >> 16), static_cast<uint8_t>(body >> 24)};
+        kept.insert(kept.end(), length, length + 4);
+        kept.insert(kept.end(), part.begin() + pos + 8, part.begin() + pos + 8 + body);
+        if (body & 1) kept.push_back(0);
+      }
+      pos += 8 + Even(size);
+    }
+  }
+  if (kept.empty()) return;
+  const int fd = memfd_create("wav-wrapper", MFD_CLOEXEC);
+  if (fd < 0) return;
+  FileRef file(fd, std::filesystem::path(), true);
+  if (!file.Write(kept.data(), kept.size()) || !file.Seek(0)) return;
+  ByteCursor cur(file);
+  WavState st{cur, wave};
+  st.count = wave.length;
+  Walk(st, 0, kept.size(), 1);
 }
 
 bool wav_Imp(Collection& collection, FileRef& file, uint32_t) {

@@ -102,6 +102,20 @@ bool WriteWaveBody(Waveform& wave, std::vector<uint8_t>& out, uint32_t request,
 // False with context "wav_Imp" when fmt or data is missing or malformed.
 bool wav_ReadWaveBody(FileRef& file, uint64_t start, uint64_t end, Waveform& wave);
 
+// ---- WAV chunks kept inside lossless containers ----
+
+// The chunks a lossless container keeps of a WAV file (FLAC's "riff"
+// application blocks, WavPack's wrapper), each part a run of whole chunks
+// as stored: root key, tuning, loop and INFO texts are read into `wave`
+// through the chunk walker. The format, count and samples stay the
+// container's.
+void wav_ReadWrapper(std::span<const std::span<const uint8_t>> parts, Waveform& wave);
+// The RIFF wrapper WriteWaveFile puts around `wave`'s samples in `format`
+// (a PCM or float DataFormat), for containers that keep it: `head` up to and
+// with the data chunk's head, `tail` from the pad byte on. False for a wave
+// too large for a plain RIFF.
+bool WaveWrapper(const Waveform& wave, int format, std::vector<uint8_t>& head, std::vector<uint8_t>& tail);
+
 // ---- ID3 ----
 
 // Fills the item's text fields (name, artist, comment, copyright, engineer,

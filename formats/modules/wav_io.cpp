@@ -569,6 +569,23 @@ bool WriteWaveBody(Waveform& wave, std::vector<uint8_t>& out, uint32_t request, 
   return true;
 }
 
+bool WaveWrapper(const Waveform& wave, int format, std::vector<uint8_t>& head, std::vector<uint8_t>& tail) {
+  WavLayout L;
+  if (!CodingFor(format, L.coding) || !SizeLayout(wave, L)) return false;
+  BlockWriter countHead, countTail;
+  PutHead(countHead, wave, L);
+  PutTail(countTail, wave, L);
+  L.riffSize = countHead.Size() + L.dataBytes + countTail.Size() - 8;
+  if (L.riffSize > 0xFFFFFFFEu) return false;
+  head.assign(countHead.Size(), 0);
+  tail.assign(countTail.Size(), 0);
+  BlockWriter h(head.data(), head.size());
+  PutHead(h, wave, L);
+  BlockWriter t(tail.data(), tail.size());
+  PutTail(t, wave, L);
+  return true;
+}
+
 bool WriteWaveFile(Waveform& wave, const std::filesystem::path& path, uint32_t request, uint32_t variant) {
   FileRef file;
   if (!file.OpenWrite(path)) return Fail(kExp, "Could not create file");
