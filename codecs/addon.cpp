@@ -12,7 +12,10 @@ namespace {
 bool Required(const char* name) { return name && name[0] != '\n'; }
 const char* Bare(const char* name) { return name[0] == '\n' ? name + 1 : name; }
 
+const char* (*nameMap)(const char*) = nullptr;
+
 void* OpenLibrary(const char* file) {
+  if (nameMap) file = nameMap(file);
   if (void* h = dlopen(file, RTLD_NOW | RTLD_NOLOAD)) return h;
   if (void* h = dlopen(file, RTLD_NOW | RTLD_LOCAL)) return h;
   const std::filesystem::path folder = AddOnFolder();
@@ -21,6 +24,8 @@ void* OpenLibrary(const char* file) {
 }
 
 }  // namespace
+
+void SetAddOnNameMap(const char* (*map)(const char* file)) { nameMap = map; }
 
 std::filesystem::path AddOnFolder() {
   if (const char* data = std::getenv("XDG_DATA_HOME"); data && *data) {

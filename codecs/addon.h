@@ -16,6 +16,10 @@ namespace kv {
 // texts on false. Main thread only.
 bool bindAddOn(std::span<const char* const> files, std::span<void*> slots, std::span<const char* const> names);
 
+// Test hook: each soname goes through `map` before it is opened (null: as
+// named), so a test can point an add-on at libraries of its own.
+void SetAddOnNameMap(const char* (*map)(const char* file));
+
 // ${XDG_DATA_HOME:-~/.local/share}/kelvo-studio/addons
 std::filesystem::path AddOnFolder();
 

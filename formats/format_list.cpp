@@ -3,14 +3,21 @@
 #include <string>
 #include <vector>
 
+#include "codecs/flac.h"
+#include "codecs/ogg.h"
+#include "codecs/opus.h"
+#include "codecs/wavpack.h"
 #include "core/app.h"
 #include "core/error.h"
 #include "core/fileref.h"
 #include "core/items.h"
 #include "core/wavestore.h"
 #include "formats/modules/akai.h"
+#include "formats/modules/flac.h"
+#include "formats/modules/ogg.h"
 #include "formats/modules/raw.h"
 #include "formats/modules/wav.h"
+#include "formats/modules/wv.h"
 #include "formats/registry.h"
 
 namespace kv {
@@ -35,6 +42,18 @@ char Letter(bool built, bool designed, char upper) {
   return designed ? static_cast<char>(upper - 'A' + 'a') : '-';
 }
 
+// The Debian packages a row's codec add-ons come in, when one of them can't
+// be bound now; null when the row needs none or all are there.
+const char* MissingAddOn(const FormatEntry& row) {
+  if ((row.read == flac_Imp || row.write == flac_Exp) && !kvFlacAvailable()) return "libflac12";
+  if (row.read == ogg_Imp && !kvOggDecoderAvailable()) return "libvorbisfile3";
+  if (row.write == ogg_Exp && !kvOggEncoderAvailable()) return "libvorbisenc2, libvorbis0a, libogg0";
+  if (row.read == opus_Imp && !kvOpusDecoderAvailable()) return "libopusfile0";
+  if (row.write == opus_Exp && !kvOpusEncoderAvailable()) return "libopusenc0";
+  if ((row.read == wv_Imp || row.write == wv_Exp) && !kvWavPackAvailable()) return "libwavpack1";
+  return nullptr;
+}
+
 }  // namespace
 
 void PrintFormatList(std::FILE* out, std::string_view filter) {
@@ -51,10 +70,12 @@ void PrintFormatList(std::FILE* out, std::string_view filter) {
     if (!ContainsNoCase(row.extension, filter) && !ContainsNoCase(row.name, filter)) continue;
     char types[9] = {};
     for (int b = 0; b < 8; ++b) types[b] = (row.typeFlags >> b) & 1u ? kTypeLetters[b] : '.';
-    std::fprintf(out, " %3d  %-10s  %c%c%c  %s  %s\n", i, row.extension,
+    const char* package = MissingAddOn(row);
+    std::fprintf(out, " %3d  %-10s  %c%c%c  %s  %s%s%s%s\n", i, row.extension,
                  Letter(row.read != nullptr, row.design & kDesignRead, 'R'),
                  Letter(row.write != nullptr, row.design & kDesignWrite, 'W'),
-                 Letter(row.detect != nullptr, row.design & kDesignDetect, 'D'), types, row.name);
+                 Letter(row.detect != nullptr, row.design & kDesignDetect, 'D'), types, row.name,
+                 package ? "  (add-on missing: install " : "", package ? package : "", package ? ")" : "");
   }
 }
 

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
+#include "codecs/addon.h"
 #include "formats/registry.h"
 #include "support/testsupport.h"
 
@@ -65,6 +67,25 @@ TEST(FileInfo, StableLinePerFile) {
     EXPECT_FALSE(PrintFileInfo(f, dir.path()));  // a folder
   });
   EXPECT_EQ(none, "");
+}
+
+TEST(FormatList, RowsOfAMissingAddOnNameThePackage) {
+  // A bound add-on stays bound for the process: the listing runs in a fresh
+  // one where every soname of libFLAC leads nowhere.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        SetAddOnNameMap([](const char* file) {
+          return std::string_view(file).starts_with("libFLAC") ? "kvtest-absent-flac.so" : file;
+        });
+        const std::string flac = Capture([](std::FILE* f) { PrintFormatList(f, "flac"); });
+        const std::string opus = Capture([](std::FILE* f) { PrintFormatList(f, "opus"); });
+        const bool marked =
+            flac.find("Free lossless audio codec (max comp)  (add-on missing: install libflac12)\n") !=
+            std::string::npos;
+        std::exit(marked && opus.find("add-on missing") == std::string::npos ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
