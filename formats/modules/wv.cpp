@@ -23,6 +23,8 @@ namespace {
 
 constexpr const char* kImpWave = "wv_ImpWave";
 
+uint32_t GetLe32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint32_t{p[3]} << 24; }
+
 struct DecodeTarget {
   GrowingWave* out;
   int channels;
@@ -58,7 +60,20 @@ int wv_Detect(const uint8_t* data, uint32_t, uint32_t size, uint64_t) {
   // Block header: "wvpk", size, version 0x402-0x410.
   if (size < 32 || std::memcmp(data, "wvpk", 4) != 0) return 0;
   const uint32_t version = data[8] | data[9] << 8;
-  return version >= 0x402 && version <= 0x410 ? 6 : 2;
+  if (version < 0x402 || version > 0x410) return 2;
+  // The first block's sub-blocks tell a file's audio from a correction file
+  // (.wvc), which holds only what a hybrid file lacks and is not read alone.
+  const uint32_t blockEnd = static_cast<uint32_t>(std::min<uint64_t>(size, 8 + uint64_t{GetLe32(data + 4)}));
+  for (uint32_t pos = 32; pos + 2 <= blockEnd;) {
+    const uint8_t id = data[pos];
+    const bool large = (id & 0x80) != 0;
+    if (large && pos + 4 > blockEnd) break;
+    const uint32_t words = large ? data[pos + 1] | data[pos + 2] << 8 | data[pos + 3] << 16 : data[pos + 1];
+    if ((id & 0x3F) == 0x0B) return 0;
+    if ((id & 0x3F) == 0x0A) return 6;
+    pos += (large ? 4 : 2) + words * 2;
+  }
+  return 6;
 }
 
 bool wv_Imp(Collection& collection, FileRef& file, uint32_t) {
