@@ -424,6 +424,7 @@ int trimAfterLoop(Waveform& wave, bool append32, bool regionOverrides, bool save
       if (e <= n && e >= end) end = e;
     }
   }
+  if (end <= start) return 0;  // a loop that rounds to nothing has no end to cut at
   const bool release = saveRelease && end < n - 32 && end >= 0 && wave.collection;
   const bool cuts = end < n && end >= 0;
   if (!cuts && !append32) return 0;
@@ -458,6 +459,8 @@ int trimAfterLoop(Waveform& wave, bool append32, bool regionOverrides, bool save
   else wave.samplesF = std::move(mainF);
   wave.length = static_cast<uint32_t>(keep + (append32 ? 32 : 0));
   if (cuts) wave.loopRelease = 0;
+  // A fractional end may lie a little past the cut.
+  wave.loopEnd = std::min(wave.loopEnd, static_cast<float>(wave.length));
   if (wave.collection) FollowLoopChange(*wave.collection, wave, start, end, start, end);
   return release ? 1 : 0;
 }

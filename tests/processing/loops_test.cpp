@@ -268,6 +268,12 @@ TEST_F(Loops, TrimAfterLoopMakesTheReleaseWave) {
   EXPECT_EQ(trimAfterLoop(*s, false, false, true), 0);
   EXPECT_EQ(s->length, 400u);
   EXPECT_EQ(c.Count(ItemType::Waveform), 4u);
+  // A fractional end past the cut comes back to the new length.
+  Waveform* f = Wave16(c, "Frac", Ramp(100));
+  Loop(f, 1, 10, 20.4f);
+  EXPECT_EQ(trimAfterLoop(*f, false, false, false), 0);
+  EXPECT_EQ(f->length, 20u);
+  EXPECT_EQ(f->loopEnd, 20.0f);
 }
 
 // ---------------------------------------------------------------- zero crossings
