@@ -6,10 +6,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/app.h"
@@ -23,6 +25,7 @@
 #include "formats/detect_bytes.h"
 #include "formats/modules/dls_format.h"
 #include "formats/modules/gig_format.h"
+#include "formats/modules/module.h"
 #include "formats/modules/sf2_format.h"
 #include "formats/modules/wav.h"
 
@@ -91,6 +94,8 @@ namespace kv {
 namespace {
 
 using dls::Connection;
+
+namespace fs = std::filesystem;
 
 constexpr const char* kParse = "dls_Parse";
 
@@ -249,6 +254,7 @@ class LayerStack {
 struct PoolWave {
   uint64_t offset;  // from the start of the pool list's contents
   Waveform* wave;   // null when the entry could not be read
+  uint32_t fileNo = 0;  // GigaStudio split sets: 0 the main file, n its .gxNN
 };
 
 // A GigaStudio pool wave with the extension chunk holds block-coded data.
@@ -295,7 +301,8 @@ class DlsReader {
   void ReadDimensions(Instrument& instrument, std::map<int, LayerStack>& layers, const GigRegion& r);
   void ApplySample(Region& region, const Instrument& instrument, const Waveform& wave, std::span<const uint8_t> wsmp);
 
-  bool ReadPool(uint64_t body, uint64_t end);
+  bool ReadPool(FileRef& file, uint64_t body, uint64_t end, uint32_t fileNo = 0);
+  bool ReadExtensionFiles();
   bool ReadCueTable(uint64_t body, uint64_t size);
   void ReadInstruments(std::span<const uint8_t> lins);
   void ReadInstrument(std::span<const uint8_t> ins);
@@ -305,7 +312,8 @@ class DlsReader {
   FileRef& file_;
   std::vector<PoolWave> pool_;
   bool havePtbl_ = false;
-  std::vector<uint32_t> cues_;
+  std::vector<uint64_t> cues_;
+  std::vector<uint32_t> cueFiles_;  // the file of each cue (split sets)
   bool gig_ = false;
   bool version3_ = false;
   const char* ctx_ = kParse;
@@ -367,7 +375,8 @@ bool DlsReader::Read(uint64_t start, uint64_t end, bool mls) {
   } else {
     MessageBox(kDlsNoPtblWarning, ctx_);
   }
-  if (haveWvpl && !ReadPool(wvplAt, wvplEnd)) return false;
+  if (haveWvpl && !ReadPool(file_, wvplAt, wvplEnd)) return false;
+  if (gig_ && !ReadExtensionFiles()) return false;
 
   if (haveLins) {
     // The instrument list is small beside the pool: read whole, its size
@@ -386,18 +395,70 @@ bool DlsReader::ReadCueTable(uint64_t body, uint64_t size) {
   const uint32_t header = Le32(h);
   const uint32_t count = Le32(h + 4);
   if (header < 8 || header > size || (size - header) / 4 < count) return false;
+  // GigaStudio tables of 8-byte entries: a file number (a split set's
+  // extension) and the offset, or the offset's high half in files past 2 GB.
+  const bool wide = gig_ && (size - header) / 8 >= count && (size - header) == uint64_t{count} * 8;
+  const std::size_t entry = wide ? 8 : 4;
   cues_.resize(count);
-  std::vector<uint8_t> raw(std::size_t{count} * 4);
+  cueFiles_.assign(count, 0);
+  std::vector<uint8_t> raw(std::size_t{count} * entry);
   if (count && !ReadAt(file_, body + header, raw.data(), raw.size())) return false;
-  for (uint32_t i = 0; i < count; ++i) cues_[i] = Le32(raw.data() + 4 * i);
+  const bool large = file_.Size() >> 31;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint8_t* e = raw.data() + entry * i;
+    if (!wide) {
+      cues_[i] = Le32(e);
+    } else if (large) {
+      cues_[i] = (uint64_t{Le32(e)} << 32) | Le32(e + 4);
+    } else {
+      cueFiles_[i] = Le32(e);
+      cues_[i] = Le32(e + 4);
+    }
+  }
   return true;
 }
 
-bool DlsReader::ReadPool(uint64_t body, uint64_t end) {
+// The pools of a split set's extension files, named after the main file
+// with .gx01, .gx02 ... and found beside it.
+bool DlsReader::ReadExtensionFiles() {
+  uint32_t last = 0;
+  for (uint32_t f : cueFiles_) last = std::max(last, f);
+  if (last > 99) return Fail(ctx_, "Couldn't find extension file");
+  const fs::path main = file_.Path();
+  std::string stem = main.filename().string();
+  if (stem.size() > 4 && EqualsNoCase(stem.substr(stem.size() - 4), ".gig")) stem.resize(stem.size() - 4);
+  for (uint32_t n = 1; n <= last; ++n) {
+    char suffix[8];
+    std::snprintf(suffix, sizeof suffix, ".gx%02u", n);
+    const fs::path path = ResolvePath(main.parent_path(), stem + suffix);
+    std::error_code ec;
+    FileRef ext;
+    if (!fs::is_regular_file(path, ec) || !ext.OpenRead(path)) return Fail(ctx_, "Couldn't find extension file");
+    uint8_t head[12];
+    const uint64_t size = ext.Size();
+    if (size < 12 || !ReadAt(ext, 0, head, sizeof head) || !IdIs(head, "RIFF")) return Fail(ctx_, "Invalid extension file");
+    const uint64_t end = std::min<uint64_t>(size, 8 + uint64_t{Le32(head + 4)});
+    bool found = false;
+    for (uint64_t pos = 12; pos + 12 <= end && !found;) {
+      uint8_t h[12];
+      if (!ReadAt(ext, pos, h, sizeof h)) break;
+      const uint64_t body = std::min<uint64_t>(Le32(h + 4), end - pos - 8);
+      if (IdIs(h, "LIST") && IdIs(h + 8, "wvpl")) {
+        found = true;
+        if (!ReadPool(ext, pos + 12, pos + 8 + body, n)) return false;
+      }
+      pos += 8 + body + (body & 1);
+    }
+    if (!found) return Fail(ctx_, "Invalid extension file");
+  }
+  return true;
+}
+
+bool DlsReader::ReadPool(FileRef& file, uint64_t body, uint64_t end, uint32_t fileNo) {
   int index = 0;
   for (uint64_t pos = body; pos + 12 <= end;) {
     uint8_t h[12];
-    if (!ReadAt(file_, pos, h, sizeof h)) break;
+    if (!ReadAt(file, pos, h, sizeof h)) break;
     const uint64_t size = std::min<uint64_t>(Le32(h + 4), end - pos - 8);
     if (IdIs(h, "LIST") && (IdIs(h + 8, "wave") || IdIs(h + 8, "wav "))) {
       ++index;
@@ -406,14 +467,14 @@ bool DlsReader::ReadPool(uint64_t body, uint64_t end) {
       std::snprintf(name, sizeof name, "Wave %d", index);
       wave->SetName(name);
       wave->bits = 16;
-      if (size >= 4 && wav_ReadWaveBody(file_, pos + 12, pos + 8 + size, *wave)) {
-        if (gig_) ReadGigWave(file_, pos + 12, pos + 8 + size, *wave);
-        pool_.push_back({pos - body, wave});
+      if (size >= 4 && wav_ReadWaveBody(file, pos + 12, pos + 8 + size, *wave)) {
+        if (gig_) ReadGigWave(file, pos + 12, pos + 8 + size, *wave);
+        pool_.push_back({pos - body, wave, fileNo});
       } else {
         // A pool entry without samples: the regions that play it say so.
         DeleteItem(wave);
         ClearError();
-        pool_.push_back({pos - body, nullptr});
+        pool_.push_back({pos - body, nullptr, fileNo});
       }
     }
     pos += 8 + size + (size & 1);
@@ -435,10 +496,13 @@ Waveform* DlsReader::CueWave(uint32_t cue, const char*& missing) const {
     missing = "Missing cue";
     return nullptr;
   }
-  const uint32_t offset = cues_[cue];
-  const auto it = std::lower_bound(pool_.begin(), pool_.end(), offset,
-                                   [](const PoolWave& p, uint64_t o) { return p.offset < o; });
-  if (it == pool_.end() || it->offset != offset || !it->wave) {
+  const uint64_t offset = cues_[cue];
+  const uint32_t fileNo = cueFiles_.empty() ? 0 : cueFiles_[cue];
+  const auto it = std::lower_bound(pool_.begin(), pool_.end(), std::make_pair(fileNo, offset),
+                                   [](const PoolWave& p, std::pair<uint32_t, uint64_t> o) {
+                                     return std::make_pair(p.fileNo, p.offset) < o;
+                                   });
+  if (it == pool_.end() || it->offset != offset || it->fileNo != fileNo || !it->wave) {
     missing = "Missing wave";
     return nullptr;
   }

@@ -1,8 +1,12 @@
 #include "formats/modules/module.h"
 
+#include <algorithm>
+#include <cctype>
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "core/text.h"
 
 namespace kv {
 
@@ -88,6 +92,47 @@ const fs::path& CurrentImportFolder() { return ImportFolderSlot(); }
 fs::path ResolveImportPath(const fs::path& name) {
   if (name.is_absolute() || CurrentImportFolder().empty()) return name;
   return CurrentImportFolder() / name;
+}
+
+// Backslashes are separators and a drive letter is dropped (files made on
+// Windows); a component that isn't there by exact name is looked for
+// without regard to case.
+fs::path ResolvePath(const fs::path& folder, std::string_view stored) {
+  std::string name(stored);
+  while (!name.empty() && std::isspace(static_cast<unsigned char>(name.back()))) name.pop_back();
+  std::size_t lead = 0;
+  while (lead < name.size() && std::isspace(static_cast<unsigned char>(name[lead]))) ++lead;
+  name.erase(0, lead);
+  std::replace(name.begin(), name.end(), '\\', '/');
+  if (name.size() >= 2 && name[1] == ':' && ((name[0] | 0x20) >= 'a' && (name[0] | 0x20) <= 'z')) name.erase(0, 2);
+  fs::path start = !name.empty() && name[0] == '/' ? fs::path("/") : folder;
+  fs::path exact = start / fs::path(name).relative_path();
+  std::error_code ec;
+  if (fs::exists(exact, ec)) return exact;
+  fs::path current = start;
+  for (const fs::path& part : fs::path(name).relative_path()) {
+    const std::string p = part.string();
+    if (p.empty() || p == ".") continue;
+    if (p == "..") {
+      current /= part;
+      continue;
+    }
+    fs::path direct = current / part;
+    if (fs::exists(direct, ec)) {
+      current = direct;
+      continue;
+    }
+    bool found = false;
+    for (fs::directory_iterator it(current, ec), end; !ec && it != end; it.increment(ec)) {
+      if (EqualsNoCase(it->path().filename().string(), p)) {
+        current = it->path();
+        found = true;
+        break;
+      }
+    }
+    if (!found) return exact;
+  }
+  return current;
 }
 
 ImportFolderScope::ImportFolderScope(fs::path folder) : saved_(std::move(ImportFolderSlot())) {

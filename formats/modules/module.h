@@ -74,6 +74,11 @@ const std::filesystem::path& CurrentImportFolder();
 // `name` as stored in a file, resolved against CurrentImportFolder() unless
 // it is absolute.
 std::filesystem::path ResolveImportPath(const std::filesystem::path& name);
+// A file name as stored in an instrument file, resolved against `folder`
+// (or the root for an absolute one): backslashes are separators, a drive
+// letter is dropped, and a component that isn't there by exact name is
+// found without regard to case. The one resolver of referenced files.
+std::filesystem::path ResolvePath(const std::filesystem::path& folder, std::string_view stored);
 
 // Sets the import folder for the length of a read; reads nest when a module
 // imports a referenced file.

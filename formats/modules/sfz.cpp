@@ -193,43 +193,6 @@ bool ParseKey(std::string_view s, int& key) {
 
 // ---------------------------------------------------------------- paths
 
-// A path as stored in an SFZ file: backslashes are separators, a drive
-// letter is dropped, and a component that isn't there by exact name is
-// looked for without regard to case (files made on Windows).
-fs::path ResolvePath(const fs::path& folder, std::string_view stored) {
-  std::string name(Trim(stored));
-  std::replace(name.begin(), name.end(), '\\', '/');
-  if (name.size() >= 2 && name[1] == ':' && ((name[0] | 0x20) >= 'a' && (name[0] | 0x20) <= 'z')) name.erase(0, 2);
-  fs::path start = !name.empty() && name[0] == '/' ? fs::path("/") : folder;
-  fs::path exact = start / fs::path(name).relative_path();
-  std::error_code ec;
-  if (fs::exists(exact, ec)) return exact;
-  fs::path current = start;
-  for (const fs::path& part : fs::path(name).relative_path()) {
-    const std::string p = part.string();
-    if (p.empty() || p == ".") continue;
-    if (p == "..") {
-      current /= part;
-      continue;
-    }
-    fs::path direct = current / part;
-    if (fs::exists(direct, ec)) {
-      current = direct;
-      continue;
-    }
-    bool found = false;
-    for (fs::directory_iterator it(current, ec), end; !ec && it != end; it.increment(ec)) {
-      if (EqualsNoCase(it->path().filename().string(), p)) {
-        current = it->path();
-        found = true;
-        break;
-      }
-    }
-    if (!found) return exact;
-  }
-  return current;
-}
-
 bool ReadWholeFile(const fs::path& path, std::size_t limit, std::string& out, bool& tooBig) {
   tooBig = false;
   FileRef file;

@@ -118,7 +118,10 @@ TEST(GigCorpus, LoadsAsGigdumpSaysAndDecodesAsGigextract) {
 
 // A version 3 file: one instrument, one region whose dimensions are given
 // as (type, bits, zones), a 3ewl per dimension region, all playing wave 0.
-std::string GigFile(const std::vector<std::array<int, 3>>& dims, int dimensionRegions, bool pool = true) {
+// `split`: two pool entries, the second in the extension file .gx01, and
+// the dimension regions alternating between them.
+std::string GigFile(const std::vector<std::array<int, 3>>& dims, int dimensionRegions, bool pool = true,
+                    bool split = false) {
   std::string lnk = U32(static_cast<uint32_t>(dimensionRegions));
   int pos = 0;
   for (std::size_t i = 0; i < 8; ++i) {
@@ -131,7 +134,7 @@ std::string GigFile(const std::vector<std::array<int, 3>>& dims, int dimensionRe
       lnk += std::string(8, '\0');
     }
   }
-  for (int i = 0; i < dimensionRegions; ++i) lnk += U32(0);
+  for (int i = 0; i < dimensionRegions; ++i) lnk += U32(split ? i % 2 : 0);
   std::string prg;
   for (int i = 0; i < dimensionRegions; ++i) {
     std::string ewa(148, '\0');
@@ -148,8 +151,17 @@ std::string GigFile(const std::vector<std::array<int, 3>>& dims, int dimensionRe
   const std::string fmt = U16(1) + U16(1) + U32(44100) + U32(88200) + U16(2) + U16(16);
   const std::string wave = List("wave", Chunk("fmt ", fmt) + Chunk("data", data));
   std::string body = "DLS " + Chunk("vers", U32(3 << 16) + U32(0)) + Chunk("colh", U32(1)) + List("lins", ins);
-  if (pool) body += Chunk("ptbl", U32(8) + U32(1) + U32(0)) + List("wvpl", wave);
+  if (split) body += Chunk("ptbl", U32(8) + U32(2) + U32(0) + U32(0) + U32(1) + U32(0)) + List("wvpl", wave);
+  else if (pool) body += Chunk("ptbl", U32(8) + U32(1) + U32(0)) + List("wvpl", wave);
   return Chunk("RIFF", body);
+}
+
+// An extension file of a split set: a pool of one wave of `frames` frames.
+std::string ExtensionFile(int frames) {
+  std::string data;
+  for (int i = 0; i < frames; ++i) data += U16(static_cast<uint16_t>(7 * i));
+  const std::string fmt = U16(1) + U16(1) + U32(44100) + U32(88200) + U16(2) + U16(16);
+  return Chunk("RIFF", "DLS " + List("wvpl", List("wave", Chunk("fmt ", fmt) + Chunk("data", data))));
 }
 
 bool ReadGig(const TempDir& dir, const std::string& bytes, Collection& c) {
@@ -202,6 +214,34 @@ TEST(GigRead, BadFilesFailWithTheirTexts) {
   Collection big;
   EXPECT_TRUE(ReadGig(dir, GigFile({{0x82, 8, 0}}, 2), big));
   EXPECT_EQ(Regions(big).size(), 2u);
+}
+
+TEST(GigRead, SplitSetsReadTheirExtensionFiles) {
+  TempDir dir;
+  test::WriteFile(dir / "set.gig", GigFile({{0x82, 1, 2}}, 2, true, true));
+  // Found whatever the case of its name, as files made on Windows.
+  test::WriteFile(dir / "SET.GX01", ExtensionFile(333));
+  Collection c;
+  ASSERT_TRUE(Load(c, dir / "set.gig")) << ErrorMessage;
+  const auto regions = Regions(c);
+  ASSERT_EQ(regions.size(), 2u);
+  const Waveform* second = RegionWaveform(*regions[1]);
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->length, 333u);
+  EXPECT_EQ(second->sourcePath.filename(), "SET.GX01");
+  Waveform* w = const_cast<Waveform*>(second);
+  ASSERT_TRUE(Samples16(*w)) << ErrorMessage;
+  EXPECT_EQ(Samples16(*w)[10], 70);
+  EXPECT_EQ(RegionWaveform(*regions[0])->length, 100u);
+
+  test::WriteFile(dir / "SET.GX01", "not a riff file");
+  Collection bad;
+  EXPECT_FALSE(Load(bad, dir / "set.gig"));
+  EXPECT_STREQ(ErrorMessage, "Invalid extension file");
+  fs::remove(dir / "SET.GX01");
+  Collection missing;
+  EXPECT_FALSE(Load(missing, dir / "set.gig"));
+  EXPECT_STREQ(ErrorMessage, "Couldn't find extension file");
 }
 
 // ---- writing ----
