@@ -387,7 +387,8 @@ TEST(SfzRead, MissingDecoderWarnsAndTheLoadGoesOn) {
     return kBoxOk;
   });
   MessageBoxesEnabled = 1;
-  Loaded t("<region> sample=kick.flac\n<region> sample=a.wav lokey=60 hikey=70\n");
+  // MP3 is a sample type SFZ allows whose reader this build lacks.
+  Loaded t("<region> sample=kick.mp3\n<region> sample=a.wav lokey=60 hikey=70\n");
   SetBoxPresenter(nullptr);
   MessageBoxesEnabled = 0;
   ASSERT_TRUE(t.ok) << ErrorMessage;
@@ -395,7 +396,7 @@ TEST(SfzRead, MissingDecoderWarnsAndTheLoadGoesOn) {
   EXPECT_EQ(RegionWaveform(*t.regions[0]), nullptr);
   EXPECT_NE(RegionWaveform(*t.regions[1]), nullptr);
   EXPECT_NE(seen.find("Warning"), std::string::npos) << seen;
-  EXPECT_NE(seen.find("FLAC"), std::string::npos) << seen;
+  EXPECT_NE(seen.find("MP3 decoder"), std::string::npos) << seen;
 }
 
 // ---- conversions ----

@@ -50,7 +50,7 @@ TEST(SongPeer, CorpusSongsSoundAsFluidSynthRendersThem) {
   if (!test::Need(!python.empty(), "python3 with soundfile and numpy")) return;
   const std::string mido = test::MidoPython();
   if (mido.empty()) return;
-  const fs::path script = fs::path(__FILE__).parent_path().parent_path() / "support" / "compare_render.py";
+  const fs::path script = fs::path(KELVO_SOURCE_DIR) / "tests" / "support" / "compare_render.py";
   TempDir dir;
   test::WriteFile(dir / "first.py",
                   "import mido, sys\n"
