@@ -289,7 +289,11 @@ bool ParseFmt(WavState& st, uint64_t body, uint64_t bodyEnd) {
     if (!wavcoded::ParseCodedFmt(fields, tag, channels, blockAlign, st.coded)) return false;
     st.count = 0;  // an extensible container width says nothing about coded frames
     setBits(st.coded.bits);
-    w.preferredFormat = 7;
+    if (wavcoded::IsGsmTag(tag)) {
+      if (tag == 771) st.count = kCountGsm771;
+    } else {
+      w.preferredFormat = 7;
+    }
   } else if (tag == 3) {
     uint32_t bits = 0;
     if (!bitsU16(bits) || (bits != 32 && bits != 64))
@@ -302,10 +306,6 @@ bool ParseFmt(WavState& st, uint64_t body, uint64_t bodyEnd) {
     setBits(8);
     w.preferredFormat = (tag == 6 || tag == 0x172) ? 6 : 5;
     st.sampleBytes = 1;
-  } else if (tag == 49 || tag == 4096 || tag == 771) {
-    if (channels != 1) return Fail(kImp, "Can only handle (the standard!) mono GSM");
-    setBits(2);
-    if (tag == 771) st.count = kCountGsm771;
   } else if (tag == 80) {
     uint8_t x[26];
     if (!cur.Bytes(x, sizeof x)) return Fail(kImp, kBadFmt);
@@ -750,7 +750,6 @@ void FinishWave(WavState& st, FileRef& file) {
 // ---- wav_ImpWave ----
 
 const char* MissingDecoder(uint32_t tag) {
-  if (tag == 49 || tag == 4096 || tag == 771) return "GSM 06.10";
   if (tag == 80 || tag == 85) return "MPEG audio";
   if (tag == 101) return "G.722 ADPCM";
   if (IsAacTag(tag)) return "AAC";

@@ -64,8 +64,9 @@ inline constexpr uint32_t kWavBare = 0xFFFFFFFF;      // smpl before data; no LI
 // GSM, ADPCM 2-5, Compressed, mono and stereo.
 inline constexpr uint32_t kWavCapabilities = 0x00327F75;
 // The encodings the writer has now: PCM 8/16/24/32, Float 32, Mu-law, A-law,
-// ADPCM 2 to 5 bits (CCITT G.726, tags 100, 20, 64, 20).
-inline constexpr uint32_t kWavWritableNow = 0x00307B75;
+// GSM 06.10 (tag 49, mono), ADPCM 2 to 5 bits (CCITT G.726, tags 100, 20,
+// 64, 20).
+inline constexpr uint32_t kWavWritableNow = 0x00307F75;
 
 // A RIFF size field holds 32 bits: a file whose RIFF size would pass this
 // many bytes is written as RF64, with a ds64 chunk holding the 64-bit sizes

@@ -10,6 +10,7 @@
 
 #include "codecs/codepack.h"
 #include "codecs/g72x.h"
+#include "codecs/gsm610.h"
 #include "codecs/rockwell.h"
 #include "core/error.h"
 #include "core/items.h"
@@ -33,6 +34,72 @@ constexpr uint64_t kChunkFrames = 1u << 16;
 
 bool IsBlockTag(uint32_t tag) { return tag == 2 || tag == 17; }
 
+// The WAVE GSM form's block: block align bytes of 65-byte pairs, or the whole
+// data as pairs when the block align is below a pair.
+uint64_t GsmBlockBytes(const CodedFormat& f) { return f.blockAlign >= kGsmPairBytes ? f.blockAlign : kGsmPairBytes; }
+uint64_t GsmFrames(const CodedFormat& f, uint64_t bytes) {
+  if (f.tag == 771) return bytes / 38 * kGsmFrameSamples;
+  const uint64_t block = GsmBlockBytes(f);
+  const uint64_t pairsPerBlock = block / kGsmPairBytes;
+  return (bytes / block * pairsPerBlock + std::min(pairsPerBlock, bytes % block / kGsmPairBytes)) * 2 * kGsmFrameSamples;
+}
+
+// Tags 49 and 4096: the pairs of each block in turn, one state throughout.
+// A pair cut short by the end of a block or of the data is left as zeros.
+bool DecodeGsmPairs(ByteCursor& cur, const CodedFormat& f, uint64_t dataBytes, uint64_t decodable, int16_t* out,
+                    uint64_t& done) {
+  const uint64_t block = GsmBlockBytes(f);
+  const uint64_t chunkBytes = std::max<uint64_t>(1, kChunkBytes / block) * block;
+  auto buffer = TryAllocArray<uint8_t>(static_cast<std::size_t>(std::min(chunkBytes, std::max<uint64_t>(dataBytes, 1))));
+  if (!buffer) return Fail(kImpWave, "Out of memory");
+  GsmDecoderState state;
+  uint64_t left = dataBytes;
+  while (done < decodable && left > 0) {
+    const std::size_t n = static_cast<std::size_t>(std::min(chunkBytes, left));
+    if (!cur.Bytes(buffer.get(), n)) return Fail(kImpWave, "Reading from file failed");
+    left -= n;
+    for (std::size_t at = 0; at < n && done < decodable; at += block) {
+      const std::size_t end = static_cast<std::size_t>(std::min<uint64_t>(at + block, n));
+      for (std::size_t p = at; p + kGsmPairBytes <= end && done < decodable; p += kGsmPairBytes) {
+        int16_t pcm[2 * kGsmFrameSamples];
+        kvGsmDecodePair(state, std::span<const uint8_t, kGsmPairBytes>(buffer.get() + p, kGsmPairBytes), pcm);
+        const uint64_t take = std::min<uint64_t>(2 * kGsmFrameSamples, decodable - done);
+        std::memcpy(out + done, pcm, take * sizeof(int16_t));
+        done += take;
+      }
+    }
+  }
+  return true;
+}
+
+// Tag 771: 38-byte records whose frame sits at byte 2 when the record looks
+// like one with a 2-byte head (byte 0 is 254 or 182, or byte 35 is 0), and
+// at byte 0 otherwise. Such a record moves the read on by 33 bytes only,
+// while the bytes left still fall by 38: the files this reads were written
+// that way.
+bool DecodeGsm771(ByteCursor& cur, uint64_t dataBytes, uint64_t decodable, int16_t* out, uint64_t& done) {
+  const uint64_t start = cur.Tell();
+  GsmDecoderState state;
+  uint64_t at = 0;
+  for (uint64_t left = dataBytes; left >= 38 && done < decodable; left -= 38) {
+    uint8_t record[38] = {};
+    const std::size_t have = static_cast<std::size_t>(std::min<uint64_t>(38, dataBytes - std::min(at, dataBytes)));
+    if (have < kGsmFrameBytes) break;
+    if (!cur.Seek(start + at) || !cur.Bytes(record, have)) return Fail(kImpWave, "Reading from file failed");
+    const bool headed = record[0] == 254 || record[0] == 182 || record[35] == 0;
+    const std::size_t frameAt = headed ? 2 : 0;
+    if (frameAt + kGsmFrameBytes > have) break;
+    int16_t pcm[kGsmFrameSamples];
+    if (!kvGsmDecodeFrame(state, std::span<const uint8_t, kGsmFrameBytes>(record + frameAt, kGsmFrameBytes), pcm))
+      return Fail(kImpWave, "Corrupted GSM stream");
+    const uint64_t take = std::min<uint64_t>(kGsmFrameSamples, decodable - done);
+    std::memcpy(out + done, pcm, take * sizeof(int16_t));
+    done += take;
+    at += headed ? 38 : 33;
+  }
+  return true;
+}
+
 uint32_t BlockFramesOf(const CodedFormat& f, uint64_t bytes) {
   const std::size_t b = static_cast<std::size_t>(std::min<uint64_t>(bytes, SIZE_MAX));
   const uint32_t holds = f.tag == 2 ? kvMsAdpcmBlockFrames(b, static_cast<int>(f.channels))
@@ -50,8 +117,10 @@ bool IsCcittTag(uint32_t tag) {
   }
 }
 
+bool IsGsmTag(uint32_t tag) { return tag == 49 || tag == 4096 || tag == 771; }
+
 bool IsCodedTag(uint32_t tag) {
-  return tag == 2 || tag == 17 || IsCcittTag(tag) || tag == 23 || tag == 32 || tag == 59 || tag == 768;
+  return tag == 2 || tag == 17 || IsCcittTag(tag) || tag == 23 || tag == 32 || tag == 59 || tag == 768 || IsGsmTag(tag);
 }
 
 bool CodedFields(ByteCursor& cur, uint64_t body, uint64_t fmtSize, std::vector<uint8_t>& fields) {
@@ -78,7 +147,7 @@ bool CodedFields(ByteCursor& cur, uint64_t body, uint64_t fmtSize, std::vector<u
 bool ParseCodedFmt(std::span<const uint8_t> fields, uint32_t tag, uint32_t channels, uint32_t blockAlign,
                    CodedFormat& f) {
   f = CodedFormat{};
-  f.tag = IsCcittTag(tag) ? 69 : tag;
+  f.tag = IsCcittTag(tag) ? 69 : tag == 4096 ? 49 : tag;
   f.channels = channels;
   f.blockAlign = blockAlign;
   if (channels == 0) return Fail(kImp, "No channels in the 'fmt ' chunk");
@@ -125,6 +194,11 @@ bool ParseCodedFmt(std::span<const uint8_t> fields, uint32_t tag, uint32_t chann
     f.bits = 4;
     return true;
   }
+  if (IsGsmTag(tag)) {
+    if (channels != 1) return Fail(kImp, "Can only handle (the standard!) mono GSM");
+    f.bits = 2;
+    return true;
+  }
   if (tag == 59 || tag == 768) {
     if (u16(0) < 2 || u16(0) > 4) return Fail(kImp, "Unsupported or invalid Rockwell ADPCM file");
     if (channels != 1) return Fail(kImp, "Can only handle mono Rockwell ADPCM format");
@@ -161,6 +235,7 @@ uint64_t CodedFrames(const CodedFormat& f, uint64_t dataBytes) {
     const uint64_t whole = dataBytes / f.blockAlign;
     return whole * BlockFramesOf(f, f.blockAlign) + BlockFramesOf(f, dataBytes % f.blockAlign);
   }
+  if (f.tag == 49 || f.tag == 771) return GsmFrames(f, dataBytes);
   if (f.tag == 23) return dataBytes * 2;
   if (f.tag == 32) return f.channels == 2 ? dataBytes : dataBytes * 2;
   return kvPackedCodeCount(dataBytes, static_cast<int>(f.bits)) / f.channels;
@@ -168,6 +243,8 @@ uint64_t CodedFrames(const CodedFormat& f, uint64_t dataBytes) {
 
 uint64_t CodedBlockFrames(const CodedFormat& f) {
   if (IsBlockTag(f.tag)) return f.samplesPerBlock;
+  if (f.tag == 49) return GsmFrames(f, GsmBlockBytes(f));
+  if (f.tag == 771) return kGsmFrameSamples;
   return std::max<uint64_t>(1, CodedFrames(f, f.blockAlign));
 }
 
@@ -192,6 +269,8 @@ bool DecodeCoded(Waveform& w, ByteCursor& cur, const CodedFormat& f, uint64_t da
   dataBytes = std::min(dataBytes, cur.Left());
   // Only the frames the data holds are decoded; the rest stay zero.
   const uint64_t decodable = std::min(frames, CodedFrames(f, dataBytes));
+  if (f.tag == 49) return DecodeGsmPairs(cur, f, dataBytes, decodable, out, done);
+  if (f.tag == 771) return DecodeGsm771(cur, dataBytes, decodable, out, done);
   const uint64_t bufferBytes =
       IsBlockTag(f.tag) ? std::max<uint64_t>(1, kChunkBytes / f.blockAlign) * f.blockAlign
                         : kvPackedCodeBytes(kChunkFrames * fileChannels, static_cast<int>(f.bits));
@@ -269,6 +348,7 @@ std::string CodedName(const CodedFormat& f) {
     case 23: return "Dialogic ADPCM 4-bit";
     case 32: return "Yamaha ADPCM 4-bit";
     case 59: case 768: std::snprintf(text, sizeof text, "Rockwell ADPCM %u-bit", f.bits); return text;
+    case 49: case 771: return "GSM 06.10";
     default: return {};
   }
 }

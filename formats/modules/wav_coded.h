@@ -21,12 +21,14 @@ namespace wavcoded {
 // Tags 20, 64, 66, 69, 89, 100, 133, 139, 147, 0x123, 0x140, 0x4243, 0xA105
 // and 0xA107, which the decoder collapses to 69.
 bool IsCcittTag(uint32_t tag);
+// 49, 4096 (GSM 06.10 in 65-byte pairs) and 771 (GSM in 38-byte records).
+bool IsGsmTag(uint32_t tag);
 // 2 (MS ADPCM), 17 (IMA), the CCITT family, 23 (Dialogic), 32 (Yamaha), 59
-// and 768 (Rockwell).
+// and 768 (Rockwell), and the GSM tags.
 bool IsCodedTag(uint32_t tag);
 
 struct CodedFormat {
-  uint32_t tag = 0;  // the CCITT family collapsed to 69
+  uint32_t tag = 0;  // the CCITT family collapsed to 69, 4096 to 49
   uint32_t channels = 1;
   uint32_t bits = 0;
   uint32_t blockAlign = 0;

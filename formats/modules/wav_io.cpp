@@ -19,6 +19,7 @@
 #include "core/wavestore.h"
 #include "codecs/codepack.h"
 #include "codecs/g72x.h"
+#include "codecs/gsm610.h"
 #include "formats/modules/wav.h"
 #include "formats/modules/wav_cursor.h"
 #include "formats/modules/module.h"
@@ -48,10 +49,14 @@ struct Coding {
   uint16_t codeBits = 0;
   uint16_t blockAlign = 0;
   uint32_t fmtSize = 0;
+  bool gsm = false;  // GSM 06.10 in 65-byte pairs of 320 samples, mono
 };
 
-// Bytes `samples` samples take in the coding.
+constexpr uint64_t kGsmPairSamples = 2 * kGsmFrameSamples;
+
+// Bytes `samples` samples take in the coding; GSM's last pair is padded.
 uint64_t CodedBytes(const Coding& c, uint64_t samples) {
+  if (c.gsm) return (samples + kGsmPairSamples - 1) / kGsmPairSamples * kGsmPairBytes;
   return c.codeBits ? kvPackedCodeBytes(samples, c.codeBits) : samples * c.bytes;
 }
 
@@ -71,6 +76,7 @@ bool CodingFor(int format, Coding& c) {
     case kAdpcm3: c.tag = 20; c.bits = c.codeBits = 3; c.blockAlign = 48; c.fmtSize = 20; return true;
     case kAdpcm4: c.tag = 64; c.bits = c.codeBits = 4; c.blockAlign = 64; c.fmtSize = 20; return true;
     case kAdpcm5: c.tag = 20; c.bits = c.codeBits = 5; c.blockAlign = 80; c.fmtSize = 20; return true;
+    case kGsm2: c.tag = 49; c.bits = 0; c.blockAlign = kGsmPairBytes; c.fmtSize = 20; c.gsm = true; return true;
     default: return false;
   }
 }
@@ -125,6 +131,7 @@ struct SampleSource {
   // The CCITT encoders' states, one per channel, kept from block to block.
   uint32_t channels = 1;
   G72xState ccitt[2];
+  GsmEncoderState gsm;
 };
 
 bool SourceFor(Waveform& w, const Coding& c, SampleSource& s) {
@@ -148,6 +155,17 @@ bool SourceFor(Waveform& w, const Coding& c, SampleSource& s) {
 void EncodeSamples(SampleSource& s, const Coding& c, uint8_t* out, uint64_t first, uint64_t count) {
   constexpr bool bigEndian = false;
   if (count == 0) return;
+  if (c.gsm) {
+    // Whole pairs from one encoder; `first` is on a pair, a short last run is
+    // padded with silence.
+    if (first == 0) s.gsm = GsmEncoderState{};
+    for (uint64_t at = 0; at < count; at += kGsmPairSamples) {
+      int16_t pcm[kGsmPairSamples] = {};
+      std::memcpy(pcm, s.s16 + first + at, std::min(kGsmPairSamples, count - at) * sizeof(int16_t));
+      kvGsmEncodePair(s.gsm, pcm, std::span<uint8_t, kGsmPairBytes>(out + at / kGsmPairSamples * kGsmPairBytes, kGsmPairBytes));
+    }
+    return;
+  }
   if (c.codeBits) {
     if (first == 0)
       for (G72xState& state : s.ccitt) kvG72xInit(state, c.codeBits);
@@ -215,7 +233,6 @@ constexpr char kSoftware[20] = "Kelvo Studio v12.5";
 
 const char* Unavailable(int format) {
   switch (format) {
-    case kGsm2: return "GSM encoding is not available yet";
     case kCompressed: return "MP3 encoding is not available yet";
     default: return nullptr;
   }
@@ -411,11 +428,14 @@ void PutHead(BlockWriter& o, const Waveform& w, const WavLayout& L) {
   o.U32le(w.sampleRate);
   // Bytes a second, rounded up for packed codes: readers (FFmpeg) take the
   // code width from it, and a rate like 44100 at 3 bits would read as 2.
-  o.U32le(static_cast<uint32_t>(c.codeBits ? (uint64_t{w.sampleRate} * L.channels * c.codeBits + 7) / 8
-                                           : uint64_t{w.sampleRate} * L.channels * c.bytes));
-  o.U16le(static_cast<uint16_t>(c.codeBits ? c.blockAlign : L.channels * c.bytes));
+  if (c.gsm) o.U32le(static_cast<uint32_t>(w.sampleRate * 1.625 * 0.125));
+  else
+    o.U32le(static_cast<uint32_t>(c.codeBits ? (uint64_t{w.sampleRate} * L.channels * c.codeBits + 7) / 8
+                                             : uint64_t{w.sampleRate} * L.channels * c.bytes));
+  o.U16le(static_cast<uint16_t>(c.codeBits || c.gsm ? c.blockAlign : L.channels * c.bytes));
   o.U16le(c.bits);
-  if (fmtSize >= 18) o.U16le(L.extensible ? 22 : c.codeBits ? 2 : 0);
+  if (fmtSize >= 18) o.U16le(L.extensible ? 22 : c.codeBits || c.gsm ? 2 : 0);
+  if (c.gsm) o.U16le(kGsmPairSamples);
   // CCITT's 2 extra bytes: the codes a block of the block align holds.
   if (c.codeBits && fmtSize >= 20) o.U16le(static_cast<uint16_t>(c.blockAlign * 8 / c.codeBits));
   if (L.extensible) {
@@ -427,7 +447,9 @@ void PutHead(BlockWriter& o, const Waveform& w, const WavLayout& L) {
   if (L.fact) {
     o.Id("fact");
     o.U32le(4);
-    o.U32le(L.frames);
+    // GSM counts the padded last pair.
+    o.U32le(c.gsm ? static_cast<uint32_t>((uint64_t{L.frames} + kGsmPairSamples - 1) / kGsmPairSamples * kGsmPairSamples)
+                  : L.frames);
   }
   if (L.variant == kWavBare) PutSmpl(o, w, L);
   if (!L.extra.empty()) o.Bytes(L.extra.data(), L.extra.size());
@@ -485,6 +507,13 @@ bool ChooseCoding(const Waveform& wave, uint32_t request, uint32_t variant, WavL
   return true;
 }
 
+// PickChannels, but GSM holds one channel: every reader takes it so.
+int ChannelsFor(const Waveform& wave, uint32_t request, const Coding& c) {
+  if (!c.gsm || wave.channels < 2) return PickChannels(wave, request);
+  MessageBox("Note: GSM 06.10 holds one channel; the stereo wave is mixed to mono.", kProgramName);
+  return 1;
+}
+
 // The sizes of the wave as it goes out (after its channels were adapted).
 bool SizeLayout(const Waveform& w, WavLayout& L) {
   if (w.channels < 1 || w.channels > 2) return Fail(kExp, "The file format can not save this item");
@@ -503,7 +532,7 @@ bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t var
   if (!ChooseCoding(wave, request, variant, L)) return false;
 
   ClearError();
-  AdaptedWave adapted(wave, PickChannels(wave, request));
+  AdaptedWave adapted(wave, ChannelsFor(wave, request, L.coding));
   Waveform* w = adapted.get();
   if (!w) return FailRead(kExp);
   if (!SizeLayout(*w, L)) return false;
@@ -524,7 +553,10 @@ bool WriteWaveFile(Waveform& wave, FileRef& file, uint32_t request, uint32_t var
   // second copy of itself in memory.
   // Packed codes go in runs of whole bytes: a multiple of 8 frames.
   const uint64_t frameBytes = uint64_t{L.channels} * L.coding.bytes;
-  const uint64_t blockFrames = L.coding.codeBits ? 1u << 16 : std::max<uint64_t>(1, (1u << 20) / frameBytes);
+  // GSM goes in runs of whole pairs.
+  const uint64_t blockFrames = L.coding.gsm        ? kGsmPairSamples * 4096
+                               : L.coding.codeBits ? 1u << 16
+                                                   : std::max<uint64_t>(1, (1u << 20) / frameBytes);
   auto block = TryAllocArray<uint8_t>(
       static_cast<std::size_t>(CodedBytes(L.coding, std::min<uint64_t>(L.frames, blockFrames) * L.channels)));
   if (!block && L.frames) return Fail(kExp, "Out of memory");
@@ -544,7 +576,7 @@ bool WriteWaveBody(Waveform& wave, std::vector<uint8_t>& out, uint32_t request, 
   L.extra = extra;
 
   ClearError();
-  AdaptedWave adapted(wave, PickChannels(wave, request));
+  AdaptedWave adapted(wave, ChannelsFor(wave, request, L.coding));
   Waveform* w = adapted.get();
   if (!w) return FailRead(kExp);
   if (!SizeLayout(*w, L)) return false;
