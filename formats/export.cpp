@@ -741,7 +741,16 @@ bool SaveCollectionOrItem(Collection& c, Item* item, const fs::path& out, const 
   int chosen = -1;
   if (!options.format.empty()) {
     chosen = FindWriterRow(options.format, mask);
-    if (chosen < 0) return Fail(kExportContext, "No writer \"%s\" for this item", options.format.c_str());
+    if (chosen < 0) {
+      // A row the table lists as writable whose writer isn't built says so.
+      const std::string& f = options.format;
+      if (!f.empty() && f.size() < 5 && std::all_of(f.begin(), f.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
+        const int row = std::atoi(f.c_str());
+        if (FormatAt(row) && !RowWriteFunction(row) && (FormatAt(row)->design & kDesignWrite))
+          return Fail(kExportContext, "Writing \"%s\" files is not available yet", FormatName(row));
+      }
+      return Fail(kExportContext, "No writer \"%s\" for this item", f.c_str());
+    }
   }
   SaveTarget target;
   // Without --format the typed extension decides; with an unknown one the

@@ -220,7 +220,7 @@ constexpr FormatEntry kFormats[] = {
     /*164*/ {"gig", nullptr, gig_Exp, nullptr, "GigaStudio v3 - Compressed", 0x91, 0x00300014, 3, nullptr, W_},
     /*165*/ {"gi!", nullptr, nullptr, dls_GigSplitDetect, "GigaStudio/GSImport split", 0x80, 0x00000000, 0, nullptr, RD},
     /*166*/ {"gkh", nullptr, nullptr, nullptr, "Ensoniq EPS disk image", 0x80, 0x00000000, 0, nullptr, RD},
-    /*167*/ {"gsm", nullptr, nullptr, nullptr, "Raw GSM 06.10", 0x01, 0x00100400, 0, nullptr, RWD},
+    /*167*/ {"gsm", raw_CodedImp, raw_CodedExp, raw_CodedDetect, "Raw GSM 06.10", 0x01, 0x00100400, RawParameter(kRawGsm, 0), nullptr, RWD},
     /*168*/ {"gsm", nullptr, nullptr, nullptr, "Raw GSM 06.10 'byte aligned'", 0x01, 0x00100400, 0, nullptr, RWD},
     /*169*/ {"gsm", nullptr, nullptr, nullptr, "USR GSM without header", 0x01, 0x00100400, 0, nullptr, RWD},
     /*170*/ {"gsm", nullptr, nullptr, nullptr, "USR GSM without header (alternative)", 0x01, 0x00100400, 0, nullptr, W_},

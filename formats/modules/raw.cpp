@@ -10,6 +10,7 @@
 #include "codecs/adpcm.h"
 #include "codecs/codepack.h"
 #include "codecs/g72x.h"
+#include "codecs/gsm610.h"
 #include "codecs/rockwell.h"
 #include "core/app.h"
 #include "core/error.h"
@@ -95,6 +96,7 @@ WaveReadCallback CallbackOf(RawFamily f) {
     case kRawYamaha: return raw_YamahaImpWave;
     case kRawCcitt: return raw_G72xImpWave;
     case kRawRockwell: return raw_RockwellImpWave;
+    case kRawGsm: return raw_GsmImpWave;
     default: return nullptr;
   }
 }
@@ -143,6 +145,47 @@ bool ReadCodedWave(Waveform& w, FileRef& file, int bits, ChunkDecoder& decoder) 
   return true;
 }
 
+// The lazy read of the framed rows: whole frames of `frameBytes` bytes, each
+// `frameSamples` mono samples, `decode(frames, in, out)` false on a corrupt
+// frame (its message set). Frames the data doesn't hold are zeros.
+template <typename Decode>
+bool ReadFramedWave(Waveform& w, FileRef& file, uint32_t frameBytes, uint32_t frameSamples, Decode&& decode) {
+  const char* context = "raw_ImpWave";
+  const uint64_t samples = w.length;
+  if (samples == 0) return Fail(context, "Zero length");
+  w.channels = 1;
+  int16_t* out = AllocSamples16(w);
+  if (!out) return Fail(context, "Out of memory");
+  uint64_t done = 0;
+  struct ZeroTail {
+    int16_t* out;
+    const uint64_t& done;
+    uint64_t samples;
+    ~ZeroTail() { std::memset(out + done, 0, (samples - done) * sizeof(int16_t)); }
+  } zeroTail{out, done, samples};
+  ByteCursor cur(file);
+  if (!cur.Seek(w.fileOffset)) return Fail(context, "Reading from file failed");
+  uint64_t left = cur.Left();
+  if (w.dataEnd > w.fileOffset) left = std::min(left, w.dataEnd - w.fileOffset);
+  const uint64_t chunkFrames = std::max<uint64_t>(1, (1u << 20) / frameBytes);
+  auto buffer = TryAllocArray<uint8_t>(static_cast<std::size_t>(std::min(chunkFrames, std::max<uint64_t>(left / frameBytes, 1)) * frameBytes));
+  auto pcm = TryAllocArray<int16_t>(frameSamples);
+  if (!buffer || !pcm) return Fail(context, "Out of memory");
+  while (done < samples && left >= frameBytes) {
+    const uint64_t frames = std::min(chunkFrames, left / frameBytes);
+    if (!cur.Bytes(buffer.get(), static_cast<std::size_t>(frames * frameBytes))) return Fail(context, "Reading from file failed");
+    left -= frames * frameBytes;
+    for (uint64_t f = 0; f < frames && done < samples; ++f) {
+      const uint64_t take = std::min<uint64_t>(frameSamples, samples - done);
+      int16_t* o = take == frameSamples ? out + done : pcm.get();
+      if (!decode(buffer.get() + f * frameBytes, o)) return false;
+      if (o != out + done) std::memcpy(out + done, o, take * sizeof(int16_t));
+      done += take;
+    }
+  }
+  return true;
+}
+
 int WaveBits(const Waveform& w) { return w.bits; }
 bool MsbFirst(const Waveform& w) { return (w.sourceFormat & kSourceBigEndian) != 0; }
 
@@ -163,6 +206,14 @@ bool raw_CodedImp(Collection& collection, FileRef& file, uint32_t parameter) {
   if (family == kRawALaw || family == kRawMuLaw) {
     SetGenericFormat(*wave, family == kRawALaw ? kALaw : kMuLaw, 0);
     wave->length = static_cast<uint32_t>(std::min<uint64_t>(size, UINT32_MAX));
+    return true;
+  }
+  if (family == kRawGsm) {
+    wave->bits = 2;
+    wave->sourceFormat = SourceFormatBit(kGsm2);
+    wave->length = static_cast<uint32_t>(std::min<uint64_t>(size / kGsmFrameBytes * kGsmFrameSamples, UINT32_MAX));
+    wave->dataEnd = size;
+    wave->readCallback = raw_GsmImpWave;
     return true;
   }
   const uint32_t bits = RawParameterBits(parameter);
@@ -225,9 +276,20 @@ bool raw_RockwellImpWave(Waveform& w, FileRef& file) {
   return ReadCodedWave(w, file, WaveBits(w), d);
 }
 
+bool raw_GsmImpWave(Waveform& w, FileRef& file) {
+  GsmDecoderState state;
+  return ReadFramedWave(w, file, kGsmFrameBytes, kGsmFrameSamples, [&](const uint8_t* in, int16_t* out) {
+    if (kvGsmDecodeFrame(state, std::span<const uint8_t, kGsmFrameBytes>(in, kGsmFrameBytes),
+                         std::span<int16_t, kGsmFrameSamples>(out, kGsmFrameSamples)))
+      return true;
+    return Fail("raw_ImpWave", "Corrupted GSM stream");
+  });
+}
+
 std::string raw_CodingName(const Waveform& w) {
   char text[96];
   const int bits = w.bits;
+  if (w.readCallback == raw_GsmImpWave) return "GSM 06.10";
   if (w.readCallback == raw_DialogicImpWave) return "Dialogic ADPCM 4-bit";
   if (w.readCallback == raw_YamahaImpWave) return "Yamaha ADPCM 4-bit";
   if (w.readCallback == raw_RockwellImpWave) {
@@ -263,6 +325,38 @@ bool WriteAll(FileRef& file, const uint8_t* data, std::size_t size) {
   return size == 0 || file.Write(data, size) ? true : Fail(kRawExp, "Writing to file failed");
 }
 
+// The wave mixed to mono in 33-byte frames, the last one padded with silence.
+bool WriteGsm(Waveform& wave, FileRef& file) {
+  ClearError();
+  Waveform* w = AdaptWaveChannels(wave, 1);
+  if (!w) return Fail(kRawExp, "%s", ErrorMessage[0] ? ErrorMessage : "The file format can not save this item");
+  struct Release {
+    Waveform& original;
+    Waveform* adapted;
+    ~Release() { ReleaseAdapted(original, adapted); }
+  } release{wave, w};
+  const uint64_t samples = w->length;
+  const int16_t* in = samples ? Samples16(*w) : nullptr;
+  if (samples && !in) return Fail(kRawExp, "%s", ErrorMessage[0] ? ErrorMessage : "Out of memory");
+  constexpr uint64_t kChunk = 4096;  // frames a write
+  auto buffer = TryAllocArray<uint8_t>(kChunk * kGsmFrameBytes);
+  if (!buffer) return Fail(kRawExp, "Out of memory");
+  GsmEncoderState state;
+  const uint64_t frames = (samples + kGsmFrameSamples - 1) / kGsmFrameSamples;
+  for (uint64_t done = 0; done < frames;) {
+    const uint64_t n = std::min(kChunk, frames - done);
+    for (uint64_t f = 0; f < n; ++f) {
+      const uint64_t at = (done + f) * kGsmFrameSamples;
+      int16_t pcm[kGsmFrameSamples] = {};
+      std::memcpy(pcm, in + at, std::min<uint64_t>(kGsmFrameSamples, samples - at) * sizeof(int16_t));
+      kvGsmEncodeFrame(state, pcm, std::span<uint8_t, kGsmFrameBytes>(buffer.get() + f * kGsmFrameBytes, kGsmFrameBytes));
+    }
+    if (!WriteAll(file, buffer.get(), static_cast<std::size_t>(n * kGsmFrameBytes))) return false;
+    done += n;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool raw_CodedExp(Item& item, FileRef& file, ExportRequest& request) {
@@ -282,6 +376,7 @@ bool raw_CodedExp(Item& item, FileRef& file, ExportRequest& request) {
     std::snprintf(ErrorContext, sizeof ErrorContext, "%s", kRawExp);
     return false;
   }
+  if (family == kRawGsm) return WriteGsm(*wave, file);
   if (!IsAdpcmFamily(family)) return Fail(kRawExp, "Unsupported subformat");
   const int bits = family == kRawCcitt || family == kRawRockwell ? WriteWidth(*wave, request.request, parameter) : 4;
   if (bits < 2 || bits > (family == kRawRockwell ? 4 : 5)) return Fail(kRawExp, "Unsupported subformat");

@@ -1,5 +1,5 @@
 // Headerless sample files: the raw fallback of row 0, and the rows of one
-// coding each (G.711, Dialogic, Yamaha, CCITT G.72x, Rockwell), which frame
+// coding each (G.711, Dialogic, Yamaha, CCITT G.72x, Rockwell, GSM), which frame
 // a whole file for a codec of codecs/. A coded row's parameter word names
 // its coding (RawParameter below), so a new coding is a family, a reader and
 // a writer here and rows in the registry.
@@ -32,6 +32,7 @@ enum RawFamily : uint32_t {
   kRawYamaha = 4,    // Yamaha 4-bit ADPCM, low nibble first
   kRawCcitt = 5,     // CCITT G.721/G.723/G.726, mono
   kRawRockwell = 6,  // Rockwell 2/3/4-bit ADPCM, mono, least significant bit first
+  kRawGsm = 7,       // GSM 06.10, 33-byte frames of 160 samples, mono
 };
 
 // The parameter word of a coded row: bits 0-7 the family, 8-11 the code
@@ -61,6 +62,9 @@ bool raw_DialogicImpWave(Waveform& wave, FileRef& file);
 bool raw_YamahaImpWave(Waveform& wave, FileRef& file);
 bool raw_G72xImpWave(Waveform& wave, FileRef& file);
 bool raw_RockwellImpWave(Waveform& wave, FileRef& file);
+// Whole 33-byte frames; a frame without its 0xD nibble fails with "Corrupted
+// GSM stream".
+bool raw_GsmImpWave(Waveform& wave, FileRef& file);
 
 // "Dialogic ADPCM 4-bit" and the like for a wave these rows read; empty for
 // any other.
