@@ -524,6 +524,15 @@ int SaveClass(const Item* item) {
   }
 }
 
+namespace {
+bool IsListedExtension(const std::string& ext) {
+  if (ext.size() < 2) return false;
+  for (int i = 0; i < kFormatCount; ++i)
+    if (EqualsNoCase(ext.substr(1), FormatExtension(i))) return true;
+  return false;
+}
+}  // namespace
+
 bool ChooseSaveTarget(const Item* item, const fs::path& typed, int chosenRow, const ExportRequest& chosenRequest,
                       SaveTarget& out, uint8_t typeMask) {
   const uint8_t mask = typeMask ? typeMask : SaveTypeMask(item);
@@ -545,7 +554,9 @@ bool ChooseSaveTarget(const Item* item, const fs::path& typed, int chosenRow, co
   if (typedRow >= 0 && !EqualsNoCase(ext.substr(1), FormatExtension(row))) {
     row = typedRow;
     request = ExportRequest{};
-  } else if (typedRow < 0) {
+  } else if (typedRow < 0 && !(row == chosenRow && IsListedExtension(ext))) {
+    // A row named outright keeps a name whose extension the table knows
+    // ("x.g722" written by row 134, whose own extension is "g722-8").
     path += std::string(".") + FormatExtension(row);
   }
   out.path = path;

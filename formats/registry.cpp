@@ -178,16 +178,16 @@ constexpr FormatEntry kFormats[] = {
     /*122*/ {"g721-4", raw_CodedImp, nullptr, raw_CodedDetect, "G.721 4-bit ADPCM", 0x01, 0x00000000, RawParameter(kRawCcitt, 4), nullptr, RD},
     /*123*/ {"g721-4", nullptr, raw_CodedExp, nullptr, "G.721 ADPCM - Big Endian", 0x01, 0x00102000, RawParameter(kRawCcitt, 4), nullptr, W_},
     /*124*/ {"g721-4", nullptr, raw_CodedExp, nullptr, "G.721 ADPCM - Little Endian", 0x01, 0x00102000, RawParameter(kRawCcitt, 4, true), nullptr, W_},
-    /*125*/ {"g722", nullptr, nullptr, nullptr, "G.726 ADPCM", 0x01, 0x00000000, 0, nullptr, RD},
+    /*125*/ {"g722", raw_CodedImp, nullptr, raw_CodedDetect, "G.726 ADPCM", 0x01, 0x00000000, RawParameter(kRawG722, 8, false, 16000), nullptr, RD},
     /*126*/ {"g722", nullptr, nullptr, nullptr, "G.726 ADPCM - Big Endian", 0x01, 0x00000000, 0, nullptr, W_},  // code width of this G.72x variant unknown
     /*127*/ {"g722", nullptr, nullptr, nullptr, "G.726 ADPCM - Little Endian", 0x01, 0x00000000, 0, nullptr, W_},  // code width of this G.72x variant unknown
-    /*128*/ {"g722-6", nullptr, nullptr, nullptr, "G.726 48 kbit/s ADPCM", 0x01, 0x00000000, 0, nullptr, RD},
+    /*128*/ {"g722-6", raw_CodedImp, nullptr, raw_CodedDetect, "G.726 48 kbit/s ADPCM", 0x01, 0x00000000, RawParameter(kRawG722, 6, false, 16000), nullptr, RD},
     /*129*/ {"g722-6", nullptr, nullptr, nullptr, "G.726 48 kbit/s ADPCM - Big Endian", 0x01, 0x00000000, 0, nullptr, W_},  // code width of this G.72x variant unknown
     /*130*/ {"g722-6", nullptr, nullptr, nullptr, "G.726 48 kbit/s ADPCM - Little Endian", 0x01, 0x00000000, 0, nullptr, W_},  // code width of this G.72x variant unknown
-    /*131*/ {"g722-7", nullptr, nullptr, nullptr, "G.726 56 kbit/s ADPCM", 0x01, 0x00000000, 0, nullptr, RD},
+    /*131*/ {"g722-7", raw_CodedImp, nullptr, raw_CodedDetect, "G.726 56 kbit/s ADPCM", 0x01, 0x00000000, RawParameter(kRawG722, 7, false, 16000), nullptr, RD},
     /*132*/ {"g722-7", nullptr, nullptr, nullptr, "G.726 56 kbit/s ADPCM - Big Endian", 0x01, 0x00000000, 0, nullptr, W_},  // code width of this G.72x variant unknown
     /*133*/ {"g722-7", nullptr, nullptr, nullptr, "G.726 56 kbit/s ADPCM - Little Endian", 0x01, 0x00000000, 0, nullptr, W_},  // code width of this G.72x variant unknown
-    /*134*/ {"g722-8", nullptr, nullptr, nullptr, "G.726 64 kbit/ ADPCM", 0x01, 0x00000000, 0, nullptr, RWD},  // code width of this G.72x variant unknown
+    /*134*/ {"g722-8", raw_CodedImp, raw_CodedExp, raw_CodedDetect, "G.726 64 kbit/ ADPCM", 0x01, 0x00102000, RawParameter(kRawG722, 8, false, 16000), nullptr, RWD},  // G.722 code words of 8 bits
     /*135*/ {"g723", raw_CodedImp, nullptr, raw_CodedDetect, "G.723 ADPCM", 0x01, 0x00000000, RawParameter(kRawCcitt, 3), nullptr, RD},
     /*136*/ {"g723", nullptr, raw_CodedExp, nullptr, "G.723 ADPCM - Big Endian", 0x01, 0x00105000, RawParameter(kRawCcitt, 3), nullptr, W_},
     /*137*/ {"g723", nullptr, raw_CodedExp, nullptr, "G.723 ADPCM - Little Endian", 0x01, 0x00105000, RawParameter(kRawCcitt, 3, true), nullptr, W_},

@@ -10,6 +10,7 @@
 #include "codecs/adpcm.h"
 #include "codecs/codepack.h"
 #include "codecs/g72x.h"
+#include "codecs/g722.h"
 #include "codecs/gsm610.h"
 #include "codecs/rockwell.h"
 #include "core/app.h"
@@ -97,6 +98,7 @@ WaveReadCallback CallbackOf(RawFamily f) {
     case kRawCcitt: return raw_G72xImpWave;
     case kRawRockwell: return raw_RockwellImpWave;
     case kRawGsm: return raw_GsmImpWave;
+    case kRawG722: return raw_G722ImpWave;
     default: return nullptr;
   }
 }
@@ -216,6 +218,19 @@ bool raw_CodedImp(Collection& collection, FileRef& file, uint32_t parameter) {
     wave->readCallback = raw_GsmImpWave;
     return true;
   }
+  if (family == kRawG722) {
+    const uint32_t width = RawParameterBits(parameter);
+    if (width < 6 || width > 8) {
+      DeleteItem(wave);
+      return Fail(kRawImp, "Unsupported compression type");
+    }
+    wave->bits = static_cast<uint8_t>(width);
+    wave->sourceFormat = SourceFormatBit(kAdpcm4);  // 4 bits a sample at every width
+    wave->length = static_cast<uint32_t>(std::min<uint64_t>(size * 2, UINT32_MAX));
+    wave->dataEnd = size;
+    wave->readCallback = raw_G722ImpWave;
+    return true;
+  }
   const uint32_t bits = RawParameterBits(parameter);
   if (!IsAdpcmFamily(family) || bits < 2 || bits > 5) {
     DeleteItem(wave);
@@ -286,10 +301,24 @@ bool raw_GsmImpWave(Waveform& w, FileRef& file) {
   });
 }
 
+bool raw_G722ImpWave(Waveform& w, FileRef& file) {
+  G722State state;
+  kvG722Init(state, w.bits);
+  if (state.bits != w.bits) return Fail("raw_ImpWave", "Unsupported compression type");
+  return ReadFramedWave(w, file, 1, 2, [&](const uint8_t* in, int16_t* out) {
+    kvDecodeG722(state, {in, 1}, {out, 2});
+    return true;
+  });
+}
+
 std::string raw_CodingName(const Waveform& w) {
   char text[96];
   const int bits = w.bits;
   if (w.readCallback == raw_GsmImpWave) return "GSM 06.10";
+  if (w.readCallback == raw_G722ImpWave) {
+    std::snprintf(text, sizeof text, "G.722 %d kbit/s", bits * 8);
+    return text;
+  }
   if (w.readCallback == raw_DialogicImpWave) return "Dialogic ADPCM 4-bit";
   if (w.readCallback == raw_YamahaImpWave) return "Yamaha ADPCM 4-bit";
   if (w.readCallback == raw_RockwellImpWave) {
@@ -357,6 +386,38 @@ bool WriteGsm(Waveform& wave, FileRef& file) {
   return true;
 }
 
+// Mode 8 only: 16 kHz mono, a byte per two samples; an odd last sample is
+// paired with itself.
+bool WriteG722(Waveform& wave, FileRef& file, uint32_t parameter) {
+  if (RawParameterBits(parameter) != 8) return Fail(kRawExp, "Unsupported subformat");
+  if (wave.sampleRate != RawParameterRate(parameter))
+    return Fail(kRawExp, "G.722 holds 16000 Hz audio; this wave is %u Hz", wave.sampleRate);
+  ClearError();
+  Waveform* w = AdaptWaveChannels(wave, 1);
+  if (!w) return Fail(kRawExp, "%s", ErrorMessage[0] ? ErrorMessage : "The file format can not save this item");
+  struct Release {
+    Waveform& original;
+    Waveform* adapted;
+    ~Release() { ReleaseAdapted(original, adapted); }
+  } release{wave, w};
+  const uint64_t samples = w->length;
+  const int16_t* in = samples ? Samples16(*w) : nullptr;
+  if (samples && !in) return Fail(kRawExp, "%s", ErrorMessage[0] ? ErrorMessage : "Out of memory");
+  constexpr uint64_t kChunk = 1u << 17;  // samples a write, even
+  auto buffer = TryAllocArray<uint8_t>(kChunk / 2);
+  if (!buffer) return Fail(kRawExp, "Out of memory");
+  G722State state;
+  kvG722Init(state, 8);
+  for (uint64_t done = 0; done < samples;) {
+    const uint64_t n = std::min(kChunk, samples - done);
+    const std::size_t bytes = static_cast<std::size_t>((n + 1) / 2);
+    kvEncodeG722(state, {in + done, static_cast<std::size_t>(n)}, {buffer.get(), bytes});
+    if (!WriteAll(file, buffer.get(), bytes)) return false;
+    done += n;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool raw_CodedExp(Item& item, FileRef& file, ExportRequest& request) {
@@ -377,6 +438,7 @@ bool raw_CodedExp(Item& item, FileRef& file, ExportRequest& request) {
     return false;
   }
   if (family == kRawGsm) return WriteGsm(*wave, file);
+  if (family == kRawG722) return WriteG722(*wave, file, parameter);
   if (!IsAdpcmFamily(family)) return Fail(kRawExp, "Unsupported subformat");
   const int bits = family == kRawCcitt || family == kRawRockwell ? WriteWidth(*wave, request.request, parameter) : 4;
   if (bits < 2 || bits > (family == kRawRockwell ? 4 : 5)) return Fail(kRawExp, "Unsupported subformat");

@@ -1,5 +1,5 @@
 // Headerless sample files: the raw fallback of row 0, and the rows of one
-// coding each (G.711, Dialogic, Yamaha, CCITT G.72x, Rockwell, GSM), which frame
+// coding each (G.711, Dialogic, Yamaha, CCITT G.72x, Rockwell, GSM, G.722), which frame
 // a whole file for a codec of codecs/. A coded row's parameter word names
 // its coding (RawParameter below), so a new coding is a family, a reader and
 // a writer here and rows in the registry.
@@ -33,6 +33,7 @@ enum RawFamily : uint32_t {
   kRawCcitt = 5,     // CCITT G.721/G.723/G.726, mono
   kRawRockwell = 6,  // Rockwell 2/3/4-bit ADPCM, mono, least significant bit first
   kRawGsm = 7,       // GSM 06.10, 33-byte frames of 160 samples, mono
+  kRawG722 = 8,      // G.722, a byte per two samples at 16 kHz, code words of 8, 7 or 6 bits
 };
 
 // The parameter word of a coded row: bits 0-7 the family, 8-11 the code
@@ -65,6 +66,8 @@ bool raw_RockwellImpWave(Waveform& wave, FileRef& file);
 // Whole 33-byte frames; a frame without its 0xD nibble fails with "Corrupted
 // GSM stream".
 bool raw_GsmImpWave(Waveform& wave, FileRef& file);
+// The code word width (8, 7 or 6) is the wave's bits.
+bool raw_G722ImpWave(Waveform& wave, FileRef& file);
 
 // "Dialogic ADPCM 4-bit" and the like for a wave these rows read; empty for
 // any other.

@@ -320,9 +320,6 @@ bool ParseFmt(WavState& st, uint64_t body, uint64_t bodyEnd) {
     const double d = w.sampleRate < 28000 ? 2.0 : 1.0;
     setBits(1);
     rateCode(GetU16le(x + 10) * static_cast<double>(w.sampleRate) / (144000.0 / d));
-  } else if (tag == 101) {
-    setBits(4);
-    w.preferredFormat = 7;
   } else if (IsAacTag(tag) || IsOggTag(tag)) {
     setBits(1);
     rateCode(avgBytes * 8.0 / 1000.0);
@@ -751,7 +748,6 @@ void FinishWave(WavState& st, FileRef& file) {
 
 const char* MissingDecoder(uint32_t tag) {
   if (tag == 80 || tag == 85) return "MPEG audio";
-  if (tag == 101) return "G.722 ADPCM";
   if (IsAacTag(tag)) return "AAC";
   if (IsOggTag(tag)) return "Ogg Vorbis";
   return nullptr;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "codecs/codepack.h"
+#include "codecs/g722.h"
 #include "codecs/g72x.h"
 #include "codecs/gsm610.h"
 #include "codecs/rockwell.h"
@@ -107,6 +108,32 @@ uint32_t BlockFramesOf(const CodedFormat& f, uint64_t bytes) {
   return std::min(holds, f.samplesPerBlock);
 }
 
+// G.722 at 64 kbit/s: a byte per two samples of one channel, the channels'
+// bytes in turn, each channel its own decoder.
+void DecodeG722Chunk(std::span<const uint8_t> in, G722State (&state)[2], int fileChannels, int channels, uint64_t frames,
+                     int16_t* out) {
+  if (fileChannels == 1) {
+    const uint64_t bytes = std::min<uint64_t>(in.size(), frames / 2);
+    kvDecodeG722(state[0], in.first(bytes), {out, bytes * 2});
+    if (frames & 1 && bytes < in.size()) {
+      int16_t pair[2];
+      kvDecodeG722(state[0], in.subspan(bytes, 1), pair);
+      out[frames - 1] = pair[0];
+    }
+    return;
+  }
+  for (uint64_t i = 0; i < frames; i += 2) {
+    for (int c = 0; c < channels; ++c) {
+      const uint64_t at = i / 2 * fileChannels + c;
+      if (at >= in.size()) return;
+      int16_t pair[2];
+      kvDecodeG722(state[c], in.subspan(at, 1), pair);
+      out[i * channels + c] = pair[0];
+      if (i + 1 < frames) out[(i + 1) * channels + c] = pair[1];
+    }
+  }
+}
+
 }  // namespace
 
 bool IsCcittTag(uint32_t tag) {
@@ -120,7 +147,8 @@ bool IsCcittTag(uint32_t tag) {
 bool IsGsmTag(uint32_t tag) { return tag == 49 || tag == 4096 || tag == 771; }
 
 bool IsCodedTag(uint32_t tag) {
-  return tag == 2 || tag == 17 || IsCcittTag(tag) || tag == 23 || tag == 32 || tag == 59 || tag == 768 || IsGsmTag(tag);
+  return tag == 2 || tag == 17 || IsCcittTag(tag) || tag == 23 || tag == 32 || tag == 59 || tag == 768 || IsGsmTag(tag) ||
+         tag == 101;
 }
 
 bool CodedFields(ByteCursor& cur, uint64_t body, uint64_t fmtSize, std::vector<uint8_t>& fields) {
@@ -199,6 +227,11 @@ bool ParseCodedFmt(std::span<const uint8_t> fields, uint32_t tag, uint32_t chann
     f.bits = 2;
     return true;
   }
+  if (tag == 101) {
+    // A byte codes two samples: 4 bits a sample.
+    f.bits = 4;
+    return true;
+  }
   if (tag == 59 || tag == 768) {
     if (u16(0) < 2 || u16(0) > 4) return Fail(kImp, "Unsupported or invalid Rockwell ADPCM file");
     if (channels != 1) return Fail(kImp, "Can only handle mono Rockwell ADPCM format");
@@ -237,6 +270,7 @@ uint64_t CodedFrames(const CodedFormat& f, uint64_t dataBytes) {
   }
   if (f.tag == 49 || f.tag == 771) return GsmFrames(f, dataBytes);
   if (f.tag == 23) return dataBytes * 2;
+  if (f.tag == 101) return dataBytes * 2 / f.channels;
   if (f.tag == 32) return f.channels == 2 ? dataBytes : dataBytes * 2;
   return kvPackedCodeCount(dataBytes, static_cast<int>(f.bits)) / f.channels;
 }
@@ -309,6 +343,8 @@ bool DecodeCoded(Waveform& w, ByteCursor& cur, const CodedFormat& f, uint64_t da
   RockwellState rockwell;
   DialogicState dialogic;
   YamahaState yamaha[2];
+  G722State g722[2];
+  for (G722State& s : g722) kvG722Init(s, 8);
   for (G72xState& s : g72x) kvG72xInit(s, static_cast<int>(f.bits));
   kvRockwellInit(rockwell, static_cast<int>(f.bits));
   while (done < decodable) {
@@ -320,6 +356,7 @@ bool DecodeCoded(Waveform& w, ByteCursor& cur, const CodedFormat& f, uint64_t da
       case 23: kvDecodeDialogic(chunk, dialogic, {o, n}); break;
       case 32: kvDecodeYamaha(chunk, yamaha, channels, n, {o, n * channels}); break;
       case 59: case 768: kvDecodeRockwell(chunk, rockwell, {o, n}); break;
+      case 101: DecodeG722Chunk(chunk, g722, fileChannels, channels, n, o); break;
       default: {
         // Codes most significant bit first, the channels' codes in turn.
         CodeReader codes(chunk, static_cast<int>(f.bits), true);
@@ -349,6 +386,7 @@ std::string CodedName(const CodedFormat& f) {
     case 32: return "Yamaha ADPCM 4-bit";
     case 59: case 768: std::snprintf(text, sizeof text, "Rockwell ADPCM %u-bit", f.bits); return text;
     case 49: case 771: return "GSM 06.10";
+    case 101: return "G.722 64 kbit/s";
     default: return {};
   }
 }

@@ -24,7 +24,7 @@ bool IsCcittTag(uint32_t tag);
 // 49, 4096 (GSM 06.10 in 65-byte pairs) and 771 (GSM in 38-byte records).
 bool IsGsmTag(uint32_t tag);
 // 2 (MS ADPCM), 17 (IMA), the CCITT family, 23 (Dialogic), 32 (Yamaha), 59
-// and 768 (Rockwell), and the GSM tags.
+// and 768 (Rockwell), the GSM tags and 101 (G.722).
 bool IsCodedTag(uint32_t tag);
 
 struct CodedFormat {
