@@ -4,7 +4,8 @@
 # the CPU time (user + sys) of each run is printed with the ratio. ADPCM rows
 # follow: IMA and MS ADPCM decoded to 16-bit WAV against sox, libsndfile's
 # sndfile-convert and FFmpeg, and 16-bit WAV to "ADPCM 4-bit" against FFmpeg's
-# adpcm_g726 and python3-soundfile's G721_32.
+# adpcm_g726 and python3-soundfile's G721_32. GSM 06.10 and G.722 rows close
+# the run (see there).
 #
 #   bench/bench_convert.sh [kelvo binary] [runs]
 set -euo pipefail
@@ -103,3 +104,35 @@ printf "%-26s %8s %8s %8s %8s %8s\n" "conversion" "kelvo" "sox" "sndfile" "ffmpe
 arow "IMA ADPCM -> WAV 16" "${t[kima]}" "${t[sima]}" "${t[lima]}" "${t[fima]}"
 arow "MS ADPCM -> WAV 16" "${t[kms]}" "${t[sms]}" "${t[lms]}" "${t[fms]}"
 arow "WAV 16 -> ADPCM 4-bit" "${t[kg]}" "-" "${t[lg]}" "${t[fg]}"
+
+# GSM 06.10 and G.722: 10 minutes of speech-band noise, 8 kHz mono for GSM
+# and 16 kHz mono for G.722. GSM is encoded to WAV (tag 49) and decoded back
+# to 16-bit WAV against sox and libsndfile (both libgsm) and FFmpeg's
+# libgsm_ms/gsm_ms; G.722 to and from raw codes against FFmpeg's adpcm_g722.
+# Our GSM bytes are libgsm's and our G.722 bytes FFmpeg's, which is checked.
+sox -n -r 8000 -c 1 -b 16 "$work/g8.wav" synth 600 pinknoise vol 0.3 sine 300 vol 0.5
+sox -n -r 16000 -c 1 -b 16 "$work/g16.wav" synth 600 pinknoise vol 0.3 sine 700 vol 0.5
+t[kge]=$(cpu "$kelvo" -NOMSG "$work/g8.wav" --save "$work/kgsm.wav" --data-format "GSM 2-bit")
+t[sge]=$(cpu sox -D "$work/g8.wav" -e gsm-full-rate "$work/sgsm.wav")
+t[lge]=$(peer sndfile-convert -gsm610 "$work/g8.wav" "$work/lgsm.wav")
+t[fge]=$(peer ffmpeg -nostdin -v error -y -i "$work/g8.wav" -c:a libgsm_ms "$work/fgsm.wav")
+dataof() { python3 -c "import sys; d=open(sys.argv[1],'rb').read(); i=d.find(b'data'); n=int.from_bytes(d[i+4:i+8],'little'); sys.stdout.buffer.write(d[i+8:i+8+n])" "$1"; }
+cmp -s <(dataof "$work/kgsm.wav") <(dataof "$work/sgsm.wav") || { echo "GSM bytes differ from sox's" >&2; exit 1; }
+t[kgd]=$(cpu "$kelvo" -NOMSG "$work/sgsm.wav" --save "$work/kgd.wav" --data-format "PCM 16-bit")
+t[sgd]=$(cpu sox -D "$work/sgsm.wav" -e signed-integer -b 16 "$work/sgd.wav")
+t[lgd]=$(peer sndfile-convert -pcm16 "$work/sgsm.wav" "$work/lgd.wav")
+t[fgd]=$(peer ffmpeg -nostdin -v error -y -i "$work/sgsm.wav" -c:a pcm_s16le "$work/fgd.wav")
+cmp -s <(sox "$work/kgd.wav" -t s16 -) <(sox "$work/sgd.wav" -t s16 - | head -c "$(sox "$work/kgd.wav" -t s16 - | wc -c)") ||
+  { echo "GSM samples differ from sox" >&2; exit 1; }
+t[k7e]=$(cpu "$kelvo" -NOMSG "$work/g16.wav" --save "$work/k.g722" --format 134)
+t[f7e]=$(peer ffmpeg -nostdin -v error -y -i "$work/g16.wav" -c:a adpcm_g722 -f g722 "$work/f.g722")
+if have ffmpeg; then cmp -s "$work/k.g722" "$work/f.g722" || { echo "G.722 bytes differ from FFmpeg's" >&2; exit 1; }; fi
+t[k7d]=$(cpu "$kelvo" -NOMSG "$work/k.g722" --save "$work/k7d.wav" --data-format "PCM 16-bit")
+t[f7d]=$(peer ffmpeg -nostdin -v error -y -f g722 -i "$work/k.g722" -c:a pcm_s16le "$work/f7d.wav")
+echo
+echo "GSM 06.10 (8 kHz) and G.722 (16 kHz), 10 min mono, CPU seconds, best of $runs; ratio to the fastest peer"
+printf "%-26s %8s %8s %8s %8s %8s\n" "conversion" "kelvo" "sox" "sndfile" "ffmpeg" "ratio"
+arow "WAV 16 -> GSM WAV" "${t[kge]}" "${t[sge]}" "${t[lge]}" "${t[fge]}"
+arow "GSM WAV -> WAV 16" "${t[kgd]}" "${t[sgd]}" "${t[lgd]}" "${t[fgd]}"
+arow "WAV 16 -> G.722" "${t[k7e]}" "-" "-" "${t[f7e]}"
+arow "G.722 -> WAV 16" "${t[k7d]}" "-" "-" "${t[f7d]}"

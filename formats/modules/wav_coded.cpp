@@ -277,8 +277,11 @@ uint64_t CodedFrames(const CodedFormat& f, uint64_t dataBytes) {
 
 uint64_t CodedBlockFrames(const CodedFormat& f) {
   if (IsBlockTag(f.tag)) return f.samplesPerBlock;
-  if (f.tag == 49) return GsmFrames(f, GsmBlockBytes(f));
+  // GSM and G.722: a pair, a record or a byte, whatever the block align, so
+  // that a fact can't make the decoder allocate much past the data.
+  if (f.tag == 49) return 2 * kGsmFrameSamples;
   if (f.tag == 771) return kGsmFrameSamples;
+  if (f.tag == 101) return 2;
   return std::max<uint64_t>(1, CodedFrames(f, f.blockAlign));
 }
 
