@@ -525,11 +525,12 @@ int SaveClass(const Item* item) {
 }
 
 namespace {
-bool IsListedExtension(const std::string& ext) {
-  if (ext.size() < 2) return false;
-  for (int i = 0; i < kFormatCount; ++i)
-    if (EqualsNoCase(ext.substr(1), FormatExtension(i))) return true;
-  return false;
+// "g722" names the family of "g722-8": a variant row's extension is its
+// family's and a dash.
+bool IsFamilyExtension(const std::string& typed, const char* rowExtension) {
+  const std::string row = rowExtension;
+  return typed.size() > 1 && row.size() > typed.size() && EqualsNoCase(row.substr(0, typed.size() - 1), typed.substr(1)) &&
+         row[typed.size() - 1] == '-';
 }
 }  // namespace
 
@@ -554,9 +555,9 @@ bool ChooseSaveTarget(const Item* item, const fs::path& typed, int chosenRow, co
   if (typedRow >= 0 && !EqualsNoCase(ext.substr(1), FormatExtension(row))) {
     row = typedRow;
     request = ExportRequest{};
-  } else if (typedRow < 0 && !(row == chosenRow && IsListedExtension(ext))) {
-    // A row named outright keeps a name whose extension the table knows
-    // ("x.g722" written by row 134, whose own extension is "g722-8").
+  } else if (typedRow < 0 && !(row == chosenRow && IsFamilyExtension(ext, FormatExtension(row)))) {
+    // A row named outright keeps a name in its family's extension ("x.g722"
+    // written by row 134, whose own extension is "g722-8").
     path += std::string(".") + FormatExtension(row);
   }
   out.path = path;

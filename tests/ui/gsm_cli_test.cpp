@@ -50,7 +50,9 @@ TEST_F(GsmCli, GsmWaveRawGsmAndG722ByRow) {
   EXPECT_EQ(soxi, "8000\n");
   std::vector<int16_t> ours, sox;
   ASSERT_TRUE(test::SoxSamples16(dir / "x.wav", "", ours));
-  if (test::SoxSamples16(dir / "x.gsm", "-t gsm", sox)) EXPECT_EQ(ours, sox);
+  if (test::SoxSamples16(dir / "x.gsm", "-t gsm", sox)) {
+    EXPECT_EQ(ours, sox);
+  }
 
   ASSERT_TRUE(test::RunPeer("sox", "-D '" + (dir / "speech.wav").string() + "' -r 16000 -c 1 '" +
                                        (dir / "wide.wav").string() + "'"));
