@@ -110,8 +110,8 @@ arow "WAV 16 -> ADPCM 4-bit" "${t[kg]}" "-" "${t[lg]}" "${t[fg]}"
 # to 16-bit WAV against sox and libsndfile (both libgsm) and FFmpeg's
 # libgsm_ms/gsm_ms; G.722 to and from raw codes against FFmpeg's adpcm_g722.
 # Our GSM bytes are libgsm's and our G.722 bytes FFmpeg's, which is checked.
-sox -n -r 8000 -c 1 -b 16 "$work/g8.wav" synth 600 pinknoise vol 0.3 sine 300 vol 0.5
-sox -n -r 16000 -c 1 -b 16 "$work/g16.wav" synth 600 pinknoise vol 0.3 sine 700 vol 0.5
+sox -n -r 8000 -c 1 -b 16 "$work/g8.wav" synth 600 pinknoise synth 600 sine mix 300 vol 0.5
+sox -n -r 16000 -c 1 -b 16 "$work/g16.wav" synth 600 pinknoise synth 600 sine mix 700 vol 0.5
 t[kge]=$(cpu "$kelvo" -NOMSG "$work/g8.wav" --save "$work/kgsm.wav" --data-format "GSM 2-bit")
 t[sge]=$(cpu sox -D "$work/g8.wav" -e gsm-full-rate "$work/sgsm.wav")
 t[lge]=$(peer sndfile-convert -gsm610 "$work/g8.wav" "$work/lgsm.wav")
