@@ -34,7 +34,10 @@ bool ExportToMemory(kv::Waveform& wave, uint32_t variant, bool w64, bool rf64 = 
   if (!in.OpenRead(out.Path())) return true;
   if (!kv::wav_Imp(back, in, 0)) return false;
   const auto waves = back.All<kv::Waveform>();
-  if (waves.size() != 1 || waves[0]->length != wave.length || waves[0]->channels != wave.channels) {
+  // A fact of 1 isn't trusted, so a one-frame coded wave reads back with the
+  // frames its codes fill (a byte of 4-bit codes holds two).
+  const bool lengthOk = !waves.empty() && (waves[0]->length == wave.length || (wave.length == 1 && waves[0]->length <= 8));
+  if (waves.size() != 1 || !lengthOk || waves[0]->channels != wave.channels) {
     std::fprintf(stderr, "written %u frames of %d channels, read back %u of %d\n", wave.length, wave.channels,
                  waves.empty() ? 0 : waves[0]->length, waves.empty() ? 0 : waves[0]->channels);
     __builtin_trap();
