@@ -251,7 +251,7 @@ bool Save(Collection& c, const fs::path& path, int row) {
   return SaveFile(&c, path, row, ExportRequest{}, false);
 }
 
-constexpr int kRowV1Normal = 161, kRowV1Compressed = 162, kRowV3Normal = 163, kRowV3Compressed = 164;
+constexpr int kRowV1Compressed = 162, kRowV3Normal = 163, kRowV3Compressed = 164;
 
 // gigdump's values of one field, in file order.
 std::vector<double> DumpValues(const std::string& dump, const std::string& field) {
