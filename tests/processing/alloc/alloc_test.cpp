@@ -97,7 +97,7 @@ struct RowSetting {
 };
 
 // The finder sets loops but counts no wave as modified.
-bool CountsNoWave(const WizardOperation& row) { return std::strcmp(row.key, "auto-loop") == 0; }
+[[maybe_unused]] bool CountsNoWave(const WizardOperation& row) { return std::strcmp(row.key, "auto-loop") == 0; }
 
 [[maybe_unused]] Result RunOnAll(Collection& c, const WizardOperation& row) {
   for (const RowSetting& s : kSettings) {
