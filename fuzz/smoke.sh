@@ -14,7 +14,7 @@ for target in "$build"/fuzz/fuzz_*; do
   [ -d "$here/seeds/$name" ] && seeds+=("$here/seeds/$name")
   [ -d "$corpus" ] && seeds+=("$corpus")
   echo "fuzz smoke: $name for ${seconds}s"
-  "$target" -max_total_time="$seconds" -rss_limit_mb=2048 -max_len=65536 -timeout=10 \
+  LSAN_OPTIONS="suppressions=$here/lsan.supp" "$target" -max_total_time="$seconds" -rss_limit_mb=2048 -max_len=65536 -timeout=10 \
     "$work" "${seeds[@]}" >"$work.log" 2>&1 || { tail -50 "$work.log"; exit 1; }
   rm -rf "$work" "$work.log"
 done
